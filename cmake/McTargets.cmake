@@ -1,0 +1,20 @@
+# Shared compile settings: warnings as errors on our own code, optional sanitizers.
+add_library(mc_warnings INTERFACE)
+target_compile_options(mc_warnings INTERFACE -Wall -Wextra -Werror)
+
+add_library(mc_sanitize INTERFACE)
+if(MC_SANITIZE)
+  target_compile_options(mc_sanitize INTERFACE -fsanitize=${MC_SANITIZE} -fno-omit-frame-pointer
+                                               -fno-sanitize-recover=all)
+  target_link_options(mc_sanitize INTERFACE -fsanitize=${MC_SANITIZE})
+endif()
+
+# mc_add_sources(<target> <folder>...): every .cpp/.c under the folders (not recursive).
+function(mc_glob_sources out)
+  set(result)
+  foreach(dir IN LISTS ARGN)
+    file(GLOB found CONFIGURE_DEPENDS ${dir}/*.cpp ${dir}/*.c)
+    list(APPEND result ${found})
+  endforeach()
+  set(${out} ${result} PARENT_SCOPE)
+endfunction()
