@@ -14,6 +14,7 @@
 
 #include "mc/host/Export.h"
 #include "mc/host/HostServices.h"
+#include "mc/host/LStrCache.h"
 #include "mc/host/MediaManager.h"
 
 // --- utility library ----------------------------------------------------------------------
@@ -39,13 +40,7 @@ MCHOST_API int U_SP_AcquireSuite(const char* name, int32_t major, int32_t minor,
 MCHOST_API void ALOG_Log(int level, std::string_view category, std::string_view event,
                          std::string_view text);
 
-// Localised-string cache: a message table of {text, 0, 0, 0} entries ended by {null, ~0, ~0, 0}.
-struct U_LStrCacheEntry {
-    const char* text;
-    uintptr_t a;
-    uintptr_t b;
-    uintptr_t c;
-};
+// Localised-string cache: see include/mc/host/LStrCache.h.
 // Looks up entry `index` of the table `zref` points at; empty for an index past the end.
 MCHOST_API std::u16string U_ZLookupLStrCache(const U_LStrCacheEntry* zref, int index, int, int);
 // Copies a localised string into a narrow buffer (UTF-8, NUL-terminated). Returns 0 or an error.

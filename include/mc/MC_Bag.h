@@ -1,0 +1,138 @@
+// MC_Bag: the cache's membership — which items are cached, in which order they were last used,
+// and how many bytes they hold in memory, checked out and on disk. Owns one sort directory that
+// finds items by GUID. Also the disk-cache settings and budget. One global bag exists per process
+// (MC_GlobalBag), owned by shared_ptr; items point back to it weakly.
+// Thread-safety: every member may be called from any thread. Structural changes happen under the
+// process-wide cache lock (MCp_ScLock); the size totals are atomics readable without it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "mc/Export.h"
+#include "mc/MC_Types.h"
+#include "mc/host/IntrusivePtr.h"
+#include "mc/host/Signal.h"
+
+namespace velacore {
+class Dir;
+class File;
+}  // namespace velacore
+class MCp_ScLock;
+class MC_StuffData;
+
+class MC_API MC_Bag : public std::enable_shared_from_this<MC_Bag> {
+public:
+    using StuffPtr = IntrusivePtr<MC_Stuff>;
+
+    explicit MC_Bag(unsigned appVersion);
+    virtual ~MC_Bag();
+    MC_Bag(const MC_Bag&) = delete;
+    MC_Bag& operator=(const MC_Bag&) = delete;
+
+    // --- membership ---
+    // Stamps the item as used now and adds it. Throws 3 when it is already in a bag.
+    void AddStuff(const StuffPtr& stuff);
+    // Throws 3 when the item is not in this bag.
+    void RemoveStuff(const StuffPtr& stuff);
+    // Adds to the bag, then to its sort directory.
+    void AddToBagAndSortDir(const StuffPtr& stuff);
+    void RemoveStuffFromBagAndSortDir(const StuffPtr& stuff, const MCp_ScLock& lock,
+                                      bool updateMediaMap);
+    // Removes every item (module shut-down).
+    void ClearBagAndSortDir();
+    // Moves the item to the most recently used end.
+    void UpdateWithNewLastUsedTime(const StuffPtr& stuff, const MCp_ScLock& lock);
+    // Re-stamps the item and re-syncs its size after its payload changed; keeps its position.
+    void AccountForStuffDataModification(const StuffPtr& stuff);
+    // Finds an identical (else a satisfying) item for `request` and checks it out; may create a
+    // pending item (flag 0x10). *found must be non-null; foundHasDiskFile may be null.
+    MC_CheckoutResult FindAndCheckout(const StuffPtr& request, int checkoutFlags, StuffPtr* found,
+                                      bool* foundHasDiskFile);
+    std::shared_ptr<MC_SortDir> GetSortDir() const { return sortDir_; }
+
+    // --- size accounting ---
+    void AdjustInMemoryCacheSize(int64_t delta);
+    void AdjustCheckedOutMemoryCacheSize(int64_t delta);
+    void AdjustOnDiskCacheSize(int64_t delta);
+    int64_t GetInMemoryCacheSizeInBytes_LockFree() const { return inMemory_.load(); }
+    int64_t GetCheckedOutMemoryCacheSizeInBytes() const { return checkedOut_.load(); }
+    // Walks the items: payload sizes of resident items, and of items with a disk file.
+    void GetCacheSizesInBytes(uint64_t& inMemory, uint64_t& onDisk) const;
+    uint64_t GetCurrentMaxCacheSize() const;
+    float GetPercentOfAvailableMemoryCheckedOut() const;
+    float GetPercentOfAvailableMemoryFree() const;
+    int GetNumItems() const;
+    int GetNumMruSortedItems() const { return GetNumItems(); }
+    int GetNumGuidSortedItems() const;
+    unsigned GetAppVersion() const { return appVersion_; }
+    uint64_t GetLastPurgedUsedTime() const { return lastPurgedUsedTime_.load(); }
+    // Items oldest first (a snapshot holding references).
+    std::vector<StuffPtr> SnapshotItems() const;
+
+    // --- memory purge ---
+    // Frees least recently used payloads until the host's purge target is met. The argument is
+    // ignored. Returns the bytes freed.
+    int64_t FreeUpSomeMemory(size_t ignored);
+    void PurgeAllMemoryCaches();
+
+    // --- disk cache settings ---
+    // Resolves and stores the per-machine folder under `root` and the budget in megabytes.
+    // Throws 14855 (nothing changed) when the folder cannot be used.
+    void SetDiskCacheInfo(const velacore::Dir& root, uint64_t maxSizeMegabytes);
+    bool EnableDiskCache(bool enable) { return diskEnabled_.exchange(enable); }
+    bool IsDiskCacheEnabled() const { return diskEnabled_.load(); }
+    velacore::Dir GetDiskCacheDirSpec() const;
+    std::u16string GetDiskCacheRootPath() const;
+    velacore::Signal<void()>& GetDiskOutOfSpaceSignal() { return diskOutOfSpace_; }
+    void ScanOneDiskCacheFile(const velacore::File& file);
+    void ScanDiskCacheDir();
+
+    // --- disk budget ---
+    int64_t GetCurrentDiskCacheSize() const { return diskSize_.load(); }
+    uint64_t GetCurrentMaxDiskCacheSize() const { return static_cast<uint64_t>(maxDisk_.load()); }
+    int64_t GetCurrentFreeDiskSpace() const;
+    bool IsDiskCacheLimitedDueToDriveSpace() const;
+    bool EnsureDiskSpace(int64_t amount, uint64_t lastUseLimit);
+    uint64_t FindDiskCacheSizeAcrossVersions(unsigned& folderCount);
+    void PurgeAllDiskCaches(const std::function<void(unsigned, unsigned)>& progress,
+                            bool includeOtherVersions, unsigned& done, unsigned& total);
+
+    // --- disk statistics ---
+    double GetDiskWriteQueueSizePercentFull() const;
+    double GetAdjustedWriteTimePercent(double spanSeconds, double threshold) const;
+    double GetPercentTimeReadingFromDisk(double spanSeconds) const;
+    double GetPercentTimeWritingToDisk(double spanSeconds) const;
+
+private:
+    friend class MC_Stuff;
+    friend class MC_SortDir;
+    friend struct MCp_BagAccess;
+
+    void AddStuffGuts(const StuffPtr& stuff, const MCp_ScLock& lock, bool updateMediaMap);
+    void RemoveStuffGuts(const StuffPtr& stuff, const MCp_ScLock& lock, bool updateMediaMap);
+    void TrackLastPurgedUsedTime(uint64_t t) { lastPurgedUsedTime_.store(t); }
+    void TraceMediaMapChange(const char* what, const StuffPtr& stuff);
+
+    MC_MruSet mru_;
+    std::shared_ptr<MC_SortDir> sortDir_;
+    std::atomic<bool> diskEnabled_{false};
+    std::unique_ptr<velacore::Dir> diskDir_;
+    std::u16string rootPath_;
+    mutable std::recursive_mutex diskInfoMutex_;
+    std::atomic<int64_t> maxDisk_{0};
+    std::atomic<int64_t> diskSize_{0};
+    unsigned appVersion_;
+    std::atomic<uint64_t> lastPurgedUsedTime_{0};
+    std::atomic<int64_t> inMemory_{0};
+    std::atomic<int64_t> checkedOut_{0};
+    velacore::Signal<void()> diskOutOfSpace_;
+    std::shared_ptr<std::list<IntrusivePtr<MC_Stuff>>> spareList_;
+    uint64_t lastScanMark_ = 0;
+};

@@ -1,0 +1,230 @@
+// MC_Stuff: one cached item — an identity (GUID), a payload, the key it was requested by, and the
+// bookkeeping that lets many threads share it: check-out count and writeable check-out, a pending
+// render with a gate other threads wait on, the last-use time for the recency order, compute
+// time, disk file, and the sizes it reported to its bag.
+// Thread-safety: any thread may use any item. Lock order: a receipt's lock, then the cache lock
+// (MCp_ScLock), then the item lock; never the cache lock while holding an item lock. Counters,
+// reported sizes, the last-use time and the pending flag are atomics readable without locks.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <thread>
+
+#include "mc/Export.h"
+#include "mc/MC_StuffData.h"
+#include "mc/MC_Types.h"
+#include "mc/host/Guid.h"
+#include "mc/host/IntrusivePtr.h"
+#include "mc/host/MultiTenantRecursiveMutex.h"
+#include "mc/host/OpenOnceGate.h"
+#include "mc/host/Signal.h"
+
+namespace velacore {
+class File;
+}
+class MCp_ScLock;
+class MC_ScCheckout;
+
+class MC_API MC_Stuff : public velacore::RefCountedObjectWithWeakPtr {
+public:
+    // Keeps an item's disk file from being deleted while it lives (see CheckoutDiskCache).
+    class MC_API DiskCacheCheckoutScoper {
+    public:
+        DiskCacheCheckoutScoper(std::atomic<uint32_t>& itemCount,
+                                std::atomic<uint32_t>& globalCount);
+        ~DiskCacheCheckoutScoper();
+        DiskCacheCheckoutScoper(const DiskCacheCheckoutScoper&) = delete;
+        DiskCacheCheckoutScoper& operator=(const DiskCacheCheckoutScoper&) = delete;
+
+    private:
+        std::atomic<uint32_t>& itemCount_;
+        std::atomic<uint32_t>& globalCount_;
+    };
+    using StateSignal = velacore::Signal<void(bool inMemory, bool onDisk)>;
+
+    // A pending item with no data (the sort directory creates these).
+    MC_Stuff();
+    // An item around `data`, completed at once with `computeTime`.
+    static IntrusivePtr<MC_Stuff> CreateNew(IntrusivePtr<MC_StuffData> data, double computeTime);
+
+    // --- identity ---
+    velacore::Guid GetGuid() const;
+    // Sets the GUID without re-keying the sort directory.
+    void SetGuid(const velacore::Guid& guid);
+    // Sets the GUID and re-keys the item in its sort directory.
+    void UpdateWithNewGuid(const velacore::Guid& guid);
+    velacore::Guid GetMediaMapGuid() const;
+    void SetMediaMapGuid(const velacore::Guid& guid);
+    uint64_t GetMediaMapID() const;
+    void SetMediaMapID(uint64_t id);
+
+    // --- payload and key ---
+    IntrusivePtr<MC_StuffData> GetDataPtr() const;
+    // The payload when there is one, else the key the item was requested by.
+    IntrusivePtr<MC_StuffData> GetFindKeyData() const;
+    void SetFindKeyData(IntrusivePtr<MC_StuffData> key);
+    // Waits for a pending render, then returns the payload (null when it was abandoned).
+    IntrusivePtr<MC_StuffData> GetDataWaitIfPending();
+    // Priority of the find-key data; 0 without one.
+    MC_CachePriority GetCachePriority() const;
+
+    // --- times ---
+    double GetComputeTime() const;
+    void SetComputeTime(double seconds);
+    double GetCachedComputeTimeSavings() const;
+    void SetCachedComputeTimeSavings(double seconds);
+    // Compute time plus cached savings, read together.
+    double GetPotentialComputeTime() const;
+    uint64_t GetLastUseTime() const { return lastUseTime_.load(std::memory_order_acquire); }
+    void UpdateLastUsedTimeToNow();
+    uint64_t GetLastReadFromDiskTime() const;
+
+    // --- bag and sort directory ---
+    std::weak_ptr<MC_Bag> GetBag() const;
+    MC_MruSet::iterator GetBagIterator() const;
+    void SetBagAndIterator(std::weak_ptr<MC_Bag> bag, MC_MruSet::iterator it, bool hasIt);
+    std::shared_ptr<MC_SortDir> GetSortDir() const;
+    void SetSortDir(const std::shared_ptr<MC_SortDir>& dir);
+    StateSignal& GetMemDiskChangedSignal() { return stateSignal_; }
+
+    // --- state ---
+    bool IsInMemory() const;
+    bool IsOnDisk() const;
+    bool IsPendingRender() const { return pending_.load(std::memory_order_acquire); }
+    // Pending, created by the calling thread, and checked out.
+    bool IsPendingFromThisThread() const;
+    bool IsCheckedOutWriteable() const;
+    uint32_t GetCheckoutCount() const { return checkoutCount_.load(std::memory_order_acquire); }
+    bool WasTaggedToWriteToDisk() const { return taggedToWrite_.load(std::memory_order_acquire); }
+    uint32_t GetApproximateMemorySize() const;
+    bool ShouldAllowPurge() const;
+
+    // --- check-out and check-in ---
+    // Returns 0 (failed, nothing changed) or 1. Without flag 0x01 the check-out is writeable.
+    MC_CheckoutResult Checkout(int flags);
+    // Ends one check-out. computeTime only feeds the disk-write decision.
+    void Checkin(int flags, double computeTime);
+    // Check-in and check-out again with no purge able to slip in between.
+    MC_CheckoutResult CheckinAndCheckout(int checkinFlags, double computeTime, int checkoutFlags);
+    // Turns the caller's single read-only check-out into a writeable one and deletes the disk
+    // file. Throws 0x3A03 (already writeable, or more than one check-out) or 0x3A04 (none).
+    void ConvertToWriteable();
+    // Completes a pending render with `data` (null abandons it: the item leaves the bag) and
+    // releases every waiter. A second completion is ignored.
+    void SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData> data, double computeTime);
+    // Blocks while a render is pending (at most 24 hours).
+    void WaitForPendingCompletion();
+
+    // --- bag membership ---
+    void AddToBagAndSortDir(const std::shared_ptr<MC_Bag>& bag);
+    // Adds and checks out under one cache lock so that no purge takes the item first.
+    MC_CheckoutResult AddToBagAndSortDirAndCheckout(const std::shared_ptr<MC_Bag>& bag, int flags);
+    // Leaves bag and sort directory and drops the payload's memory.
+    void RemoveFromBagAndSortDir();
+    // Report this item's sizes to its bag (or the global bag when it has none).
+    void SyncMemorySizeWithBag(uint32_t size);
+    void SyncDiskSizeWithBag(uint32_t size);
+    // Takes the item out of its sort directory while keeping its reference to it.
+    void TempRemoveFromSortDir(const MCp_ScLock& lock, const velacore::ScopedWriteLockWrapper& w);
+
+    // --- purge ---
+    // Frees what the item can (nothing while checked out). Returns the bytes freed.
+    uint32_t FreeUpAsMuchAsPossible(bool updateMediaMap, MC_ReleaseList* releaseList);
+    void PurgeFromMediaMap();
+
+    // --- disk cache ---
+    void MaybeWriteToDisk();
+    void ReconsiderWriteToDisk();
+    bool WorthWritingToDiskCache(double computeTime, bool* canDiskCache,
+                                 bool* wouldWriteButQueueFull, bool* isLowPriority);
+    static void WriteToDiskAsyncOnDiskThread(IntrusivePtr<MC_Stuff> stuff);
+    static void WriteToDiskAsyncFromQueue();
+    static void WriteToDiskAsync(IntrusivePtr<MC_Stuff> stuff,
+                                 std::shared_ptr<MC_ScCheckout> receipt);
+    void PrepAndWrite(const std::shared_ptr<MC_Bag>& bag);
+    // Makes the payload resident, reading it back when needed. Returns whether it is resident.
+    bool EnsureInMemory();
+    bool PrepAndRead(velacore::ScopedUpgradeLockWrapper& upgradeLock);
+    // A hold on the disk file; empty when `onlyIfOnDisk` and the item has no file.
+    std::unique_ptr<DiskCacheCheckoutScoper> CheckoutDiskCache(bool onlyIfOnDisk);
+    velacore::File GetDiskCacheFile() const;
+    // Attaches `file` (replacing, or only when there is none). Returns whether it was attached.
+    bool SetDiskCacheFile(const velacore::File& file, bool onlyIfNone);
+    // Forgets the file without deleting it.
+    void ClearDiskCacheFile();
+    // Deletes the file when the item is idle, unheld and last used before `lastUseLimit`.
+    void MaybeDeleteDiskCacheFile(uint64_t lastUseLimit, bool& deleted, bool& tooRecent);
+    uint32_t GetDiskCacheCheckoutCount() const { return diskHolds_.load(); }
+    static void GetAdjustedAverageReadSpeed(double* readSpeed, double* queueScaledReadSpeed,
+                                            bool lowPriority);
+    static double GetAverageDiskReadSpeed();
+    static double GetAverageDiskWriteSpeed();
+    static double GetMaxDiskReadSpeed();
+    static double GetMaxDiskWriteSpeed();
+
+    // --- process-wide counters ---
+    static uint32_t GetNumStuffs();
+    static uint32_t GetNumStuffsOnDisk();
+    static uint32_t GetNumDiskCacheCheckouts();
+
+    // Locks of the item (for payload code and the cache's own helpers).
+    velacore::MultiTenantRecursiveMutex& GetLock() const { return lock_; }
+
+protected:
+    ~MC_Stuff() override;
+
+private:
+    friend class MC_Bag;
+    friend class MC_SortDir;
+    friend class MC_ScStuffSetter;
+    friend struct MCp_StuffAccess;
+
+    MC_CheckoutResult CheckoutForWrite(int flags);
+    MC_CheckoutResult CheckoutLocked(int flags, bool writeable, bool acceptPending);
+    void SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> data, double computeTime);
+    void CheckinRecency(int flags, bool wasWriteable, const std::shared_ptr<MC_SortDir>& dir);
+    void CheckinDiskStep(int flags, bool wasWriteable, double computeTime);
+    void ThrowIfCheckedOutLessThan(int n);
+    void ThrowIfCheckedOutMoreThan(int n);
+    void ThrowIfCheckedOutWriteable();
+    bool PurgeIfPossiblePrivate(const velacore::ScopedWriteLockWrapper& w,
+                                MC_ReleaseList* releaseList);
+    bool DeleteDiskCacheFile();
+    std::shared_ptr<MC_Bag> LockBag() const;
+    std::shared_ptr<MC_Bag> TargetBag() const;
+    void LockGuid() const;
+    void UnlockGuid() const { guidSpin_.store(0, std::memory_order_release); }
+
+    mutable std::atomic<int32_t> guidSpin_{0};
+    velacore::Guid guid_;
+    IntrusivePtr<MC_StuffData> data_;
+    IntrusivePtr<MC_StuffData> findKeyData_;
+    std::atomic<uint32_t> checkoutCount_{0};
+    bool checkedOutWriteable_ = false;
+    std::atomic<uint64_t> lastUseTime_;
+    std::atomic<uint64_t> lastReadFromDiskTime_{0};
+    std::shared_ptr<velacore::File> diskFile_;
+    std::weak_ptr<MC_Bag> bag_;
+    MC_MruSet::iterator bagIt_{};
+    bool hasBagIt_ = false;
+    std::weak_ptr<MC_SortDir> sortDir_;
+    uint64_t mediaMapId_ = 0;
+    velacore::Guid mediaMapGuid_;
+    std::atomic<bool> pending_{true};
+    std::shared_ptr<velacore::OpenOnceGate> gate_;
+    std::weak_ptr<velacore::OpenOnceGate> gateWeak_;
+    std::thread::id creatorThread_;
+    std::atomic<uint32_t> diskHolds_{0};
+    StateSignal stateSignal_;
+    std::atomic<uint32_t> memSizeReported_{0};
+    std::atomic<uint32_t> checkedOutSizeReported_{0};
+    std::atomic<uint32_t> diskSizeReported_{0};
+    std::atomic<bool> taggedToWrite_{false};
+    std::atomic<bool> writeInProgress_{false};
+    std::atomic<int32_t> purgeGuard_{0};  // 0 idle, 2 purging, 1 writing
+    double computeTime_ = 0.0;
+    double cachedComputeTimeSavings_ = 0.0;
+    mutable velacore::MultiTenantRecursiveMutex lock_;
+};

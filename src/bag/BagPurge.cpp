@@ -1,0 +1,85 @@
+// The memory purge: one walk from the least recently used item until the host's target is met.
+#include <string>
+
+#include "host/HostOps.h"
+#include "lifecycle/Counters.h"
+#include "mc/MCp_ScLock.h"
+#include "mc/MC_Bag.h"
+#include "mc/MC_Module.h"
+#include "mc/MC_Stuff.h"
+
+namespace {
+debug::TraceSite g_stuffStats("MC_Purge", 7);
+debug::TraceSite g_passStats("MC_Purge", 6);
+
+struct PurgeStats {
+    uint64_t index = 0;
+    uint64_t attempted = 0;
+    uint64_t freedItems = 0;
+    int64_t amountFreed = 0;
+    uint64_t newestUsed = 0;
+};
+}  // namespace
+
+int64_t MC_Bag::FreeUpSomeMemory(size_t) {
+    debug::ProfileScope profile("ZK.MC_Bag::FreeUpSomeMemory", 7);
+    MCp_GetCounters().purgePasses.fetch_add(1);
+    MC_ReleaseList releaseList;
+    PurgeStats stats;
+    int64_t totalFreed = 0;
+    {
+        MCp_ScLock lock;
+        debug::ProfileScope purgeProfile("ZK.MC_Bag::FreeUpSomeMemory - purge", 7);
+        const bool limitMode = MC_IsSetMCCacheLimitForQuilletsEnabled();
+        const uint64_t cacheLimit = MC_GetMaxMCCacheSize();
+        bool success = false;
+        bool previousFreed = false;
+        auto it = mru_.begin();
+        while (it != mru_.end()) {
+            if (!MC_IsGlobalBagSizeAboveMinimum()) break;
+            if (previousFreed && U_AmountToPurge() <= static_cast<uint64_t>(totalFreed)) {
+                success = true;
+                break;
+            }
+            if (limitMode && inMemory_.load() <= static_cast<int64_t>(cacheLimit)) {
+                success = true;
+                break;
+            }
+            StuffPtr stuff = it->stuff;
+            ++it;  // the item may leave the set below
+            ++stats.index;
+            previousFreed = false;
+            if (!stuff) config::DoThrowNullPtrException("MC_Stuff");
+            if (!stuff->ShouldAllowPurge() || !stuff->IsInMemory()) continue;
+            const uint32_t freed = stuff->FreeUpAsMuchAsPossible(true, &releaseList);
+            MCp_GetCounters().purgeAttempts.fetch_add(1);
+            ++stats.attempted;
+            stats.newestUsed = std::max(stats.newestUsed, stuff->GetLastUseTime());
+            if (freed == 0) continue;
+            previousFreed = true;
+            ++stats.freedItems;
+            stats.amountFreed += freed;
+            totalFreed += freed;
+            if (g_stuffStats.Enabled())
+                g_stuffStats.Write("Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:0, " +
+                                   std::to_string(stats.index) + ", " + std::to_string(freed) +
+                                   ", " + std::to_string(U_AmountToPurge()) + "\n");
+        }
+        if (g_passStats.Enabled())
+            g_passStats.Write(
+                "Pass-Stats: pass, totalStuffs, attemptedStuffs, freedStuffs, amountFreedInPass, "
+                "amtToPurge, success:0, " +
+                std::to_string(mru_.size()) + ", " + std::to_string(stats.attempted) + ", " +
+                std::to_string(stats.freedItems) + ", " + std::to_string(stats.amountFreed) +
+                ", " + std::to_string(U_AmountToPurge()) + ", " + (success ? "1" : "0") + "\n");
+        if (stats.newestUsed != 0) TrackLastPurgedUsedTime(stats.newestUsed);
+    }
+    releaseList.clear();  // purged payload memory is freed here, outside the cache lock
+    if (totalFreed != 0) U_PurgeRecycledMemory();
+    return totalFreed;
+}
+
+void MC_Bag::PurgeAllMemoryCaches() {
+    MCp_ScLock lock;
+    for (const StuffPtr& stuff : SnapshotItems()) stuff->FreeUpAsMuchAsPossible(true, nullptr);
+}

@@ -1,0 +1,221 @@
+// MC_Bag membership, recency order and size accounting.
+#include "mc/MC_Bag.h"
+
+#include <string>
+
+#include "bag/MC_SortDir.h"
+#include "host/HostOps.h"
+#include "lifecycle/Messages.h"
+#include "mc/MCp_ScLock.h"
+#include "mc/MC_Module.h"
+#include "mc/MC_Stuff.h"
+#include "mc/host/File.h"
+#include "mc/host/Time.h"
+#include "mediamap/MediaMapHooks.h"
+
+using velacore::HighPrecisionTime;
+using velacore::ScopedReadLockWrapper;
+
+namespace {
+debug::TraceSite g_adjustMemTrace("MC", 7);
+debug::TraceSite g_adjustCheckedTrace("MC", 7);
+debug::TraceSite g_adjustDiskTrace("MC", 7);
+debug::TraceSite g_mediaMapTrace("MC_MediaMap", 6);
+
+std::string PointerText(const void* p) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%p", p);
+    return buf;
+}
+}  // namespace
+
+MC_Bag::MC_Bag(unsigned appVersion)
+    : sortDir_(std::make_shared<MC_SortDir>()),
+      appVersion_(appVersion & 0x7FFFFFFFu),
+      spareList_(std::make_shared<std::list<IntrusivePtr<MC_Stuff>>>()) {}
+
+MC_Bag::~MC_Bag() = default;
+
+// --- membership ----------------------------------------------------------------------------
+
+void MC_Bag::AddStuff(const StuffPtr& stuff) {
+    MCp_ScLock lock;
+    stuff->UpdateLastUsedTimeToNow();
+    AddStuffGuts(stuff, lock, true);
+}
+
+void MC_Bag::RemoveStuff(const StuffPtr& stuff) {
+    MCp_ScLock lock;
+    RemoveStuffGuts(stuff, lock, true);
+}
+
+void MC_Bag::AddToBagAndSortDir(const StuffPtr& stuff) {
+    debug::ProfileScope profile("ZK.MC_Bag::AddToBagAndSortDir", 7);
+    MCp_ScLock lock;
+    debug::ProfileScope postLock("ZK.MC_Bag::AddToBagAndSortDir - post lock", 8);
+    AddStuff(stuff);
+    sortDir_->AddStuff(stuff);
+}
+
+void MC_Bag::RemoveStuffFromBagAndSortDir(const StuffPtr& stuff, const MCp_ScLock& lock,
+                                          bool updateMediaMap) {
+    debug::ProfileScope profile("ZK.MC_Bag::RemoveStuffFromBagAndSortDir", 7);
+    sortDir_->RemoveStuff(stuff);
+    RemoveStuffGuts(stuff, lock, updateMediaMap);
+}
+
+void MC_Bag::AddStuffGuts(const StuffPtr& stuff, const MCp_ScLock&, bool updateMediaMap) {
+    if (stuff->LockBag()) MCp_FailVerification("stuff already in a bag");
+    const bool mirror = MCp_MediaMapEnabled() && updateMediaMap;
+    if (mirror && stuff->IsInMemory()) MCp_MediaMapRegister(stuff);
+    auto it = mru_.insert(MC_MruEntry{stuff->GetLastUseTime(), stuff});
+    stuff->SetBagAndIterator(weak_from_this(), it, true);
+    if (IntrusivePtr<MC_StuffData> data = stuff->GetDataPtr())
+        stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+    if (mirror && g_mediaMapTrace.Enabled()) TraceMediaMapChange("Added stuff ", stuff);
+}
+
+void MC_Bag::RemoveStuffGuts(const StuffPtr& stuff, const MCp_ScLock&, bool updateMediaMap) {
+    if (stuff->LockBag().get() != this) MCp_FailVerification("stuff not in the right bag");
+    MC_MruSet::iterator it;
+    {
+        ScopedReadLockWrapper r(stuff->lock_);
+        it = stuff->bagIt_;
+    }
+    StuffPtr keep = stuff;  // the set's reference goes with the node
+    mru_.erase(it);
+    stuff->SetBagAndIterator({}, {}, false);
+    if (MCp_MediaMapEnabled() && updateMediaMap && MCp_MediaMapErase(stuff) &&
+        g_mediaMapTrace.Enabled())
+        TraceMediaMapChange("Removed stuff ", stuff);
+}
+
+void MC_Bag::TraceMediaMapChange(const char* what, const StuffPtr& stuff) {
+    uint64_t inMemory = 0, onDisk = 0;
+    GetCacheSizesInBytes(inMemory, onDisk);
+    g_mediaMapTrace.Write(std::string(what) + PointerText(stuff.get()) + " MC Cache size " +
+                          std::to_string(inMemory) + " num entries = " +
+                          std::to_string(mru_.size()) + " MediaMap size " +
+                          std::to_string(MCp_MediaMapSize()) + " num entries = " +
+                          std::to_string(MCp_MediaMapEntryCount()) + "\n");
+}
+
+// Moves the item to the young end. The node is re-linked, not reallocated, so a hit costs no
+// allocation; membership is verified and the media map refreshed as on remove and add.
+void MC_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const MCp_ScLock& lock) {
+    debug::ProfileScope profile("ZK.MC_Bag::UpdateWithNewLastUsedTime", 7);
+    if (stuff->LockBag().get() != this) MCp_FailVerification("stuff not in the right bag");
+    const bool mirror = MCp_MediaMapEnabled();
+    if (mirror) MCp_MediaMapErase(stuff);
+    MC_MruSet::iterator it;
+    {
+        ScopedReadLockWrapper r(stuff->lock_);
+        it = stuff->bagIt_;
+    }
+    auto node = mru_.extract(it);
+    stuff->UpdateLastUsedTimeToNow();
+    struct Relink {
+        MC_Bag* bag;
+        MC_MruSet::node_type* handle;
+        const StuffPtr* stuff;
+        bool mirror;
+    } relink{this, &node, &stuff, mirror};
+    const Relink* ctx = &relink;
+    config::ExecuteTopLevelFunction([ctx] {
+        ctx->handle->value().stamp = (*ctx->stuff)->GetLastUseTime();
+        auto pos = ctx->bag->mru_.insert(std::move(*ctx->handle));
+        (*ctx->stuff)->SetBagAndIterator(ctx->bag->weak_from_this(), pos, true);
+        if (ctx->mirror && (*ctx->stuff)->IsInMemory()) MCp_MediaMapRegister(*ctx->stuff);
+    });
+    (void)lock;
+}
+
+void MC_Bag::AccountForStuffDataModification(const StuffPtr& stuff) {
+    stuff->UpdateLastUsedTimeToNow();
+    IntrusivePtr<MC_StuffData> data = stuff->GetDataPtr();
+    if (!data) config::DoThrowNullPtrException("MC_StuffData");
+    stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+}
+
+void MC_Bag::ClearBagAndSortDir() {
+    MCp_ScLock lock;
+    for (const StuffPtr& stuff : SnapshotItems()) {
+        if (!stuff) config::DoThrowNullPtrException("MC_Stuff");
+        stuff->RemoveFromBagAndSortDir();
+    }
+}
+
+std::vector<MC_Bag::StuffPtr> MC_Bag::SnapshotItems() const {
+    MCp_ScLock lock;
+    std::vector<StuffPtr> items;
+    items.reserve(mru_.size());
+    for (const MC_MruEntry& e : mru_) items.push_back(e.stuff);
+    return items;
+}
+
+MC_CheckoutResult MC_Bag::FindAndCheckout(const StuffPtr& request, int checkoutFlags,
+                                          StuffPtr* found, bool* foundHasDiskFile) {
+    return sortDir_->FindAndCheckout(request, checkoutFlags, found, foundHasDiskFile);
+}
+
+// --- size accounting -----------------------------------------------------------------------
+
+void MC_Bag::AdjustInMemoryCacheSize(int64_t delta) {
+    inMemory_.fetch_add(delta);
+    if (g_adjustMemTrace.Enabled())
+        g_adjustMemTrace.Write("AdjustInMemoryCacheSize: " + std::to_string(delta) + "\n");
+}
+void MC_Bag::AdjustCheckedOutMemoryCacheSize(int64_t delta) {
+    checkedOut_.fetch_add(delta);
+    if (g_adjustCheckedTrace.Enabled())
+        g_adjustCheckedTrace.Write("AdjustCheckedOutMemoryCacheSize: " + std::to_string(delta) +
+                                   "\n");
+}
+void MC_Bag::AdjustOnDiskCacheSize(int64_t delta) {
+    diskSize_.fetch_add(delta);
+    if (g_adjustDiskTrace.Enabled())
+        g_adjustDiskTrace.Write("AdjustOnDiskCacheSize: " + std::to_string(delta) + "\n");
+}
+
+void MC_Bag::GetCacheSizesInBytes(uint64_t& inMemory, uint64_t& onDisk) const {
+    debug::ProfileScope profile("ZK.MC_Bag::GetCacheSizesInBytes", 9);
+    inMemory = 0;
+    onDisk = 0;
+    MCp_ScLock lock;
+    for (const MC_MruEntry& e : mru_) {
+        if (!e.stuff) config::DoThrowNullPtrException("MC_Stuff");
+        ScopedReadLockWrapper r(e.stuff->lock_);
+        const IntrusivePtr<MC_StuffData>& data = e.stuff->data_;
+        if (!data) continue;
+        const uint64_t size = data->GetApproximateMemorySize();
+        if (data->IsInMemory()) inMemory += size;
+        if (e.stuff->diskFile_) onDisk += size;
+    }
+}
+
+uint64_t MC_Bag::GetCurrentMaxCacheSize() const {
+    return U_AmountAvailableBeforePurge() + static_cast<uint64_t>(inMemory_.load());
+}
+
+float MC_Bag::GetPercentOfAvailableMemoryCheckedOut() const {
+    std::shared_ptr<MC_Bag> global = MC_GlobalBag();
+    const double checkedOut = global ? static_cast<double>(global->checkedOut_.load()) : 0.0;
+    const double available = static_cast<double>(U_AmountAvailableBeforePurge()) +
+                             static_cast<double>(inMemory_.load());
+    if (available <= 0.0) return checkedOut > 0.0 ? 1.0f : 0.0f;
+    return static_cast<float>(checkedOut / available);
+}
+
+float MC_Bag::GetPercentOfAvailableMemoryFree() const {
+    return 1.0f - GetPercentOfAvailableMemoryCheckedOut();
+}
+
+int MC_Bag::GetNumItems() const {
+    MCp_ScLock lock;
+    return static_cast<int>(mru_.size());
+}
+
+int MC_Bag::GetNumGuidSortedItems() const {
+    MCp_ScLock lock;
+    return static_cast<int>(sortDir_->Size());
+}

@@ -1,0 +1,188 @@
+// The sort directory: GUID index, superseded-entry sweep and find-and-checkout.
+#include "bag/MC_SortDir.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "host/HostOps.h"
+#include "lifecycle/Counters.h"
+#include "lifecycle/Messages.h"
+#include "mc/MCp_ScLock.h"
+#include "mc/MC_Bag.h"
+#include "mc/MC_Module.h"
+
+using velacore::ScopedReadLockWrapper;
+using velacore::ScopedWriteLockWrapper;
+
+size_t MC_SortDir::GuidHash::operator()(const StuffPtr& s) const {
+    const velacore::Guid::Bytes bytes = velacore::GuidToBytes(s->GetGuid());
+    return boost::hash_range(bytes.begin(), bytes.end());
+}
+
+bool MC_SortDir::GuidEqual::operator()(const StuffPtr& a, const StuffPtr& b) const {
+    return a == b || a->GetGuid() == b->GetGuid();
+}
+
+MC_SortDir::MC_SortDir() { index_.max_load_factor(1.0f); }
+
+// Candidates that failed during one find; usually empty, so it allocates only on failure.
+struct MC_SortDir::Attempt {
+    std::vector<StuffPtr> tried;
+    bool* foundHasDiskFile = nullptr;
+    StuffPtr found;
+    bool WasTried(const StuffPtr& s) const {
+        return std::find(tried.begin(), tried.end(), s) != tried.end();
+    }
+};
+
+void MC_SortDir::AddStuff(const StuffPtr& stuff) {
+    debug::ProfileScope profile("ZK.MC_SortDir::AddStuff", 6);
+    MCp_ScLock lock;
+    SweepSuperseded(stuff);
+    index_.insert(stuff);
+    stuff->SetSortDir(shared_from_this());
+}
+
+void MC_SortDir::SweepSuperseded(const StuffPtr& stuff) {
+    const IntrusivePtr<MC_StuffData> newKey = stuff->GetFindKeyData();
+    auto [first, last] = index_.equal_range(stuff);
+    std::vector<StuffPtr> doomed;
+    for (auto it = first; it != last; ++it) {
+        const StuffPtr& e = *it;
+        if (e == stuff) continue;
+        const bool dead = !e->IsInMemory() && !e->IsOnDisk() && !e->IsPendingRender();
+        const IntrusivePtr<MC_StuffData> eKey = e->GetFindKeyData();
+        if (dead || (newKey && eKey && newKey->CanSatisfyRequest(eKey))) doomed.push_back(e);
+    }
+    for (const StuffPtr& e : doomed) {
+        MCp_GetCounters().supersededSweeps.fetch_add(1);
+        RemoveEntry(e);
+    }
+}
+
+// Takes a superseded entry out. A checked-out entry is detached without disturbing its holders.
+void MC_SortDir::RemoveEntry(const StuffPtr& e) {
+    if (e->GetCheckoutCount() == 0) {
+        e->RemoveFromBagAndSortDir();
+        return;
+    }
+    if (std::shared_ptr<MC_Bag> bag = e->GetBag().lock()) {
+        MCp_ScLock lock;
+        bag->RemoveStuffGuts(e, lock, true);
+    }
+    e->SetSortDir(nullptr);
+    auto [first, last] = index_.equal_range(e);
+    for (auto it = first; it != last; ++it) {
+        if (*it == e) {
+            index_.erase(it);
+            break;
+        }
+    }
+}
+
+void MC_SortDir::RemoveStuff(const StuffPtr& stuff) {
+    debug::ProfileScope profile("ZK.MC_SortDir::RemoveStuff", 6);
+    MCp_ScLock lock;
+    std::shared_ptr<MC_SortDir> dir = stuff->GetSortDir();
+    if (!dir) return;
+    if (dir.get() != this) MCp_FailVerification("stuff not in the right sortdir");
+    if (stuff->IsCheckedOutWriteable())
+        MCp_FailVerification("can't remove a writeable stuff from sortdir");
+    auto [first, last] = index_.equal_range(stuff);
+    for (auto it = first; it != last; ++it) {
+        if (*it == stuff) {
+            index_.erase(it);
+            break;
+        }
+    }
+    stuff->SetSortDir(nullptr);
+}
+
+// Two passes over the request's GUID group: identical candidates, then satisfying ones.
+MC_CheckoutResult MC_SortDir::SearchGroup(const StuffPtr& request, int flags, Attempt& attempt) {
+    const IntrusivePtr<MC_StuffData> reqKey = request->GetFindKeyData();
+    auto [first, last] = index_.equal_range(request);
+    for (int pass = 0; pass < 2; ++pass) {
+        for (auto it = first; it != last; ++it) {
+            const StuffPtr& c = *it;
+            if (attempt.WasTried(c)) continue;
+            const IntrusivePtr<MC_StuffData> cKey = c->GetFindKeyData();
+            if (!cKey) continue;
+            const bool match =
+                pass == 0 ? cKey->IdenticalRequest(reqKey) : cKey->CanSatisfyRequest(reqKey);
+            if (!match) continue;
+            if (attempt.foundHasDiskFile) *attempt.foundHasDiskFile = c->IsOnDisk();
+            const MC_CheckoutResult r = c->Checkout(flags);
+            if (r == MC_CheckoutResult_Failed) {
+                attempt.tried.push_back(c);
+                continue;
+            }
+            attempt.found = c;
+            return r;
+        }
+    }
+    return MC_CheckoutResult_Failed;
+}
+
+MC_SortDir::StuffPtr MC_SortDir::CreatePending(const StuffPtr& request, int flags) {
+    debug::ProfileScope profile("ZK.MC_SortDir.CreatePending", 6);
+    StuffPtr pending(new MC_Stuff());
+    pending->SetGuid(request->GetGuid());
+    pending->SetFindKeyData(request->GetDataPtr());
+    std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
+    if (!bag) return nullptr;
+    bag->AddToBagAndSortDir(pending);
+    pending->MaybeWriteToDisk();
+    int pendingFlags = flags | MC_CheckoutFlag_WaitIfPending;
+    if (!(flags & (MC_CheckoutFlag_MemoryOnly | MC_CheckoutFlag_NoDiskRead)))
+        pendingFlags |= MC_CheckoutFlag_NoDiskRead;
+    if (pending->Checkout(pendingFlags) == MC_CheckoutResult_Failed) return nullptr;
+    return pending;
+}
+
+MC_CheckoutResult MC_SortDir::FindAndCheckout(const StuffPtr& request, int flags, StuffPtr* found,
+                                              bool* foundHasDiskFile) {
+    debug::ProfileScope profile("ZK.MC_SortDir::FindAndCheckout", 7);
+    if (!request) config::DoThrowNullPtrException("MC_Stuff");
+    Attempt attempt;
+    attempt.foundHasDiskFile = foundHasDiskFile;
+    const bool noBringBack = flags & (MC_CheckoutFlag_MemoryOnly | MC_CheckoutFlag_NoDiskRead);
+    for (;;) {
+        MC_CheckoutResult result;
+        {
+            debug::ProfileScope attemptProfile("ZK.MC_SortDir::FindAndCheckout 1", 8);
+            MCp_ScLock lock;
+            attempt.found.reset();
+            result = SearchGroup(request, flags, attempt);
+            if (result == MC_CheckoutResult_Failed && (flags & MC_CheckoutFlag_CreatePending)) {
+                attempt.found = CreatePending(request, flags);
+                if (attempt.found) {
+                    if (foundHasDiskFile) *foundHasDiskFile = false;
+                    result = MC_CheckoutResult_CreatedNewPending;
+                }
+            }
+        }
+        const StuffPtr item = attempt.found;
+        if (result == MC_CheckoutResult_CheckedOut && item->IsPendingRender() &&
+            (flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
+            !ScNotifyHoldingMutexLock::IsHoldingLock()) {
+            item->WaitForPendingCompletion();
+            if (item->GetDataPtr()) {
+                *found = item;
+                return result;
+            }
+            item->Checkin(0, 0.0);  // its render was abandoned: look again without it
+            attempt.tried.push_back(item);
+            continue;
+        }
+        if (result == MC_CheckoutResult_CheckedOut && !noBringBack && item) {
+            if (!item->EnsureInMemory()) {
+                item->Checkin(0, 0.0);
+                attempt.tried.push_back(item);
+                continue;
+            }
+        }
+        if (result != MC_CheckoutResult_Failed) *found = item;
+        return result;
+    }
+}

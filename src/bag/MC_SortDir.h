@@ -1,0 +1,49 @@
+// MC_SortDir: a bag's lookup index. It finds the item that answers a request by GUID (identical
+// first, satisfying second), checks it out in the same step, creates a pending item on a miss
+// when asked, and sweeps entries that a newly added item supersedes.
+// Thread-safety: no lock of its own; every index change and candidate test happens under the
+// process-wide cache lock, which each operation takes (re-entrantly).
+#pragma once
+
+#include <boost/functional/hash.hpp>
+#include <boost/unordered_set.hpp>
+#include <memory>
+
+#include "mc/MC_Stuff.h"
+#include "mc/MC_Types.h"
+
+class MC_SortDir : public std::enable_shared_from_this<MC_SortDir> {
+public:
+    using StuffPtr = IntrusivePtr<MC_Stuff>;
+
+    MC_SortDir();
+
+    // Sweeps superseded and dead entries of the item's GUID group, inserts the item and points
+    // it at this directory.
+    void AddStuff(const StuffPtr& stuff);
+    // Erases the item's entry and clears its directory. Does nothing for an item in no
+    // directory; throws 3 for another directory's item or a writeable checked-out one.
+    void RemoveStuff(const StuffPtr& stuff);
+    // See MC_Bag::FindAndCheckout.
+    MC_CheckoutResult FindAndCheckout(const StuffPtr& request, int flags, StuffPtr* found,
+                                      bool* foundHasDiskFile);
+    // Entries in the index; the caller holds the cache lock or accepts a racy figure.
+    size_t Size() const { return index_.size(); }
+
+private:
+    struct GuidHash {
+        size_t operator()(const StuffPtr& s) const;
+    };
+    struct GuidEqual {
+        bool operator()(const StuffPtr& a, const StuffPtr& b) const;
+    };
+    using Index = boost::unordered_multiset<StuffPtr, GuidHash, GuidEqual>;
+    struct Attempt;
+
+    void SweepSuperseded(const StuffPtr& stuff);
+    void RemoveEntry(const StuffPtr& entry);
+    MC_CheckoutResult SearchGroup(const StuffPtr& request, int flags, Attempt& attempt);
+    StuffPtr CreatePending(const StuffPtr& request, int flags);
+
+    Index index_;
+};

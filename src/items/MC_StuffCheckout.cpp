@@ -1,0 +1,263 @@
+// MC_Stuff check-out state machine: check-out, check-in, conversion to writeable, pending renders
+// and the misuse guards.
+#include <chrono>
+#include <thread>
+
+#include "bag/MC_SortDir.h"
+#include "host/HostOps.h"
+#include "lifecycle/Counters.h"
+#include "lifecycle/Messages.h"
+#include "lifecycle/Module.h"
+#include "lifecycle/Settings.h"
+#include "mc/MCp_ScLock.h"
+#include "mc/MC_Bag.h"
+#include "mc/MC_Stuff.h"
+
+using velacore::ScopedReadLockWrapper;
+using velacore::ScopedUpgradeLockWrapper;
+using velacore::ScopedWriteLockWrapper;
+
+namespace {
+debug::TraceSite g_checkinTrace("MC_Stuff", 6);
+constexpr auto kPendingWaitLimit = std::chrono::nanoseconds(86'400'000'000'000LL);
+}  // namespace
+
+// Steps shared by read-only and writeable check-outs; the caller holds the item lock (upgrade
+// or write). Returns 0 with nothing changed, or 1 with the count raised.
+MC_CheckoutResult MC_Stuff::CheckoutLocked(int flags, bool writeable, bool acceptPending) {
+    const bool countRefusal = (flags & (MC_CheckoutFlag_WaitIfPendingUnlessLocked |
+                                        MC_CheckoutFlag_WaitIfPending)) != 0;
+    if (checkedOutWriteable_) return MC_CheckoutResult_Failed;
+    if (writeable && GetCheckoutCount() != 0) return MC_CheckoutResult_Failed;
+    if (!acceptPending && IsPendingRender()) {
+        if (countRefusal) MCp_GetCounters().pendingRefusals.fetch_add(1);
+        return MC_CheckoutResult_Failed;
+    }
+    if (!data_ && !IsPendingRender()) return MC_CheckoutResult_Failed;
+    const bool inMemory = data_ && data_->IsInMemory();
+    if ((flags & MC_CheckoutFlag_MemoryOnly) && !inMemory && !IsPendingRender())
+        return MC_CheckoutResult_Failed;
+    if (IsPendingFromThisThread()) return MC_CheckoutResult_Failed;
+
+    checkoutCount_.fetch_add(1);
+    bool resident = inMemory;
+    if (!resident && diskFile_ && !(flags & MC_CheckoutFlag_NoDiskRead)) {
+        resident = EnsureInMemory();
+        if (!resident) {
+            checkoutCount_.fetch_sub(1);
+            return MC_CheckoutResult_Failed;
+        }
+    }
+    const bool ok = resident || IsPendingRender() || (flags & MC_CheckoutFlag_AllowNoData) ||
+                    (diskFile_ && (flags & MC_CheckoutFlag_NoDiskRead));
+    if (!ok) {
+        checkoutCount_.fetch_sub(1);
+        return MC_CheckoutResult_Failed;
+    }
+    return MC_CheckoutResult_CheckedOut;
+}
+
+MC_CheckoutResult MC_Stuff::Checkout(int flags) {
+    if (!(flags & MC_CheckoutFlag_ReadOnly)) return CheckoutForWrite(flags);
+    const bool acceptPending =
+        (flags & MC_CheckoutFlag_WaitIfPending) ||
+        ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
+         !ScNotifyHoldingMutexLock::IsHoldingLock());
+    MC_CheckoutResult result;
+    {
+        ScopedUpgradeLockWrapper up(lock_);
+        result = CheckoutLocked(flags, false, acceptPending);
+    }
+    if (result == MC_CheckoutResult_Failed) return result;
+    MCp_GetCounters().activeCheckouts.fetch_add(1);
+    SyncMemorySizeWithBag(GetApproximateMemorySize());
+    return result;
+}
+
+MC_CheckoutResult MC_Stuff::CheckoutForWrite(int flags) {
+    const bool acceptPending =
+        (flags & MC_CheckoutFlag_WaitIfPending) ||
+        ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
+         !ScNotifyHoldingMutexLock::IsHoldingLock());
+    const bool writeable = !(flags & MC_CheckoutFlag_ReadOnly);
+    MC_CheckoutResult result;
+    {
+        MCp_ScLock lock;
+        ScopedWriteLockWrapper w(lock_);
+        result = CheckoutLocked(flags, writeable, acceptPending);
+        if (result != MC_CheckoutResult_Failed && writeable) {
+            try {
+                TempRemoveFromSortDir(lock, w);
+            } catch (...) {
+                checkoutCount_.fetch_sub(1);
+                throw;
+            }
+            checkedOutWriteable_ = true;
+        }
+    }
+    if (result == MC_CheckoutResult_Failed) return result;
+    MCp_GetCounters().activeCheckouts.fetch_add(1);
+    SyncMemorySizeWithBag(GetApproximateMemorySize());
+    return result;
+}
+
+void MC_Stuff::Checkin(int flags, double computeTime) {
+    const bool wasWriteable = IsCheckedOutWriteable();
+    std::shared_ptr<MC_SortDir> dir = GetSortDir();
+    bool decremented = false;
+    {
+        MCp_ScLock lock;
+        IntrusivePtr<MC_Stuff> self(this);
+        if (wasWriteable && dir) {
+            {
+                ScopedWriteLockWrapper w(lock_);
+                sortDir_.reset();
+            }
+            dir->AddStuff(self);  // back under its current key
+            if (g_checkinTrace.Enabled())
+                g_checkinTrace.Write("check-in updated w/ guid:" + GetGuid().AsString());
+        }
+        {
+            ScopedWriteLockWrapper w(lock_);
+            checkedOutWriteable_ = false;
+            uint32_t count = checkoutCount_.load();
+            while (count != 0 && !checkoutCount_.compare_exchange_weak(count, count - 1)) {
+            }
+            decremented = count != 0;
+        }
+        if (!(flags & MC_CheckinFlag_DontUpdateLastUsed)) {
+            if (std::shared_ptr<MC_Bag> bag = LockBag()) bag->UpdateWithNewLastUsedTime(self, lock);
+        }
+    }
+    if (flags & MC_CheckinFlag_Remove) {
+        RemoveFromBagAndSortDir();
+    } else if (flags & MC_CheckinFlag_Purge) {
+        FreeUpAsMuchAsPossible(true, nullptr);
+    } else {
+        CheckinDiskStep(flags, wasWriteable, computeTime);
+    }
+    if (decremented) MCp_GetCounters().activeCheckouts.fetch_sub(1);
+    SyncMemorySizeWithBag(GetApproximateMemorySize());
+}
+
+// The disk-write step of a check-in: forced writes go to the disk executor at once; writeable
+// check-ins ask whether the item is worth writing.
+void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime) {
+    IntrusivePtr<MC_StuffData> data = GetDataPtr();
+    if (!data || !data->IsInMemory() || !data->CanDiskCache()) return;
+    IntrusivePtr<MC_Stuff> self(this);
+    if (flags & MC_CheckinFlag_ForceWriteToDisk) {
+        if (auto exec = MCp_DiskExecutor())
+            exec->Post([self] { MC_Stuff::WriteToDiskAsync(self, nullptr); });
+        return;
+    }
+    if (!wasWriteable) return;
+    std::shared_ptr<MC_Bag> bag = LockBag();
+    if (!bag || !bag->IsDiskCacheEnabled()) return;
+    bool lowPriority = false;
+    if (WorthWritingToDiskCache(computeTime, nullptr, nullptr, &lowPriority)) {
+        WriteToDiskAsyncOnDiskThread(self);
+        taggedToWrite_.store(true);
+        auto& c = MCp_GetCounters();
+        (lowPriority ? c.lowPriorityWritesQueued : c.normalWritesQueued).fetch_add(1);
+    } else {
+        const bool hasPriority = data->GetCachePriority() != MC_CachePriority_Never;
+        MCp_GetCounters().reasonCounts[hasPriority ? 3 : 4].fetch_add(1);
+    }
+}
+
+MC_CheckoutResult MC_Stuff::CheckinAndCheckout(int checkinFlags, double computeTime,
+                                               int checkoutFlags) {
+    MCp_ScLock lock;
+    Checkin(checkinFlags, computeTime);
+    return Checkout(checkoutFlags);
+}
+
+void MC_Stuff::ThrowIfCheckedOutWriteable() {
+    if (checkedOutWriteable_) MCp_ThrowMisuse(11, MCp_Err_CheckedOut);
+}
+void MC_Stuff::ThrowIfCheckedOutMoreThan(int n) {
+    if (GetCheckoutCount() > static_cast<uint32_t>(n)) MCp_ThrowMisuse(12, MCp_Err_CheckedOut);
+}
+void MC_Stuff::ThrowIfCheckedOutLessThan(int n) {
+    if (GetCheckoutCount() < static_cast<uint32_t>(n)) MCp_ThrowMisuse(22, MCp_Err_NotCheckedOut);
+}
+
+void MC_Stuff::ConvertToWriteable() {
+    {
+        MCp_ScLock lock;
+        ScopedWriteLockWrapper w(lock_);
+        ThrowIfCheckedOutWriteable();
+        ThrowIfCheckedOutMoreThan(1);
+        ThrowIfCheckedOutLessThan(1);
+        TempRemoveFromSortDir(lock, w);
+        checkedOutWriteable_ = true;
+    }
+    DeleteDiskCacheFile();  // the payload is about to change
+}
+
+void MC_Stuff::SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData> data,
+                                             double computeTime) {
+    SetStuffDataFromPendingRender_Impl(std::move(data), computeTime);
+}
+
+void MC_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> data,
+                                                  double computeTime) {
+    if (int32_t ms = mc_settings::DebugSleepMsSetStuffData(); ms > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    if (!IsPendingRender()) return;
+    if (!pending_.exchange(false)) return;  // another completion won
+    IntrusivePtr<MC_Stuff> self(this);
+    {
+        ScopedWriteLockWrapper w(lock_);
+        data_ = data;
+        computeTime_ = computeTime;
+    }
+    if (data) {
+        SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+        MaybeWriteToDisk();
+        ScopedWriteLockWrapper w(lock_);
+        findKeyData_.reset();
+    } else {
+        RemoveFromBagAndSortDir();
+    }
+    gate_->Open();
+}
+
+void MC_Stuff::WaitForPendingCompletion() {
+    if (!IsPendingRender()) return;
+    MCp_GetCounters().pendingWaits.fetch_add(1);
+    debug::ProfileScope profile("ZK.MC_Stuff::WaitForPending", 6);
+    std::shared_ptr<velacore::OpenOnceGate> gate = gateWeak_.lock();
+    if (gate) gate->Pass(velacore::OpenOnceGate::Clock::now() + kPendingWaitLimit);
+}
+
+// --- bag membership ------------------------------------------------------------------------
+
+void MC_Stuff::AddToBagAndSortDir(const std::shared_ptr<MC_Bag>& bag) {
+    bag->AddToBagAndSortDir(IntrusivePtr<MC_Stuff>(this));
+    MaybeWriteToDisk();
+}
+
+MC_CheckoutResult MC_Stuff::AddToBagAndSortDirAndCheckout(const std::shared_ptr<MC_Bag>& bag,
+                                                          int flags) {
+    MCp_ScLock lock;
+    AddToBagAndSortDir(bag);
+    return Checkout(flags);
+}
+
+void MC_Stuff::RemoveFromBagAndSortDir() {
+    IntrusivePtr<MC_Stuff> self(this);
+    MCp_ScLock lock;
+    ScopedWriteLockWrapper w(lock_);
+    if (std::shared_ptr<MC_SortDir> dir = sortDir_.lock()) dir->RemoveStuff(self);
+    if (std::shared_ptr<MC_Bag> bag = bag_.lock()) bag->RemoveStuff(self);
+    PurgeIfPossiblePrivate(w, nullptr);
+}
+
+void MC_Stuff::TempRemoveFromSortDir(const MCp_ScLock&, const ScopedWriteLockWrapper&) {
+    std::shared_ptr<MC_SortDir> dir = GetSortDir();
+    if (!dir) return;
+    dir->RemoveStuff(IntrusivePtr<MC_Stuff>(this));
+    SetSortDir(dir);
+}

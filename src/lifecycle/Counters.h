@@ -1,0 +1,35 @@
+// Process-wide counters of what the cache does, incremented where each event happens and read
+// by the performance snapshots. Thread-safety: atomics, relaxed; readers take no lock.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+struct MCp_Counters {
+    std::atomic<uint32_t> purgePasses{0};
+    std::atomic<uint32_t> purgeAttempts{0};
+    std::atomic<uint32_t> pendingWaits{0};
+    std::atomic<uint32_t> pendingRefusals{0};
+    std::atomic<uint32_t> activeCheckouts{0};
+    std::atomic<uint32_t> supersededSweeps{0};
+
+    std::atomic<uint64_t> bytesWritten{0};
+    std::atomic<uint32_t> framesWritten{0};
+    std::atomic<uint32_t> writeFailures{0};
+    std::atomic<uint64_t> bytesRead{0};
+    std::atomic<uint32_t> framesRead{0};
+    std::atomic<uint32_t> readFailures{0};
+    std::atomic<int32_t> writeQueueLength{0};
+    std::atomic<uint32_t> normalWritesQueued{0};
+    std::atomic<uint32_t> lowPriorityWritesQueued{0};
+    std::atomic<uint32_t> reasonCounts[6]{};  // index = NoDiskCacheReason, 1..5 used
+
+    std::atomic<uint32_t> numStuffs{0};
+    std::atomic<uint32_t> numStuffsOnDisk{0};
+    std::atomic<uint32_t> numDiskHolds{0};
+};
+
+MCp_Counters& MCp_GetCounters();
+
+// Counts a payload's recorded no-disk-cache reason (1..5; others are not counted).
+void MCp_CountNoDiskCacheReason(int reason);

@@ -1,0 +1,97 @@
+// The payload factory registry and the payload's priority and reason fields.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "mc/MC_StuffData.h"
+#include "support/TestPayload.h"
+
+using namespace mctest;
+
+namespace {
+
+class FactoryRegistry : public ::testing::Test {
+protected:
+    void SetUp() override { MC_StuffData::Death(); }
+    void TearDown() override { MC_StuffData::Death(); }
+
+    static MC_StuffData::Factory Making(uint32_t size, std::atomic<int>* calls = nullptr) {
+        return [size, calls](const std::vector<uint8_t>& header) {
+            if (calls) calls->fetch_add(1);
+            return IntrusivePtr<MC_StuffData>(
+                new TestPayload(header.empty() ? 0 : header[0], size));
+        };
+    }
+};
+
+TEST_F(FactoryRegistry, UnknownNameGivesNullAndLeavesAnEntryALaterRegistrationFills) {
+    std::vector<uint8_t> header{5};
+    EXPECT_EQ(MC_StuffData::CreateSubclass("unknown", header), nullptr);  // no map yet
+    MC_StuffData::Factory other = Making(1);
+    MC_StuffData::RegisterFactory("other", other);
+    EXPECT_EQ(MC_StuffData::CreateSubclass("unknown", header), nullptr);
+    MC_StuffData::Factory f = Making(33);
+    MC_StuffData::RegisterFactory("unknown", f);
+    IntrusivePtr<MC_StuffData> made = MC_StuffData::CreateSubclass("unknown", header);
+    ASSERT_TRUE(made);
+    EXPECT_EQ(made->GetApproximateMemorySize(), 33u);
+    EXPECT_EQ(static_cast<TestPayload*>(made.get())->Key(), 5u);
+}
+
+TEST_F(FactoryRegistry, SecondRegistrationReplacesTheFirstAndNamesAreCaseSensitive) {
+    std::vector<uint8_t> header;
+    MC_StuffData::Factory f1 = Making(1), f2 = Making(2), f3 = Making(3);
+    MC_StuffData::RegisterFactory("Frame", f1);
+    MC_StuffData::RegisterFactory("Frame", f2);
+    MC_StuffData::RegisterFactory("frame", f3);
+    EXPECT_EQ(MC_StuffData::CreateSubclass("Frame", header)->GetApproximateMemorySize(), 2u);
+    EXPECT_EQ(MC_StuffData::CreateSubclass("frame", header)->GetApproximateMemorySize(), 3u);
+}
+
+TEST_F(FactoryRegistry, FactoryMayUseTheRegistryAndDeathEmptiesIt) {
+    std::vector<uint8_t> header;
+    MC_StuffData::Factory inner = Making(4);
+    MC_StuffData::RegisterFactory("inner", inner);
+    MC_StuffData::Factory outer = [](const std::vector<uint8_t>& h) {
+        std::vector<uint8_t> copy = h;
+        return MC_StuffData::CreateSubclass("inner", copy);
+    };
+    MC_StuffData::RegisterFactory("outer", outer);
+    ASSERT_TRUE(MC_StuffData::CreateSubclass("outer", header));
+    MC_StuffData::Death();
+    EXPECT_EQ(MC_StuffData::CreateSubclass("outer", header), nullptr);
+    EXPECT_EQ(MC_StuffData::CreateSubclass("inner", header), nullptr);
+}
+
+TEST_F(FactoryRegistry, ConcurrentRegistrationAndCreation) {
+    std::atomic<int> calls{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t, &calls] {
+            for (int i = 0; i < 200; ++i) {
+                MC_StuffData::Factory f = Making(static_cast<uint32_t>(t + 1), &calls);
+                MC_StuffData::RegisterFactory(i % 2 ? "a" : "b", f);
+                std::vector<uint8_t> header;
+                MC_StuffData::CreateSubclass(i % 3 ? "a" : "b", header);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(calls.load(), 800);
+}
+
+TEST(StuffDataFields, DefaultsAndSetters) {
+    IntrusivePtr<TestPayload> p(new TestPayload(1, 10));
+    EXPECT_EQ(p->GetCachePriority(), MC_CachePriority_Never);
+    EXPECT_EQ(p->GetReasonWhyNoDiskCache(), MC_StuffData::NoDiskCacheReason_None);
+    p->SetNoDiskCache(MC_StuffData::NoDiskCacheReason_4);
+    EXPECT_EQ(p->GetReasonWhyNoDiskCache(), MC_StuffData::NoDiskCacheReason_4);
+    p->SetReasonWhyNoDiskCache(MC_StuffData::NoDiskCacheReason_2);
+    EXPECT_EQ(p->GetReasonWhyNoDiskCache(), MC_StuffData::NoDiskCacheReason_2);
+    p->SetCachePriority(static_cast<MC_CachePriority>(7));
+    EXPECT_EQ(static_cast<int>(p->GetCachePriority()), 7);
+}
+
+}  // namespace

@@ -1,0 +1,122 @@
+#include "support/TestPayload.h"
+
+#include <cstring>
+
+#include "mc/MCp_ScLock.h"
+#include "mc/host/ByteStream.h"
+#include "mc/host/Errors.h"
+
+namespace mctest {
+
+std::atomic<int> TestPayload::freedBuffers{0};
+std::atomic<int> TestPayload::freedUnderCacheLock{0};
+
+std::shared_ptr<std::vector<uint8_t>> TestPayload::MakeBytes(uint32_t key, uint32_t size) {
+    auto* v = new std::vector<uint8_t>(size);
+    for (uint32_t i = 0; i < size; ++i) (*v)[i] = static_cast<uint8_t>((key * 131 + i) & 0xFF);
+    return std::shared_ptr<std::vector<uint8_t>>(v, [](std::vector<uint8_t>* p) {
+        freedBuffers.fetch_add(1);
+        if (MCp_ScLock::IsHeldByCurrentThread()) freedUnderCacheLock.fetch_add(1);
+        delete p;
+    });
+}
+
+TestPayload::TestPayload(uint32_t key, uint32_t size, uint32_t variant)
+    : key_(key), variant_(variant), size_(size), bytes_(size ? MakeBytes(key, size) : nullptr) {}
+
+IntrusivePtr<TestPayload> TestPayload::Request(uint32_t key, uint32_t variant) {
+    return IntrusivePtr<TestPayload>(new TestPayload(key, 0, variant));
+}
+
+bool TestPayload::IdenticalRequest(IntrusivePtr<MC_StuffData> request) const {
+    auto* r = dynamic_cast<TestPayload*>(request.get());
+    return r && r->key_ == key_ && r->variant_ == variant_;
+}
+
+bool TestPayload::CanSatisfyRequest(IntrusivePtr<MC_StuffData> request) const {
+    auto* r = dynamic_cast<TestPayload*>(request.get());
+    return r && r->key_ == key_ && variant_ >= r->variant_;
+}
+
+uint32_t TestPayload::GetApproximateMemorySize() const { return IsInMemory() ? size_.load() : 0; }
+
+bool TestPayload::IsInMemory() const { return std::atomic_load(&bytes_) != nullptr; }
+
+bool TestPayload::PurgeIfPossible(MC_ReleaseList* deferredFrees) {
+    std::shared_ptr<std::vector<uint8_t>> bytes = std::atomic_exchange(&bytes_, {});
+    if (!bytes) return false;
+    purges_.fetch_add(1);
+    if (deferredFrees) deferredFrees->push_back(std::move(bytes));
+    return true;
+}
+
+void TestPayload::Resize(uint32_t size) {
+    size_.store(size);
+    std::atomic_store(&bytes_, MakeBytes(key_, size));
+}
+
+void TestPayload::GetHeader(std::vector<uint8_t>& header) const {
+    header.resize(8);
+    std::memcpy(header.data(), &key_, 4);
+    std::memcpy(header.data() + 4, &variant_, 4);
+}
+
+double TestPayload::Write(velacore::OByteStream& out) const {
+    std::shared_ptr<std::vector<uint8_t>> bytes = Bytes();
+    const uint32_t size = bytes ? static_cast<uint32_t>(bytes->size()) : 0;
+    out.WriteU32LE(size);
+    if (size) out.WriteBytes(bytes->data(), size);
+    return 0.0;
+}
+
+double TestPayload::Read(velacore::IByteStream& in, velacore::MultiTenantRecursiveMutex&) {
+    const uint32_t size = in.ReadU32LE();
+    if (size > (1u << 30)) throw velacore::IOError("TestPayload: implausible size");
+    auto bytes = MakeBytes(key_, 0);
+    bytes->resize(size);
+    if (size) in.ReadBytes(bytes->data(), size);
+    if (failRead_.load()) throw velacore::IOError("TestPayload: corrupt body");
+    for (uint32_t i = 0; i < size; ++i)
+        if ((*bytes)[i] != static_cast<uint8_t>((key_ * 131 + i) & 0xFF))
+            throw velacore::IOError("TestPayload: body does not match its key");
+    size_.store(size);
+    std::atomic_store(&bytes_, std::move(bytes));
+    return 0.0;
+}
+
+void TestPayload::RegisterFactory() {
+    MC_StuffData::Factory factory = [](const std::vector<uint8_t>& header) {
+        IntrusivePtr<MC_StuffData> result;
+        if (header.size() != 8) return result;
+        uint32_t key = 0, variant = 0;
+        std::memcpy(&key, header.data(), 4);
+        std::memcpy(&variant, header.data() + 4, 4);
+        auto* p = new TestPayload(key, 0, variant);
+        p->SetDiskCacheable(true);
+        result = IntrusivePtr<MC_StuffData>(p);
+        return result;
+    };
+    MC_StuffData::RegisterFactory(kMatchname, factory);
+}
+
+velacore::Guid KeyGuid(uint32_t key) {
+    velacore::Guid::Bytes b{};
+    std::memcpy(b.data(), &key, 4);
+    b[15] = 0x5A;
+    return velacore::Guid(b);
+}
+
+IntrusivePtr<MC_Stuff> MakeItem(uint32_t key, uint32_t size, uint32_t variant) {
+    IntrusivePtr<MC_Stuff> stuff =
+        MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new TestPayload(key, size, variant)), 0.5);
+    stuff->SetGuid(KeyGuid(key));
+    return stuff;
+}
+
+IntrusivePtr<MC_Stuff> MakeRequest(uint32_t key, uint32_t variant) {
+    IntrusivePtr<MC_Stuff> request = MC_Stuff::CreateNew(TestPayload::Request(key, variant), 0.0);
+    request->SetGuid(KeyGuid(key));
+    return request;
+}
+
+}  // namespace mctest
