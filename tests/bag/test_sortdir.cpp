@@ -118,8 +118,9 @@ TEST_F(SortDir, WaitIsSkippedWhileHoldingTheNotifyLock) {
         EXPECT_EQ(r.FindAndCheckout(MakeRequest(6), MC_CheckoutFlag_ReadOnly |
                                                         MC_CheckoutFlag_WaitIfPendingUnlessLocked),
                   MC_CheckoutResult_Failed);
-        // With 0x40 it is accepted pending, still without waiting.
+        // With 0x40 (and no bring-back) it is accepted pending, still without waiting.
         EXPECT_EQ(r.FindAndCheckout(MakeRequest(6), MC_CheckoutFlag_ReadOnly |
+                                                        MC_CheckoutFlag_MemoryOnly |
                                                         MC_CheckoutFlag_WaitIfPending),
                   MC_CheckoutResult_CheckedOut);
         EXPECT_TRUE(r.IsPendingRender());
