@@ -1,0 +1,237 @@
+// The demo session: setup, the passes, sampling and the summary.
+#include "Demo.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "DemoPlugin.h"
+#include "FramePayload.h"
+#include "Output.h"
+#include "mc/MC.h"
+#include "mc/host/File.h"
+#include "mc/host/StandaloneHost.h"
+#include "mc/host/Time.h"
+
+namespace mcache {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::vector<uint32_t> PassFrames(const std::string& name, uint32_t frames, uint32_t seed) {
+    std::vector<uint32_t> order(frames);
+    for (uint32_t i = 0; i < frames; ++i) order[i] = i;
+    if (name == "scrub") {
+        std::mt19937 rng(seed);
+        for (auto& f : order) f = rng() % frames;
+    }
+    return order;
+}
+
+// Everything the render threads share during one pass.
+struct PassRun {
+    const DemoOptions* options;
+    DemoPlugin* plugin;
+    std::vector<uint32_t> order;
+    std::atomic<size_t> next{0};
+    std::atomic<uint64_t> fromMemory{0}, fromDisk{0}, rendered{0}, done{0};
+};
+
+// One request: find the frame, render it on a miss, look at it, check it in.
+void ServeFrame(PassRun& run, uint32_t number) {
+    const DemoOptions& o = *run.options;
+    const FrameSpec spec{number, o.width, o.height};
+    const uint64_t start = velacore::HighPrecisionTime::Now();
+    MC_ScCheckout receipt;
+    const MC_CheckoutResult r = receipt.FindAndCheckout(
+        FramePayload::MakeRequest(spec), MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending |
+                                             MC_CheckoutFlag_WaitIfPendingUnlessLocked);
+    IntrusivePtr<MC_Stuff> stuff = receipt.GetStuffPtr();
+    if (r == MC_CheckoutResult_CreatedNewPending) {
+        double seconds = 0;
+        IntrusivePtr<FramePayload> frame = FramePayload::Render(spec, &seconds);
+        frame->SetCachePriority(MC_CachePriority_Normal);
+        stuff->SetStuffDataFromPendingRender(frame, seconds);
+        run.rendered.fetch_add(1);
+    } else if (r == MC_CheckoutResult_CheckedOut && stuff) {
+        if (stuff->GetLastReadFromDiskTime() >= start) {
+            run.fromDisk.fetch_add(1);
+            MC_NotifyFrameReadFromDisk();
+        } else {
+            run.fromMemory.fetch_add(1);
+        }
+    } else {
+        // Could not be had (its render was abandoned elsewhere): render without caching.
+        double seconds = 0;
+        FramePayload::Render(spec, &seconds);
+        run.rendered.fetch_add(1);
+    }
+    if (run.plugin) run.plugin->FrameStatistics(spec);
+    run.done.fetch_add(1);
+}
+
+void RenderWorker(PassRun& run) {
+    for (;;) {
+        const size_t i = run.next.fetch_add(1);
+        if (i >= run.order.size()) return;
+        ServeFrame(run, run.order[i]);
+    }
+}
+
+Sample TakeSample(const std::shared_ptr<MC_Bag>& bag, Clock::time_point t0) {
+    Sample s;
+    s.t = std::chrono::duration<double>(Clock::now() - t0).count();
+    s.memory = bag->GetInMemoryCacheSizeInBytes_LockFree();
+    s.disk = bag->GetCurrentDiskCacheSize();
+    s.writeQueue = MC_GetDiskPerformanceCounters().writeQueueLength;
+    return s;
+}
+
+// Samples the cache every 100 ms and refreshes the progress display meanwhile.
+class Sampler {
+public:
+    Sampler(std::shared_ptr<MC_Bag> bag, Progress& progress, Clock::time_point t0)
+        : bag_(std::move(bag)), progress_(progress), t0_(t0), thread_([this] { Loop(); }) {}
+    ~Sampler() {
+        stop_.store(true);
+        thread_.join();
+    }
+    void SetPass(PassRun* run, const std::string& name) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        run_ = run;
+        passName_ = name;
+    }
+    std::vector<Sample> Samples() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return samples_;
+    }
+
+private:
+    void Loop() {
+        while (!stop_.load()) {
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                samples_.push_back(TakeSample(bag_, t0_));
+                if (run_)
+                    progress_.Update(passName_, run_->done.load(), run_->order.size(),
+                                     run_->fromMemory.load(), run_->fromDisk.load(),
+                                     run_->rendered.load(), samples_.back());
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    }
+    std::shared_ptr<MC_Bag> bag_;
+    Progress& progress_;
+    Clock::time_point t0_;
+    std::mutex mutex_;
+    PassRun* run_ = nullptr;
+    std::string passName_;
+    std::vector<Sample> samples_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+PassStats RunPass(const std::string& name, const DemoOptions& o, DemoPlugin* plugin,
+                  Sampler& sampler, uint32_t seed) {
+    PassRun run;
+    run.options = &o;
+    run.plugin = plugin;
+    run.order = PassFrames(name, o.frames, seed);
+    sampler.SetPass(&run, name);
+    const auto t0 = Clock::now();
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < o.threads; ++i) threads.emplace_back([&run] { RenderWorker(run); });
+    for (auto& t : threads) t.join();
+    sampler.SetPass(nullptr, name);
+    PassStats stats;
+    stats.name = name;
+    stats.requests = run.order.size();
+    stats.fromMemory = run.fromMemory.load();
+    stats.fromDisk = run.fromDisk.load();
+    stats.rendered = run.rendered.load();
+    stats.seconds = std::chrono::duration<double>(Clock::now() - t0).count();
+    return stats;
+}
+
+// Waits (at most 30 s) until queued disk writes have been written.
+void DrainWriteQueue() {
+    const auto deadline = Clock::now() + std::chrono::seconds(30);
+    while (MC_GetDiskPerformanceCounters().writeQueueLength != 0 && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+}
+
+std::shared_ptr<velacore::StandaloneHostServices> StartHost(const DemoOptions& o) {
+    velacore::StandaloneConfig config = velacore::StandaloneConfig::FromEnvironment();
+    if (!config.memoryBudget) config.memoryBudget = o.memoryBudget;
+    auto host = std::make_shared<velacore::StandaloneHostServices>(config);
+    velacore::SetHostServices(host);
+    return host;
+}
+
+}  // namespace
+
+int RunDemo(const DemoOptions& o) {
+    std::shared_ptr<velacore::StandaloneHostServices> host = StartHost(o);
+    const std::filesystem::path root = o.folder;
+    std::error_code ec;
+    std::filesystem::create_directories(root, ec);
+    if (ec) {
+        std::fprintf(stderr, "mcache demo: cannot create %s: %s\n", root.c_str(),
+                     ec.message().c_str());
+        return 2;
+    }
+    MC_Birth(true, static_cast<unsigned>(host->AppVersion()), false);
+    MC_SP_Birth();
+    std::unique_ptr<DemoPlugin> plugin = DemoPlugin::Load(o.plugin);
+    FramePayload::RegisterFactory();
+    std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
+    DemoResult result;
+    int status = 0;
+    try {
+        bag->SetDiskCacheInfo(velacore::Dir(root), o.diskBudgetMb);
+        bag->EnableDiskCache(true);
+        const int before = bag->GetNumItems();
+        bag->ScanDiskCacheDir();  // adopt what an earlier run left, before the first pass
+        result.adoptedAtStart = static_cast<uint64_t>(bag->GetNumItems() - before);
+
+        Progress progress(o.progress);
+        const auto t0 = Clock::now();
+        {
+            Sampler sampler(bag, progress, t0);
+            const char* passes[] = {"playback", "loop", "scrub", "playback"};
+            uint32_t seed = 7;
+            for (const char* name : passes) {
+                result.passes.push_back(RunPass(name, o, plugin.get(), sampler, seed++));
+                progress.PassDone(result.passes.back());
+            }
+            DrainWriteQueue();
+            result.samples = sampler.Samples();
+        }
+        result.seconds = std::chrono::duration<double>(Clock::now() - t0).count();
+        if (plugin) {
+            result.statsComputed = plugin->Computed();
+            result.statsRequests = plugin->Requests();
+        }
+        PrintSummary(o, result, *bag, host->AppVersion());
+        if (!o.reportSvg.empty()) WriteSvgReport(o, result, o.reportSvg);
+    } catch (int code) {
+        std::fprintf(stderr, "mcache demo: the cache reported error %d\n", code);
+        status = 1;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "mcache demo: %s\n", e.what());
+        status = 1;
+    }
+    bag.reset();
+    if (plugin) plugin->Shutdown();
+    MC_StopAllAsyncWork();
+    MC_Death();
+    plugin.reset();
+    velacore::SetHostServices(nullptr);
+    return status;
+}
+
+}  // namespace mcache

@@ -1,0 +1,59 @@
+// The demo: an interactive compositing session simulated against the real module. Render
+// threads ask for timeline frames through receipts, render on a miss and check in; passes of
+// playback, looping and scrubbing make some requests hit memory, some come back from disk and
+// some render again, under a memory budget and a disk budget smaller than the timeline.
+// Thread-safety: RunDemo is called once from the main thread; it starts its own threads.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace mcache {
+
+struct DemoOptions {
+    uint32_t frames = 480;
+    uint32_t width = 480;
+    uint32_t height = 270;
+    unsigned threads = 2;
+    uint64_t memoryBudget = 96ull << 20;  // bytes
+    uint64_t diskBudgetMb = 192;
+    std::filesystem::path folder;         // the disk-cache root; default: temp/mcache-demo
+    std::filesystem::path plugin;         // the statistics plug-in; empty: look beside the tool
+    bool json = false;
+    std::string reportSvg;
+    bool progress = true;
+};
+
+// Hits of one pass, by where the frame came from.
+struct PassStats {
+    std::string name;
+    uint64_t requests = 0;
+    uint64_t fromMemory = 0;
+    uint64_t fromDisk = 0;
+    uint64_t rendered = 0;
+    double seconds = 0;
+};
+
+// One sample of the cache's state over time.
+struct Sample {
+    double t = 0;
+    int64_t memory = 0;
+    int64_t disk = 0;
+    uint32_t writeQueue = 0;
+};
+
+struct DemoResult {
+    std::vector<PassStats> passes;
+    std::vector<Sample> samples;
+    uint64_t adoptedAtStart = 0;
+    uint64_t statsComputed = 0;
+    uint64_t statsRequests = 0;
+    double seconds = 0;
+};
+
+// Runs the demo and prints its summary. Returns the process exit status.
+int RunDemo(const DemoOptions& options);
+
+}  // namespace mcache

@@ -1,0 +1,78 @@
+#include "DemoPlugin.h"
+
+#include <cstdio>
+
+#include "HistogramPlugin.h"
+#include "host/HostOps.h"
+
+namespace mcache {
+
+namespace {
+extern "C" int AcquireSuiteForPlugin(const char* name, int32_t major, int32_t minor,
+                                     const void** table) {
+    return U_SP_AcquireSuite(name, major, minor, table);
+}
+}  // namespace
+
+struct DemoPlugin::Api {
+    HistPluginMainFunc main = nullptr;
+    HistPluginShutdownFunc shutdown = nullptr;
+    HistPluginGetHistogramFunc getHistogram = nullptr;
+    HistPluginGetCountersFunc getCounters = nullptr;
+};
+
+#ifndef MCACHE_PLUGIN_DIR
+#define MCACHE_PLUGIN_DIR "."
+#endif
+
+std::filesystem::path DefaultPluginPath() {
+    return std::filesystem::path(MCACHE_PLUGIN_DIR) / "mc_example_histogram_plugin.so";
+}
+
+DemoPlugin::DemoPlugin(std::unique_ptr<velacore::SharedLibrary> library, std::unique_ptr<Api> api)
+    : library_(std::move(library)), api_(std::move(api)) {}
+
+DemoPlugin::~DemoPlugin() = default;
+
+std::unique_ptr<DemoPlugin> DemoPlugin::Load(const std::filesystem::path& requested) {
+    const std::filesystem::path path = requested.empty() ? DefaultPluginPath() : requested;
+    try {
+        auto library = velacore::SharedLibrary::Open(path);
+        auto api = std::make_unique<Api>();
+        api->main = library->Function<HistPluginMainFunc>("PluginMain");
+        api->shutdown = library->Function<HistPluginShutdownFunc>("HistPlugin_Shutdown");
+        api->getHistogram =
+            library->Function<HistPluginGetHistogramFunc>("HistPlugin_GetHistogram");
+        api->getCounters = library->Function<HistPluginGetCountersFunc>("HistPlugin_GetCounters");
+        if (!api->main || !api->shutdown || !api->getHistogram || !api->getCounters) {
+            std::fprintf(stderr, "mcache: %s is not the statistics plug-in; no statistics\n",
+                         path.c_str());
+            return nullptr;
+        }
+        if (int err = api->main(&AcquireSuiteForPlugin)) {
+            std::fprintf(stderr, "mcache: the statistics plug-in failed to start (%d)\n", err);
+            return nullptr;
+        }
+        return std::unique_ptr<DemoPlugin>(new DemoPlugin(std::move(library), std::move(api)));
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "mcache: statistics plug-in not loaded: %s\n", e.what());
+        return nullptr;
+    }
+}
+
+void DemoPlugin::FrameStatistics(const FrameSpec& spec) {
+    HistogramParams params{spec.width / 8, spec.height / 8, spec.number, 128};
+    uint32_t bins[256];
+    requests_.fetch_add(1);
+    api_->getHistogram(kHistogramClass, &params, bins);
+}
+
+uint64_t DemoPlugin::Computed() const {
+    HistogramCounters counters{};
+    api_->getCounters(&counters);
+    return static_cast<uint64_t>(counters.computes);
+}
+
+void DemoPlugin::Shutdown() { api_->shutdown(); }
+
+}  // namespace mcache
