@@ -11,11 +11,12 @@
 // that locked.
 #pragma once
 
+#include <array>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <thread>
-#include <unordered_map>
+#include <vector>
 
 #include "mc/host/Export.h"
 
@@ -39,6 +40,9 @@ public:
     bool IsReadLockedByCurrentThread() const;
     bool IsUpgradeLockedByCurrentThread() const;
     bool IsWriteLockedByCurrentThread() const;
+    // True while some thread waits in LockWrite (new readers and upgraders then queue behind
+    // it). Only a hint for diagnostics and tests: it may change as soon as it returns.
+    bool HasWaitingWriter() const;
 
 private:
     struct Holder {
@@ -46,13 +50,23 @@ private:
         uint32_t upgrades = 0;
         uint32_t writes = 0;
     };
+    struct Slot {
+        std::thread::id id;
+        Holder holder;
+    };
     Holder* FindHolderLocked(std::thread::id id);
     const Holder* FindHolderLocked(std::thread::id id) const;
+    // Adds a slot for `id` (which has none). Pointers into overflow_ die with the next add.
+    Holder* AddHolderLocked(std::thread::id id);
     void EraseIfIdleLocked(std::thread::id id);
 
     mutable std::mutex mutex_;
     std::condition_variable cv_;
-    std::unordered_map<std::thread::id, Holder> holders_;
+    // Per-thread holdings: a few inline slots so that locking never allocates; threads beyond
+    // them (rare: more than four holders at once) go to the overflow list.
+    static constexpr size_t kInlineSlots = 4;
+    std::array<Slot, kInlineSlots> inline_{};
+    std::vector<Slot> overflow_;
     uint32_t readerThreads_ = 0;       // threads holding read (not counting upgrade/write-only)
     std::thread::id upgrader_{};       // thread holding upgrade, if any
     std::thread::id writer_{};         // thread holding write, if any

@@ -1,0 +1,175 @@
+// Three-mode re-entrant item lock (see mc/host/MultiTenantRecursiveMutex.h).
+// All state lives under mutex_; every change that can unblock someone notifies cv_ (notify_all,
+// since waiters wait for different conditions).
+#include "mc/host/MultiTenantRecursiveMutex.h"
+
+#include <stdexcept>
+
+namespace velacore {
+
+MultiTenantRecursiveMutex::MultiTenantRecursiveMutex() = default;
+MultiTenantRecursiveMutex::~MultiTenantRecursiveMutex() = default;
+
+MultiTenantRecursiveMutex::Holder* MultiTenantRecursiveMutex::FindHolderLocked(std::thread::id id) {
+    for (Slot& slot : inline_)
+        if (slot.id == id) return &slot.holder;
+    for (Slot& slot : overflow_)
+        if (slot.id == id) return &slot.holder;
+    return nullptr;
+}
+
+const MultiTenantRecursiveMutex::Holder* MultiTenantRecursiveMutex::FindHolderLocked(
+    std::thread::id id) const {
+    return const_cast<MultiTenantRecursiveMutex*>(this)->FindHolderLocked(id);
+}
+
+MultiTenantRecursiveMutex::Holder* MultiTenantRecursiveMutex::AddHolderLocked(std::thread::id id) {
+    for (Slot& slot : inline_) {
+        if (slot.id == std::thread::id()) {
+            slot.id = id;
+            slot.holder = Holder{};
+            return &slot.holder;
+        }
+    }
+    overflow_.push_back(Slot{id, Holder{}});
+    return &overflow_.back().holder;
+}
+
+void MultiTenantRecursiveMutex::EraseIfIdleLocked(std::thread::id id) {
+    auto idle = [](const Holder& h) { return h.reads == 0 && h.upgrades == 0 && h.writes == 0; };
+    for (Slot& slot : inline_) {
+        if (slot.id == id) {
+            if (idle(slot.holder)) slot.id = std::thread::id();
+            return;
+        }
+    }
+    for (auto it = overflow_.begin(); it != overflow_.end(); ++it) {
+        if (it->id == id) {
+            if (idle(it->holder)) overflow_.erase(it);
+            return;
+        }
+    }
+}
+
+void MultiTenantRecursiveMutex::LockRead() {
+    const std::thread::id self = std::this_thread::get_id();
+    std::unique_lock<std::mutex> lock(mutex_);
+    Holder* h = FindHolderLocked(self);
+    if (!h) {
+        // A new reader queues behind the writer and behind anyone waiting to write.
+        cv_.wait(lock, [this] { return writer_ == std::thread::id() && waitingWriters_ == 0; });
+        h = AddHolderLocked(self);
+    }
+    // Otherwise the thread already holds some mode, which excludes every writer but itself.
+    if (h->reads++ == 0) ++readerThreads_;
+}
+
+void MultiTenantRecursiveMutex::UnlockRead() {
+    const std::thread::id self = std::this_thread::get_id();
+    std::lock_guard<std::mutex> lock(mutex_);
+    Holder* h = FindHolderLocked(self);
+    if (!h || h->reads == 0) throw std::logic_error("UnlockRead: read lock not held");
+    if (--h->reads == 0) {
+        --readerThreads_;
+        EraseIfIdleLocked(self);
+        cv_.notify_all();
+    }
+}
+
+void MultiTenantRecursiveMutex::LockUpgrade() {
+    const std::thread::id self = std::this_thread::get_id();
+    std::unique_lock<std::mutex> lock(mutex_);
+    Holder* h = FindHolderLocked(self);
+    if (h && h->upgrades == 0 && h->writes == 0) {
+        throw std::logic_error("LockUpgrade: the thread holds only read; it would deadlock");
+    }
+    if (!h) {
+        cv_.wait(lock, [this] {
+            return upgrader_ == std::thread::id() && writer_ == std::thread::id() &&
+                   waitingWriters_ == 0;
+        });
+        h = AddHolderLocked(self);
+    }
+    // A writer taking upgrade becomes the upgrader too, so that it keeps upgrade after
+    // releasing write.
+    if (h->upgrades++ == 0) upgrader_ = self;
+}
+
+void MultiTenantRecursiveMutex::UnlockUpgrade() {
+    const std::thread::id self = std::this_thread::get_id();
+    std::lock_guard<std::mutex> lock(mutex_);
+    Holder* h = FindHolderLocked(self);
+    if (!h || h->upgrades == 0) throw std::logic_error("UnlockUpgrade: upgrade lock not held");
+    if (--h->upgrades == 0) {
+        upgrader_ = std::thread::id();
+        EraseIfIdleLocked(self);
+        cv_.notify_all();
+    }
+}
+
+void MultiTenantRecursiveMutex::LockWrite() {
+    const std::thread::id self = std::this_thread::get_id();
+    std::unique_lock<std::mutex> lock(mutex_);
+    Holder* h = FindHolderLocked(self);
+    if (h && h->writes > 0) {
+        ++h->writes;
+        return;
+    }
+    if (h && h->upgrades == 0) {
+        throw std::logic_error("LockWrite: the thread holds only read; it would deadlock");
+    }
+    // Either the upgrader (waits for the other readers) or a new writer (waits for everyone).
+    // While waiting it holds back new readers and upgraders.
+    ++waitingWriters_;
+    if (h) {
+        const uint32_t ownRead = h->reads > 0 ? 1 : 0;
+        cv_.wait(lock, [this, ownRead] { return readerThreads_ == ownRead; });
+    } else {
+        cv_.wait(lock, [this] {
+            return writer_ == std::thread::id() && upgrader_ == std::thread::id() &&
+                   readerThreads_ == 0;
+        });
+    }
+    --waitingWriters_;
+    Holder* mine = FindHolderLocked(self);  // re-found: the wait may have moved the overflow list
+    if (!mine) mine = AddHolderLocked(self);
+    mine->writes = 1;
+    writer_ = self;
+}
+
+void MultiTenantRecursiveMutex::UnlockWrite() {
+    const std::thread::id self = std::this_thread::get_id();
+    std::lock_guard<std::mutex> lock(mutex_);
+    Holder* h = FindHolderLocked(self);
+    if (!h || h->writes == 0) throw std::logic_error("UnlockWrite: write lock not held");
+    if (--h->writes == 0) {
+        writer_ = std::thread::id();
+        EraseIfIdleLocked(self);
+        cv_.notify_all();
+    }
+}
+
+bool MultiTenantRecursiveMutex::IsReadLockedByCurrentThread() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const Holder* h = FindHolderLocked(std::this_thread::get_id());
+    return h && h->reads > 0;
+}
+
+bool MultiTenantRecursiveMutex::IsUpgradeLockedByCurrentThread() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const Holder* h = FindHolderLocked(std::this_thread::get_id());
+    return h && h->upgrades > 0;
+}
+
+bool MultiTenantRecursiveMutex::IsWriteLockedByCurrentThread() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const Holder* h = FindHolderLocked(std::this_thread::get_id());
+    return h && h->writes > 0;
+}
+
+bool MultiTenantRecursiveMutex::HasWaitingWriter() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return waitingWriters_ > 0;
+}
+
+}  // namespace velacore

@@ -1,0 +1,114 @@
+// PosixFileSystem: folder operations (create, remove, recursive removal, listing).
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "host/posix/PosixFileSystem.h"
+#include "host/posix/PosixFsErrors.h"
+
+namespace velacore {
+namespace {
+
+using posix::ThrowFsError;
+using posix::ThrowLastFsError;
+
+bool IsDotOrDotDot(const char* name) {
+    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+// Owns an open DIR stream.
+class DirStream {
+  public:
+    explicit DirStream(DIR* dir) : dir_(dir) {}
+    ~DirStream() {
+        if (dir_ != nullptr) ::closedir(dir_);
+    }
+    DirStream(const DirStream&) = delete;
+    DirStream& operator=(const DirStream&) = delete;
+    DIR* Get() const { return dir_; }
+
+  private:
+    DIR* dir_;
+};
+
+// Reads every entry of an open folder. `follow` decides whether a link to a folder counts as a
+// folder (listing) or as a plain entry (removal).
+std::vector<DirectoryEntry> ReadEntries(DIR* dir, bool follow, const std::filesystem::path& path) {
+    std::vector<DirectoryEntry> entries;
+    for (;;) {
+        errno = 0;
+        const dirent* entry = ::readdir(dir);
+        if (entry == nullptr) {
+            if (errno != 0) ThrowLastFsError("read folder", path);
+            return entries;
+        }
+        if (IsDotOrDotDot(entry->d_name)) continue;
+        bool isDirectory = entry->d_type == DT_DIR;
+        const bool needStat = entry->d_type == DT_UNKNOWN || (follow && entry->d_type == DT_LNK);
+        struct stat st {};
+        if (needStat &&
+            ::fstatat(::dirfd(dir), entry->d_name, &st, follow ? 0 : AT_SYMLINK_NOFOLLOW) == 0) {
+            isDirectory = S_ISDIR(st.st_mode);
+        }
+        entries.push_back({entry->d_name, isDirectory});
+    }
+}
+
+// Removes the folder `name` inside `parentFd` and its content. A folder that is already gone
+// is fine, except the top one (`isTop`), which throws FileNotFoundError.
+void RemoveTree(int parentFd, const char* name, const std::filesystem::path& path, bool isTop) {
+    const int fd = ::openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT && !isTop) return;
+        ThrowLastFsError("open folder", path);
+    }
+    DIR* raw = ::fdopendir(fd);
+    if (raw == nullptr) {
+        const int err = errno;
+        ::close(fd);
+        ThrowFsError(err, "open folder", path);
+    }
+    DirStream dir(raw);
+    for (const DirectoryEntry& entry : ReadEntries(dir.Get(), false, path)) {
+        const std::filesystem::path child = path / entry.name;
+        if (entry.isDirectory) {
+            RemoveTree(fd, entry.name.c_str(), child, false);
+        } else if (::unlinkat(fd, entry.name.c_str(), 0) != 0 && errno != ENOENT) {
+            ThrowLastFsError("delete file", child);
+        }
+    }
+    if (::unlinkat(parentFd, name, AT_REMOVEDIR) != 0 && (errno != ENOENT || isTop)) {
+        ThrowLastFsError("remove folder", path);
+    }
+}
+
+}  // namespace
+
+void PosixFileSystem::CreateDirectory(const std::filesystem::path& path) {
+    if (::mkdir(path.c_str(), 0777) == 0) return;
+    const int err = errno;
+    if (err == EEXIST && IsDirectory(path)) return;
+    ThrowFsError(err, "create folder", path);
+}
+
+void PosixFileSystem::RemoveDirectory(const std::filesystem::path& path) {
+    if (::rmdir(path.c_str()) != 0) ThrowLastFsError("remove folder", path);
+}
+
+void PosixFileSystem::RemoveDirectoryRecursive(const std::filesystem::path& path) {
+    RemoveTree(AT_FDCWD, path.c_str(), path, true);
+}
+
+std::vector<DirectoryEntry> PosixFileSystem::ListDirectory(const std::filesystem::path& path) {
+    DIR* raw = ::opendir(path.c_str());
+    if (raw == nullptr) ThrowLastFsError("open folder", path);
+    DirStream dir(raw);
+    return ReadEntries(dir.Get(), true, path);
+}
+
+}  // namespace velacore

@@ -1,0 +1,169 @@
+// The open files of PosixFileSystem: write-through sequential writer (direct I/O with a buffered
+// fallback) and positional reader.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <utility>
+
+#include "host/posix/PosixFileSystem.h"
+#include "host/posix/PosixFsErrors.h"
+
+namespace velacore {
+namespace {
+
+using posix::RetryOnInterrupt;
+using posix::ThrowFsError;
+using posix::ThrowLastFsError;
+
+class PosixWritableFile final : public WritableFile {
+  public:
+    PosixWritableFile(int fd, std::filesystem::path path, bool direct)
+        : fd_(fd), path_(std::move(path)), direct_(direct) {}
+    ~PosixWritableFile() override {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    PosixWritableFile(const PosixWritableFile&) = delete;
+    PosixWritableFile& operator=(const PosixWritableFile&) = delete;
+
+    void Append(const void* data, size_t size) override {
+        if (fd_ < 0) ThrowFsError(EBADF, "write to closed file", path_);
+        const auto* bytes = static_cast<const uint8_t*>(data);
+        while (size > 0) {
+            const ssize_t written = ::write(fd_, bytes, size);
+            if (written > 0) {
+                bytes += written;
+                size -= static_cast<size_t>(written);
+                continue;
+            }
+            const int err = written == 0 ? EIO : errno;
+            if (err == EINTR) continue;
+            // The file system refused this request for direct I/O (alignment or no support).
+            if (err == EINVAL && direct_) {
+                DropDirectIo();
+                continue;
+            }
+            ThrowFsError(err, "write", path_);
+        }
+    }
+
+    void Sync() override {
+        if (fd_ < 0) ThrowFsError(EBADF, "sync closed file", path_);
+        if (RetryOnInterrupt([&] { return ::fdatasync(fd_); }) != 0) {
+            ThrowLastFsError("fdatasync", path_);
+        }
+    }
+
+    void Close() override {
+        if (fd_ < 0) return;
+        const int fd = std::exchange(fd_, -1);
+        int err = 0;
+        if (!direct_ && RetryOnInterrupt([&] { return ::fdatasync(fd); }) != 0) err = errno;
+        // close() is never retried: the descriptor is gone even when it reports EINTR.
+        if (::close(fd) != 0 && err == 0 && errno != EINTR) err = errno;
+        if (err != 0) ThrowFsError(err, "close", path_);
+    }
+
+    bool IsDirectIo() const override { return direct_; }
+
+  private:
+    void DropDirectIo() {
+#ifdef O_DIRECT
+        const int flags = ::fcntl(fd_, F_GETFL);
+        if (flags == -1 || ::fcntl(fd_, F_SETFL, flags & ~O_DIRECT) == -1) {
+            ThrowLastFsError("leave direct I/O on", path_);
+        }
+#endif
+        direct_ = false;
+    }
+
+    int fd_;
+    std::filesystem::path path_;
+    bool direct_;
+};
+
+class PosixReadableFile final : public ReadableFile {
+  public:
+    PosixReadableFile(int fd, std::filesystem::path path) : fd_(fd), path_(std::move(path)) {}
+    ~PosixReadableFile() override { ::close(fd_); }
+    PosixReadableFile(const PosixReadableFile&) = delete;
+    PosixReadableFile& operator=(const PosixReadableFile&) = delete;
+
+    size_t Read(void* buffer, size_t size) override {
+        auto* bytes = static_cast<uint8_t*>(buffer);
+        size_t total = 0;
+        while (total < size) {
+            const ssize_t got =
+                ::pread(fd_, bytes + total, size - total, static_cast<off_t>(offset_));
+            if (got > 0) {
+                total += static_cast<size_t>(got);
+                offset_ += static_cast<uint64_t>(got);
+            } else if (got == 0) {
+                break;
+            } else if (errno != EINTR) {
+                ThrowLastFsError("read", path_);
+            }
+        }
+        return total;
+    }
+
+    void Seek(uint64_t offset) override { offset_ = offset; }
+
+    uint64_t Size() override {
+        struct stat st {};
+        if (::fstat(fd_, &st) != 0) ThrowLastFsError("fstat", path_);
+        return static_cast<uint64_t>(st.st_size);
+    }
+
+  private:
+    int fd_;
+    std::filesystem::path path_;
+    uint64_t offset_ = 0;
+};
+
+int OpenFile(const std::filesystem::path& path, int flags) {
+    return RetryOnInterrupt([&] { return ::open(path.c_str(), flags); });
+}
+
+}  // namespace
+
+std::unique_ptr<WritableFile> PosixFileSystem::OpenForDirectWrite(
+    const std::filesystem::path& path) {
+    constexpr int kFlags = O_WRONLY | O_TRUNC | O_CLOEXEC;
+    bool direct = false;
+    int fd = -1;
+#ifdef O_DIRECT
+    if (options_.allowDirectIo) {
+        fd = OpenFile(path, kFlags | O_DIRECT | O_DSYNC);
+        if (fd >= 0) {
+            direct = true;
+        } else if (errno != EINVAL) {
+            ThrowLastFsError("open for direct write", path);
+        }
+    }
+#endif
+    if (fd < 0) {
+        fd = OpenFile(path, kFlags);
+        if (fd < 0) ThrowLastFsError("open for write", path);
+    }
+    try {
+        return std::make_unique<PosixWritableFile>(fd, path, direct);
+    } catch (...) {
+        ::close(fd);
+        throw;
+    }
+}
+
+std::unique_ptr<ReadableFile> PosixFileSystem::OpenForRead(const std::filesystem::path& path) {
+    const int fd = OpenFile(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) ThrowLastFsError("open for read", path);
+    try {
+        return std::make_unique<PosixReadableFile>(fd, path);
+    } catch (...) {
+        ::close(fd);
+        throw;
+    }
+}
+
+}  // namespace velacore
