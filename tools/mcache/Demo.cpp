@@ -1,6 +1,7 @@
 // The demo session: setup, the passes, sampling and the summary.
 #include "Demo.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -22,12 +23,19 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// The frames a pass asks for: "playback" the whole timeline in order, "loop" the work area (the
+// first 15% of the timeline, which fits in memory) twice, "scrub" random frames anywhere.
 std::vector<uint32_t> PassFrames(const std::string& name, uint32_t frames, uint32_t seed) {
-    std::vector<uint32_t> order(frames);
-    for (uint32_t i = 0; i < frames; ++i) order[i] = i;
-    if (name == "scrub") {
+    std::vector<uint32_t> order;
+    if (name == "loop") {
+        const uint32_t area = std::max(1u, frames * 3 / 20);
+        for (int round = 0; round < 2; ++round)
+            for (uint32_t f = 0; f < area; ++f) order.push_back(f);
+    } else if (name == "scrub") {
         std::mt19937 rng(seed);
-        for (auto& f : order) f = rng() % frames;
+        for (uint32_t i = 0; i < frames; ++i) order.push_back(rng() % frames);
+    } else {
+        for (uint32_t f = 0; f < frames; ++f) order.push_back(f);
     }
     return order;
 }
@@ -38,13 +46,14 @@ struct PassRun {
     DemoPlugin* plugin;
     std::vector<uint32_t> order;
     std::atomic<size_t> next{0};
+    double startT = 0;  // seconds since the session started
     std::atomic<uint64_t> fromMemory{0}, fromDisk{0}, rendered{0}, done{0};
 };
 
 // One request: find the frame, render it on a miss, look at it, check it in.
 void ServeFrame(PassRun& run, uint32_t number) {
     const DemoOptions& o = *run.options;
-    const FrameSpec spec{number, o.width, o.height};
+    const FrameSpec spec{number, o.width, o.height, o.cost};
     const uint64_t start = velacore::HighPrecisionTime::Now();
     MC_ScCheckout receipt;
     const MC_CheckoutResult r = receipt.FindAndCheckout(
@@ -116,10 +125,14 @@ private:
             {
                 std::lock_guard<std::mutex> lock(mutex_);
                 samples_.push_back(TakeSample(bag_, t0_));
-                if (run_)
-                    progress_.Update(passName_, run_->done.load(), run_->order.size(),
+                if (run_) {
+                    const uint64_t done = run_->done.load();
+                    const double elapsed = samples_.back().t - run_->startT;
+                    progress_.Update(passName_, done, run_->order.size(),
+                                     elapsed > 0 ? static_cast<double>(done) / elapsed : 0.0,
                                      run_->fromMemory.load(), run_->fromDisk.load(),
                                      run_->rendered.load(), samples_.back());
+                }
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
@@ -136,8 +149,9 @@ private:
 };
 
 PassStats RunPass(const std::string& name, const DemoOptions& o, DemoPlugin* plugin,
-                  Sampler& sampler, uint32_t seed) {
+                  Sampler& sampler, uint32_t seed, Clock::time_point session) {
     PassRun run;
+    run.startT = std::chrono::duration<double>(Clock::now() - session).count();
     run.options = &o;
     run.plugin = plugin;
     run.order = PassFrames(name, o.frames, seed);
@@ -199,13 +213,14 @@ int RunDemo(const DemoOptions& o) {
         result.adoptedAtStart = static_cast<uint64_t>(bag->GetNumItems() - before);
 
         Progress progress(o.progress);
+        progress.SetBudgets(o.memoryBudget, o.diskBudgetMb << 20);
         const auto t0 = Clock::now();
         {
             Sampler sampler(bag, progress, t0);
-            const char* passes[] = {"playback", "loop", "scrub", "playback"};
+            const char* passes[] = {"playback", "scrub", "playback", "loop"};
             uint32_t seed = 7;
             for (const char* name : passes) {
-                result.passes.push_back(RunPass(name, o, plugin.get(), sampler, seed++));
+                result.passes.push_back(RunPass(name, o, plugin.get(), sampler, seed++, t0));
                 progress.PassDone(result.passes.back());
             }
             DrainWriteQueue();

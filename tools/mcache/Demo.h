@@ -13,12 +13,13 @@
 namespace mcache {
 
 struct DemoOptions {
-    uint32_t frames = 480;
-    uint32_t width = 480;
-    uint32_t height = 270;
+    uint32_t frames = 720;
+    uint32_t width = 640;
+    uint32_t height = 360;
     unsigned threads = 2;
-    uint64_t memoryBudget = 96ull << 20;  // bytes
-    uint64_t diskBudgetMb = 192;
+    uint32_t cost = 3;                     // render work multiplier
+    uint64_t memoryBudget = 160ull << 20;  // bytes
+    uint64_t diskBudgetMb = 480;
     std::filesystem::path folder;         // the disk-cache root; default: temp/mcache-demo
     std::filesystem::path plugin;         // the statistics plug-in; empty: look beside the tool
     bool json = false;

@@ -1,5 +1,6 @@
 #include "FramePayload.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -28,10 +29,15 @@ IntrusivePtr<FramePayload> FramePayload::Render(FrameSpec spec, double* seconds)
     const int octaves = 2 + static_cast<int>((spec.number * 7919u) % 8u);
     for (uint32_t y = 0; y < spec.height; ++y) {
         for (uint32_t x = 0; x < spec.width; ++x) {
-            float v = 0.0f, amplitude = 0.5f;
-            for (int o = 0; o < octaves; ++o) {
-                v += amplitude * Noise(x >> o, y >> o, spec.number + static_cast<uint32_t>(o));
-                amplitude *= 0.5f;
+            float v = 0.0f;
+            for (uint32_t pass = 0; pass < std::max(1u, spec.cost); ++pass) {
+                float amplitude = 0.5f, octave = 0.0f;
+                for (int o = 0; o < octaves; ++o) {
+                    octave += amplitude *
+                              Noise(x >> o, y >> o, spec.number + static_cast<uint32_t>(o) + pass);
+                    amplitude *= 0.5f;
+                }
+                v += octave / static_cast<float>(std::max(1u, spec.cost));
             }
             const auto level = static_cast<uint32_t>(std::min(255.0f, v * 255.0f));
             (*pixels)[size_t{y} * spec.width + x] =

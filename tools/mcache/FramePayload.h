@@ -18,6 +18,7 @@ struct FrameSpec {
     uint32_t number = 0;
     uint32_t width = 0;
     uint32_t height = 0;
+    uint32_t cost = 1;  // work multiplier of the render (not part of the frame's identity)
 };
 
 class FramePayload : public MC_StuffData {

@@ -25,22 +25,23 @@ std::string Bytes(double bytes) {
 
 Progress::Progress(bool enabled) : enabled_(enabled), terminal_(velacore::IsStderrTerminal()) {}
 
-void Progress::Update(const std::string& pass, uint64_t done, uint64_t total, uint64_t memory,
-                      uint64_t disk, uint64_t rendered, const Sample& s) {
+void Progress::Update(const std::string& pass, uint64_t done, uint64_t total, double fps,
+                      uint64_t memory, uint64_t disk, uint64_t rendered, const Sample& s) {
     if (!enabled_) return;
     // Off a terminal, one plain line every two seconds.
     if (!terminal_ && s.t - lastPlain_ < 2.0) return;
     lastPlain_ = s.t;
-    const double fps = s.t > 0 ? static_cast<double>(done) / std::max(0.001, s.t) : 0.0;
-    (void)fps;
     std::fprintf(stderr,
-                 "%s%-8s %4llu/%-4llu  mem %llu  disk %llu  rendered %llu  |  memory %s  disk %s"
-                 "  write queue %u%s",
+                 "%s%-8s %4llu/%-4llu %6.1f fps | memory %llu, disk %llu, rendered %llu | "
+                 "mem %s / %s | disk %s / %s | write queue %u%s",
                  terminal_ ? "\r\033[K" : "", pass.c_str(), static_cast<unsigned long long>(done),
-                 static_cast<unsigned long long>(total), static_cast<unsigned long long>(memory),
-                 static_cast<unsigned long long>(disk), static_cast<unsigned long long>(rendered),
+                 static_cast<unsigned long long>(total), fps,
+                 static_cast<unsigned long long>(memory), static_cast<unsigned long long>(disk),
+                 static_cast<unsigned long long>(rendered),
                  Bytes(static_cast<double>(s.memory)).c_str(),
-                 Bytes(static_cast<double>(s.disk)).c_str(), s.writeQueue,
+                 Bytes(static_cast<double>(memoryBudget_)).c_str(),
+                 Bytes(static_cast<double>(s.disk)).c_str(),
+                 Bytes(static_cast<double>(diskBudget_)).c_str(), s.writeQueue,
                  terminal_ ? "" : "\n");
     std::fflush(stderr);
 }
@@ -132,7 +133,7 @@ void PrintSummary(const DemoOptions& o, const DemoResult& r, MC_Bag& bag, int ap
     const auto& m = j["memory"];
     const auto& d = j["disk"];
     const auto& c = j["cache"];
-    std::printf("\nmemory: %s in use, peak %s, budget %s; %u purge passes, %u items purged\n",
+    std::printf("\nmemory: %s in use, peak %s, budget %s; %u purge passes, %u purge attempts\n",
                 Bytes(m["in_use"].get<double>()).c_str(), Bytes(m["peak"].get<double>()).c_str(),
                 Bytes(m["budget"].get<double>()).c_str(), c["purge_passes"].get<unsigned>(),
                 c["purge_attempts"].get<unsigned>());

@@ -14,8 +14,9 @@ namespace mcache {
 class Progress {
 public:
     explicit Progress(bool enabled);
-    void Update(const std::string& pass, uint64_t done, uint64_t total, uint64_t memory,
-                uint64_t disk, uint64_t rendered, const Sample& sample);
+    // One refresh: pass progress and speed, where frames came from, the cache's state.
+    void Update(const std::string& pass, uint64_t done, uint64_t total, double framesPerSecond,
+                uint64_t memory, uint64_t disk, uint64_t rendered, const Sample& sample);
     void PassDone(const PassStats& pass);
     void SetBudgets(uint64_t memory, uint64_t disk) {
         memoryBudget_ = memory;
