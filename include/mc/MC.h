@@ -1,7 +1,9 @@
 // Everything a host includes to use the cache.
 #pragma once
 
+#include "mc/GenericMCComputeStuffData.h"
 #include "mc/MC_Bag.h"
+#include "mc/MC_ComputeCache.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_PerformanceCounters.h"
 #include "mc/MC_ScCheckout.h"

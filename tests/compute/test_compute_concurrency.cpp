@@ -1,0 +1,185 @@
+// Compute check-outs from many threads through the loaded C plug-in: one computation per entry
+// while others wait or are turned away, waiters released when a computation fails, and a soak
+// of mixed check-outs against a concurrent purge.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "ComputeFixture.h"
+
+using namespace computetest;
+
+namespace {
+
+class ComputeConcurrency : public ComputeTest {
+  protected:
+    void ConfigureHost(mctest::RecordingHostServices& h) override {
+        h.SetMemUsageLimits(4000, uint64_t{1} << 30);  // purges go down to 400 bytes
+    }
+    uint32_t PendingWaitsSinceStart() const {
+        return MCp_GetCounters().pendingWaits.load() - waitsAtStart_;
+    }
+    void SetUp() override {
+        ComputeTest::SetUp();
+        waitsAtStart_ = MCp_GetCounters().pendingWaits.load();
+    }
+    uint32_t waitsAtStart_ = 0;
+};
+
+TEST_F(ComputeConcurrency, EightThreadsWaitingForTheSameValueComputeItOnce) {
+    constexpr int kThreads = 8;
+    const HistogramParams p = Params(100, 256, 256, 64);
+    hook_.Hold();  // the first computation waits until everybody else waits for it
+    std::vector<int> results(kThreads, -1);
+    std::vector<const HistogramValue*> values(kThreads, nullptr);
+    std::vector<ZKGP_ComputeReceipt> receipts(kThreads, nullptr);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            results[t] = Checkout(p, 2, &receipts[t]);
+            if (results[t] == 0) plugin().getValue(receipts[t], &values[t]);
+        });
+    }
+    ASSERT_TRUE(hook_.WaitForEntered(1));
+    ASSERT_TRUE(WaitUntil([&] { return PendingWaitsSinceStart() >= kThreads - 1; }));
+    EXPECT_EQ(hook_.Entered(), 1);
+    hook_.Release();
+    for (auto& th : threads) th.join();
+
+    for (int t = 0; t < kThreads; ++t) {
+        EXPECT_EQ(results[t], 0) << "thread " << t;
+        EXPECT_EQ(values[t], values[0]) << "thread " << t;
+    }
+    EXPECT_EQ(Delta().computes, 1);
+    EXPECT_EQ(hook_.Entered(), 1);
+    ASSERT_NE(values[0], nullptr);
+    EXPECT_TRUE(SameBins(*values[0], Direct(p)));
+    EXPECT_EQ(ItemOf(receipts[0])->GetCheckoutCount(), static_cast<uint32_t>(kThreads));
+    for (ZKGP_ComputeReceipt r : receipts) EXPECT_EQ(plugin().checkin(r), 0);
+}
+
+TEST_F(ComputeConcurrency, AskingWithoutWaitingWhileAnotherThreadComputesYields22AtOnce) {
+    const HistogramParams p = Params(101);
+    hook_.Hold();
+    ScopedReceipt computed;
+    int computeResult = -1;
+    std::thread computer([&] { computeResult = Checkout(p, 1, computed.Out()); });
+    ASSERT_TRUE(hook_.WaitForEntered(1));
+
+    ZKGP_ComputeReceipt receipt = nullptr;
+    EXPECT_EQ(Checkout(p, 1, &receipt), ZKGP_ComputeResult_NotAvailable);
+    EXPECT_EQ(Checkout(p, 0, &receipt), ZKGP_ComputeResult_NotAvailable);
+    EXPECT_EQ(receipt, nullptr);
+    EXPECT_EQ(PendingWaitsSinceStart(), 0u) << "nobody waited";
+    hook_.Release();
+    // The other class's entry for the same key is independent of the first one.
+    ScopedReceipt inverted;
+    EXPECT_EQ(Checkout(p, 1, inverted.Out(), kInvertedHistogramClass), 0);
+    computer.join();
+
+    EXPECT_EQ(computeResult, 0);
+    EXPECT_EQ(Delta().computes, 2);
+    ScopedReceipt cached;
+    EXPECT_EQ(Checkout(p, 0, cached.Out()), 0);
+    EXPECT_EQ(ValueOf(cached.Get()), ValueOf(computed.Get()));
+}
+
+TEST_F(ComputeConcurrency, WaitersAreReleasedWhenTheComputationFails) {
+    const HistogramParams p = Params(102);
+    hook_.Hold();
+    hook_.FailNext(1, -55);
+    ZKGP_ComputeReceipt creatorReceipt = nullptr, waiterReceipt = nullptr;
+    int creator = 0, waiter = 0;
+    std::thread first([&] { creator = Checkout(p, 2, &creatorReceipt); });
+    ASSERT_TRUE(hook_.WaitForEntered(1));
+    std::thread second([&] { waiter = Checkout(p, 2, &waiterReceipt); });
+    ASSERT_TRUE(WaitUntil([&] { return PendingWaitsSinceStart() >= 1; }));
+    hook_.Release();
+    first.join();
+    second.join();
+
+    EXPECT_EQ(creator, -55);
+    // The waiter finds the abandoned entry without a value: refused as a corrupt entry.
+    EXPECT_EQ(waiter, ZKGP_ComputeResult_BadParameter);
+    EXPECT_EQ(creatorReceipt, nullptr);
+    EXPECT_EQ(waiterReceipt, nullptr);
+    EXPECT_EQ(
+        host().FailedVerifications(),
+        std::vector<std::string>{"MCCompute unexpected stuff of wrong type. corrupt cache??"});
+    EXPECT_EQ(bag_->GetNumItems(), 0);
+
+    ScopedReceipt retry;
+    ASSERT_EQ(Checkout(p, 2, retry.Out()), 0);
+    EXPECT_EQ(Delta().computes, 1);
+}
+
+// Mixed check-outs of a few entries from several threads while another thread keeps purging
+// whatever is idle. Every receipt must show the value of its own parameters, intact, and every
+// computed value must be disposed exactly once in the end.
+TEST_F(ComputeConcurrency, MixedCheckoutsAgainstAConcurrentPurgeStayConsistent) {
+    constexpr int kThreads = 6;
+    constexpr int kRounds = 300;
+    constexpr int kSeeds = 6;
+    std::vector<HistogramParams> params;
+    std::vector<HistogramValue> direct[2];
+    for (uint32_t s = 0; s < kSeeds; ++s) {
+        params.push_back(Params(200 + s, 32 + s, 24, 40 * s));
+        direct[0].push_back(Direct(params.back(), false));
+        direct[1].push_back(Direct(params.back(), true));
+    }
+    host().SetAmountToPurge(uint64_t{1} << 30);
+    std::atomic<bool> stop{false};
+    std::atomic<int> purges{0};
+    std::thread purger([&] {
+        while (!stop.load()) {
+            bag_->FreeUpSomeMemory(0);
+            purges.fetch_add(1);
+            std::this_thread::yield();
+        }
+    });
+    std::atomic<int> wrongValues{0}, unexpected{0}, handedOut{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(static_cast<unsigned>(t) * 7919u + 1u);
+            for (int i = 0; i < kRounds; ++i) {
+                const int seed = static_cast<int>(rng() % kSeeds);
+                const int cls = static_cast<int>(rng() % 2);
+                const int mode = static_cast<int>(rng() % 3);
+                ZKGP_ComputeReceipt r = nullptr;
+                const int result = Checkout(params[seed], mode, &r,
+                                            cls ? kInvertedHistogramClass : kHistogramClass);
+                if (result == ZKGP_ComputeResult_NotAvailable && mode != 2) continue;
+                if (result != 0) {
+                    unexpected.fetch_add(1);
+                    continue;
+                }
+                handedOut.fetch_add(1);
+                const HistogramValue* v = nullptr;
+                if (plugin().getValue(r, &v) != 0 || !v || !SameBins(*v, direct[cls][seed]))
+                    wrongValues.fetch_add(1);
+                if (plugin().checkin(r) != 0) unexpected.fetch_add(1);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    stop.store(true);
+    purger.join();
+
+    EXPECT_EQ(unexpected.load(), 0);
+    EXPECT_EQ(wrongValues.load(), 0);
+    EXPECT_GT(handedOut.load(), 0);
+    EXPECT_GT(purges.load(), 0);
+    EXPECT_TRUE(host().FailedVerifications().empty());
+    // Everything is idle now: one more purge frees every value that is left.
+    bag_->FreeUpSomeMemory(0);
+    const HistogramCounters d = Delta();
+    EXPECT_EQ(d.disposes, d.computes);
+    EXPECT_EQ(bag_->GetNumItems(), 0);
+}
+
+}  // namespace
