@@ -102,5 +102,7 @@ void MC_Stuff::PurgeFromMediaMap() {
     }
     IntrusivePtr<MC_Stuff> self(this);
     FreeUpAsMuchAsPossible(false, nullptr);
-    MCp_MediaMapErase(self);
+    // A payload that stayed in memory in the bag (checked out, refusing, or busy being written)
+    // keeps its entry, so that the media manager goes on counting its bytes.
+    if (!IsInMemory() || !LockBag()) MCp_MediaMapErase(self);
 }

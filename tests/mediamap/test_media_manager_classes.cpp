@@ -1,0 +1,118 @@
+// The standalone media manager as the mirror uses it: purge classes (the register call's `kind`),
+// detaching an owner through the interface while a purge call to it is in flight.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "mc/host/StandaloneMediaManager.h"
+
+using namespace std::chrono_literals;
+using NX::StandaloneMediaManager;
+
+namespace {
+
+const velacore::Guid kClient(std::string_view("0F0E0D0C-0B0A-0908-0706-050403020100"));
+
+// Purges by forgetting the entry, and records the order.
+class ForgettingOwner : public NX::IPurgeableSupport {
+  public:
+    explicit ForgettingOwner(NX::IMediaManager& manager) : manager_(manager) {}
+    bool PurgeEntry(uint64_t sequence) override {
+        {
+            std::lock_guard lock(mutex_);
+            purged_.push_back(sequence);
+        }
+        manager_.ForgetEntry(sequence);
+        return true;
+    }
+    bool IsNonPurgeable(uint64_t) override { return false; }
+    std::vector<uint64_t> Purged() const {
+        std::lock_guard lock(mutex_);
+        return purged_;
+    }
+
+  private:
+    NX::IMediaManager& manager_;
+    mutable std::mutex mutex_;
+    std::vector<uint64_t> purged_;
+};
+
+TEST(MediaManagerClasses, ScratchEntriesGoBeforeCachedOnesWhateverTheirAge) {
+    StandaloneMediaManager m(250);
+    ForgettingOwner owner(m);
+    m.RegisterEntry(&owner, kClient, 1, 100, NX::kMediaEntryCached, 0, nullptr);
+    m.RegisterEntry(&owner, kClient, 2, 100, NX::kMediaEntryCached, 0, nullptr);
+    m.RegisterEntry(&owner, kClient, 3, 100, NX::kMediaEntryScratch, 0, nullptr);  // youngest
+    ASSERT_TRUE(m.WaitUntilSettled(60s));
+    EXPECT_EQ(owner.Purged(), (std::vector<uint64_t>{3}));
+    m.RegisterEntry(&owner, kClient, 4, 100, NX::kMediaEntryCached, 0, nullptr);
+    ASSERT_TRUE(m.WaitUntilSettled(60s));
+    EXPECT_EQ(owner.Purged(), (std::vector<uint64_t>{3, 1}));  // then the oldest cached one
+    EXPECT_EQ(m.GetRegisteredBytes(), 200u);
+}
+
+TEST(MediaManagerClasses, TouchMakesAnEntryTheYoungestOfItsClass) {
+    StandaloneMediaManager m(250);
+    ForgettingOwner owner(m);
+    m.RegisterEntry(&owner, kClient, 1, 100, NX::kMediaEntryCached, 0, nullptr);
+    m.RegisterEntry(&owner, kClient, 2, 100, NX::kMediaEntryCached, 0, nullptr);
+    m.TouchEntry(1, kClient);
+    m.RegisterEntry(&owner, kClient, 3, 100, NX::kMediaEntryCached, 0, nullptr);
+    ASSERT_TRUE(m.WaitUntilSettled(60s));
+    EXPECT_EQ(owner.Purged(), (std::vector<uint64_t>{2}));
+}
+
+// An owner whose purge blocks until released, to hold a call in flight.
+class BlockingOwner : public NX::IPurgeableSupport {
+  public:
+    bool PurgeEntry(uint64_t) override {
+        std::unique_lock lock(mutex_);
+        entered_ = true;
+        cv_.notify_all();
+        cv_.wait(lock, [&] { return released_; });
+        finished_.store(true);
+        return false;
+    }
+    bool IsNonPurgeable(uint64_t) override { return false; }
+    void WaitEntered() {
+        std::unique_lock lock(mutex_);
+        ASSERT_TRUE(cv_.wait_for(lock, 60s, [&] { return entered_; }));
+    }
+    void Release() {
+        std::lock_guard lock(mutex_);
+        released_ = true;
+        cv_.notify_all();
+    }
+    std::atomic<bool> finished_{false};
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool entered_ = false;
+    bool released_ = false;
+};
+
+TEST(MediaManagerClasses, DetachThroughTheInterfaceWaitsForTheCallInFlight) {
+    StandaloneMediaManager m(10);
+    BlockingOwner owner;
+    NX::IMediaManager& manager = m;
+    manager.RegisterEntry(&owner, kClient, 1, 100, NX::kMediaEntryCached, 0, nullptr);
+    owner.WaitEntered();
+    std::atomic<bool> finishedWhenDetached{false};
+    std::thread detacher([&] {
+        manager.DetachOwner(&owner);
+        finishedWhenDetached.store(owner.finished_.load());
+    });
+    std::this_thread::sleep_for(20ms);  // let the detacher reach its wait (not needed to pass)
+    owner.Release();
+    detacher.join();
+    EXPECT_TRUE(finishedWhenDetached.load());
+    EXPECT_EQ(m.EntryCount(), 0u);
+}
+
+}  // namespace

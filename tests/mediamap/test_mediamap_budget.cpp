@@ -1,0 +1,163 @@
+// The media manager over budget: it has the cache purge its oldest idle items through the
+// mirror, from its own thread, and never a checked-out or pinned one; the three totals (the
+// manager's, the map's and the bag's in-memory bytes) agree once things settle, also under load
+// from several threads and across shut-down.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "MediaMapTestUtil.h"
+#include "mc/MC_Bag.h"
+#include "mc/MC_Module.h"
+#include "mc/MC_ScCheckout.h"
+
+using namespace mediamap_test;
+using mctest::MakeItem;
+using mctest::MakeRequest;
+using mctest::TestPayload;
+
+namespace {
+
+class BudgetTest : public MirrorTest {
+  protected:
+    BudgetTest() { recorder_ = std::make_unique<RecordingMediaManager>(3000); }
+    NX::StandaloneMediaManager& Manager() { return recorder_->Inner(); }
+    void Settle() { ASSERT_TRUE(Manager().WaitUntilSettled(60s)); }
+};
+
+TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemButNeverACheckedOutOne) {
+    IntrusivePtr<MC_Stuff> a = AddItem(1, 1000);
+    IntrusivePtr<MC_Stuff> b = AddItem(2, 1000);
+    IntrusivePtr<MC_Stuff> c = AddItem(3, 1000);
+    Settle();
+    EXPECT_EQ(Manager().PurgedCount(), 0u);  // 3000 fits
+
+    auto hold = std::make_unique<MC_ScCheckout>(a, MC_CheckoutFlag_ReadOnly);
+    IntrusivePtr<MC_Stuff> d = AddItem(4, 1000);
+    Settle();
+    EXPECT_TRUE(a->IsInMemory());  // oldest, but checked out
+    EXPECT_FALSE(b->IsInMemory());
+    EXPECT_TRUE(b->GetBag().expired());  // nothing left of it: it left the cache
+    EXPECT_TRUE(c->IsInMemory());
+    EXPECT_TRUE(d->IsInMemory());
+    EXPECT_EQ(Manager().GetRegisteredBytes(), 3000u);
+    EXPECT_EQ(Map()->EntryCount(), 3u);
+
+    hold.reset();  // check-in re-registers a as the youngest entry, same total
+    Settle();
+    EXPECT_EQ(Manager().GetRegisteredBytes(), 3000u);
+    AddItem(5, 1000);  // over again: c is now the oldest idle item, not a
+    Settle();
+    EXPECT_TRUE(a->IsInMemory());
+    EXPECT_FALSE(c->IsInMemory());
+    EXPECT_TRUE(d->IsInMemory());
+    EXPECT_EQ(Manager().GetRegisteredBytes(), 3000u);
+    EXPECT_EQ(MC_GetMediaMapSize(), 3000u);
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 3000);
+    EXPECT_EQ(Manager().PurgedCount(), 2u);
+}
+
+TEST_F(BudgetTest, APinnedEntryIsNeverPurgedEvenWhenOldest) {
+    IntrusivePtr<MC_Stuff> pinnedItem = MakeItem(9, 1000);
+    const uint64_t pinned =
+        Map()->Insert({velacore::Guid::CreateUnique(), 0},
+                      std::make_shared<zk::MC_MediaMapData>(pinnedItem, 1000), true);
+    IntrusivePtr<MC_Stuff> a = AddItem(1, 1000);
+    IntrusivePtr<MC_Stuff> b = AddItem(2, 1000);
+    IntrusivePtr<MC_Stuff> c = AddItem(3, 1000);
+    Settle();
+    EXPECT_TRUE(pinnedItem->IsInMemory());
+    EXPECT_TRUE(Map()->IsNonPurgeable(pinned));
+    EXPECT_FALSE(a->IsInMemory());
+    EXPECT_TRUE(b->IsInMemory());
+    EXPECT_TRUE(c->IsInMemory());
+    EXPECT_EQ(Manager().GetRegisteredBytes(), 3000u);
+
+    Map()->MakePurgeable(pinned);
+    AddItem(4, 1000);  // over again: the unpinned entry is now the oldest and goes
+    Settle();
+    EXPECT_FALSE(Map()->IsNonPurgeable(pinned));
+    EXPECT_EQ(Map()->EntryCount(), 3u);
+    EXPECT_TRUE(b->IsInMemory());
+    EXPECT_EQ(Manager().GetRegisteredBytes(), 3000u);
+}
+
+TEST_F(BudgetTest, APayloadThatRefusesKeepsItsEntryAndItsBytesCounted) {
+    IntrusivePtr<MC_Stuff> a = AddItem(1, 1000);
+    static_cast<TestPayload&>(*a->GetDataPtr()).SetAllowPurge(false);
+    IntrusivePtr<MC_Stuff> b = AddItem(2, 1000);
+    AddItem(3, 1000);
+    AddItem(4, 1000);
+    Settle();
+    EXPECT_TRUE(a->IsInMemory());
+    EXPECT_NE(Map()->SequenceOf(a), 0u);
+    EXPECT_FALSE(b->IsInMemory());
+    EXPECT_EQ(Manager().GetRegisteredBytes(), 3000u);
+}
+
+// Renders and reads frames from several threads while the manager purges. A check-out must
+// keep its payload in memory throughout; at rest the totals agree and fit the budget.
+TEST_F(BudgetTest, ConcurrentRendersStayWithinBudgetAndKeepCheckedOutFramesResident) {
+    constexpr int kThreads = 4;
+    constexpr int kIterations = 250;
+    constexpr uint32_t kKeys = 40;
+    constexpr uint32_t kFrameBytes = 1000;
+    Manager().SetBudget(10 * kFrameBytes);
+    std::atomic<int> lostWhileHeld{0};
+    std::atomic<int> renders{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(static_cast<uint32_t>(t) * 7919u + 1u);
+            for (int i = 0; i < kIterations; ++i) {
+                const uint32_t key = rng() % kKeys;
+                MC_ScCheckout r;
+                const MC_CheckoutResult res = r.FindAndCheckout(
+                    MakeRequest(key), MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending |
+                                          MC_CheckoutFlag_WaitIfPendingUnlessLocked);
+                if (res == MC_CheckoutResult_CreatedNewPending) {
+                    r.GetStuffPtr()->SetStuffDataFromPendingRender(
+                        IntrusivePtr<MC_StuffData>(new TestPayload(key, kFrameBytes)), 0.01);
+                    renders.fetch_add(1);
+                } else if (res == MC_CheckoutResult_CheckedOut) {
+                    IntrusivePtr<MC_StuffData> data = r.GetStuffPtr()->GetDataPtr();
+                    auto* payload = static_cast<TestPayload*>(data.get());
+                    for (int spin = 0; spin < 3; ++spin) {
+                        if (!payload || !payload->Bytes()) lostWhileHeld.fetch_add(1);
+                        std::this_thread::yield();
+                    }
+                }
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    Settle();
+    EXPECT_EQ(lostWhileHeld.load(), 0);
+    EXPECT_GT(Manager().PurgedCount(), 0u);
+    EXPECT_GT(renders.load(), static_cast<int>(kKeys));  // frames were purged and rendered again
+    EXPECT_LE(Manager().GetRegisteredBytes(), 10u * kFrameBytes);
+    EXPECT_EQ(MC_GetMediaMapSize(), Manager().GetRegisteredBytes());
+    EXPECT_EQ(MC_GetMediaMapSize(),
+              static_cast<uint64_t>(bag_->GetInMemoryCacheSizeInBytes_LockFree()));
+    EXPECT_EQ(Map()->EntryCount(), Manager().EntryCount());
+}
+
+// Shut-down while the manager's thread is busy purging through the mirror: Death waits for the
+// call in flight and leaves nothing registered.
+TEST_F(BudgetTest, DeathWhilePurgingLeavesNothingBehind) {
+    Manager().SetBudget(1);
+    std::vector<IntrusivePtr<MC_Stuff>> items;
+    for (uint32_t k = 0; k < 50; ++k) items.push_back(AddItem(k, 100));
+    bag_.reset();
+    MC_StopAllAsyncWork();
+    MC_Death();
+    EXPECT_EQ(Manager().EntryCount(), 0u);
+    EXPECT_EQ(Manager().GetRegisteredBytes(), 0u);
+    for (const auto& stuff : items) EXPECT_TRUE(stuff->GetBag().expired());
+    MC_Birth(true, kAppVersion, false);  // TearDown stops and kills it again
+}
+
+}  // namespace
