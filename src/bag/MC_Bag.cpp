@@ -104,14 +104,17 @@ void MC_Bag::TraceMediaMapChange(const char* what, const StuffPtr& stuff) {
 // allocation; membership is verified and the media map refreshed as on remove and add.
 void MC_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const MCp_ScLock& lock) {
     debug::ProfileScope profile("ZK.MC_Bag::UpdateWithNewLastUsedTime", 7);
-    if (stuff->LockBag().get() != this) MCp_FailVerification("stuff not in the right bag");
-    const bool mirror = MCp_MediaMapEnabled();
-    if (mirror) MCp_MediaMapErase(stuff);
     MC_MruSet::iterator it;
     {
         ScopedReadLockWrapper r(stuff->lock_);
+        if (stuff->bag_.lock().get() != this) {
+            r.Unlock();
+            MCp_FailVerification("stuff not in the right bag");
+        }
         it = stuff->bagIt_;
     }
+    const bool mirror = MCp_MediaMapEnabled();
+    if (mirror) MCp_MediaMapErase(stuff);
     auto node = mru_.extract(it);
     stuff->UpdateLastUsedTimeToNow();
     struct Relink {

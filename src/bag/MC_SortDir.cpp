@@ -112,7 +112,12 @@ MC_CheckoutResult MC_SortDir::SearchGroup(const StuffPtr& request, int flags, At
                 pass == 0 ? cKey->IdenticalRequest(reqKey) : cKey->CanSatisfyRequest(reqKey);
             if (!match) continue;
             if (attempt.foundHasDiskFile) *attempt.foundHasDiskFile = c->IsOnDisk();
-            const MC_CheckoutResult r = c->Checkout(flags);
+            // A bring-back from disk happens after the cache lock (FindAndCheckout), so the
+            // check-out under it never reads the file.
+            const bool bringBackLater =
+                !(flags & (MC_CheckoutFlag_MemoryOnly | MC_CheckoutFlag_NoDiskRead));
+            const MC_CheckoutResult r =
+                c->Checkout(bringBackLater ? flags | MC_CheckoutFlag_NoDiskRead : flags);
             if (r == MC_CheckoutResult_Failed) {
                 attempt.tried.push_back(c);
                 continue;

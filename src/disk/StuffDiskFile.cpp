@@ -1,4 +1,5 @@
-// An item's disk file: attach, forget, delete, conditional delete, and disk holds.
+// An item's disk file: attach, forget, delete, conditional delete, and disk holds. Deleting
+// never throws (a file that is already gone is simply forgotten).
 #include "lifecycle/Counters.h"
 #include "mc/MC_Stuff.h"
 #include "mc/host/File.h"
@@ -34,9 +35,11 @@ void MC_Stuff::ClearDiskCacheFile() {
 
 bool MC_Stuff::DeleteDiskCacheFile() {
     uint64_t size = 0;
+    bool hadFile = false;
     {
         ScopedWriteLockWrapper w(lock_);
         if (diskFile_) {
+            hadFile = true;
             try {
                 size = diskFile_->Size();
             } catch (...) {
@@ -50,7 +53,11 @@ bool MC_Stuff::DeleteDiskCacheFile() {
             diskFile_.reset();
         }
     }
-    if (size == 0) return false;
+    if (size == 0) {
+        // A file whose size could not be read (already gone) still leaves the accounting.
+        if (hadFile) SyncDiskSizeWithBag(0);
+        return false;
+    }
     stateSignal_(IsInMemory(), false);
     SyncDiskSizeWithBag(0);
     return true;

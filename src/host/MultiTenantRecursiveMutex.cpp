@@ -7,6 +7,19 @@
 
 namespace velacore {
 
+namespace {
+// Waits on cv until pred holds, counting the sleeper so that unlocks skip the notify when
+// nobody sleeps.
+template <class Pred>
+void WaitCounted(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
+                 uint32_t& sleepers, Pred pred) {
+    if (pred()) return;
+    ++sleepers;
+    cv.wait(lock, pred);
+    --sleepers;
+}
+}  // namespace
+
 MultiTenantRecursiveMutex::MultiTenantRecursiveMutex() = default;
 MultiTenantRecursiveMutex::~MultiTenantRecursiveMutex() = default;
 
@@ -57,7 +70,7 @@ void MultiTenantRecursiveMutex::LockRead() {
     Holder* h = FindHolderLocked(self);
     if (!h) {
         // A new reader queues behind the writer and behind anyone waiting to write.
-        cv_.wait(lock, [this] { return writer_ == std::thread::id() && waitingWriters_ == 0; });
+        WaitCounted(cv_, lock, sleepers_, [this] { return writer_ == std::thread::id() && waitingWriters_ == 0; });
         h = AddHolderLocked(self);
     }
     // Otherwise the thread already holds some mode, which excludes every writer but itself.
@@ -72,7 +85,7 @@ void MultiTenantRecursiveMutex::UnlockRead() {
     if (--h->reads == 0) {
         --readerThreads_;
         EraseIfIdleLocked(self);
-        cv_.notify_all();
+        if (sleepers_ != 0) cv_.notify_all();
     }
 }
 
@@ -84,7 +97,7 @@ void MultiTenantRecursiveMutex::LockUpgrade() {
         throw std::logic_error("LockUpgrade: the thread holds only read; it would deadlock");
     }
     if (!h) {
-        cv_.wait(lock, [this] {
+        WaitCounted(cv_, lock, sleepers_, [this] {
             return upgrader_ == std::thread::id() && writer_ == std::thread::id() &&
                    waitingWriters_ == 0;
         });
@@ -103,7 +116,7 @@ void MultiTenantRecursiveMutex::UnlockUpgrade() {
     if (--h->upgrades == 0) {
         upgrader_ = std::thread::id();
         EraseIfIdleLocked(self);
-        cv_.notify_all();
+        if (sleepers_ != 0) cv_.notify_all();
     }
 }
 
@@ -123,9 +136,9 @@ void MultiTenantRecursiveMutex::LockWrite() {
     ++waitingWriters_;
     if (h) {
         const uint32_t ownRead = h->reads > 0 ? 1 : 0;
-        cv_.wait(lock, [this, ownRead] { return readerThreads_ == ownRead; });
+        WaitCounted(cv_, lock, sleepers_, [this, ownRead] { return readerThreads_ == ownRead; });
     } else {
-        cv_.wait(lock, [this] {
+        WaitCounted(cv_, lock, sleepers_, [this] {
             return writer_ == std::thread::id() && upgrader_ == std::thread::id() &&
                    readerThreads_ == 0;
         });
@@ -145,7 +158,7 @@ void MultiTenantRecursiveMutex::UnlockWrite() {
     if (--h->writes == 0) {
         writer_ = std::thread::id();
         EraseIfIdleLocked(self);
-        cv_.notify_all();
+        if (sleepers_ != 0) cv_.notify_all();
     }
 }
 

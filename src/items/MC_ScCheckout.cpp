@@ -70,11 +70,11 @@ MC_CheckoutResult MC_ScCheckout::Checkout(IntrusivePtr<MC_Stuff> stuff, int flag
 
 MC_CheckoutResult MC_ScCheckout::FindAndCheckout(IntrusivePtr<MC_Stuff> key, int flags) {
     ScopedUpgradeLockWrapper up(lock_);
-    {
+    if (result_ != MC_CheckoutResult_Failed) {
         ScopedWriteLockWrapper w(lock_);
         CheckinLocked(checkinFlags_, 0.0);
-        checkoutFlags_ = flags;
     }
+    checkoutFlags_ = flags;  // only upgraders and writers read it
     if (flags & MC_CheckoutFlag_ReferenceOnly) return MC_CheckoutResult_Failed;
     std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
     if (!bag) return MC_CheckoutResult_Failed;

@@ -216,13 +216,19 @@ bool MC_Stuff::ShouldAllowPurge() const {
 // --- size reporting ------------------------------------------------------------------------
 
 void MC_Stuff::SyncMemorySizeWithBag(uint32_t size) {
-    std::shared_ptr<MC_Bag> bag = TargetBag();
-    if (!bag) return;
+    // The hot path (nothing changed) touches no lock: the bag is looked up only for a change.
+    const uint32_t checked = GetCheckoutCount() != 0 ? size : 0;
     const uint32_t old = memSizeReported_.exchange(size);
+    const uint32_t oldChecked = checkedOutSizeReported_.exchange(checked);
+    if (old == size && oldChecked == checked) return;
+    std::shared_ptr<MC_Bag> bag = TargetBag();
+    if (!bag) {  // no bag to report to: keep the figures as they were
+        memSizeReported_.store(old);
+        checkedOutSizeReported_.store(oldChecked);
+        return;
+    }
     if (old != size)
         bag->AdjustInMemoryCacheSize(static_cast<int64_t>(size) - static_cast<int64_t>(old));
-    const uint32_t checked = GetCheckoutCount() != 0 ? size : 0;
-    const uint32_t oldChecked = checkedOutSizeReported_.exchange(checked);
     if (oldChecked != checked)
         bag->AdjustCheckedOutMemoryCacheSize(static_cast<int64_t>(checked) -
                                              static_cast<int64_t>(oldChecked));

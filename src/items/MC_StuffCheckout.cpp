@@ -37,7 +37,10 @@ MC_CheckoutResult MC_Stuff::CheckoutLocked(int flags, bool writeable, bool accep
     const bool inMemory = data_ && data_->IsInMemory();
     if ((flags & MC_CheckoutFlag_MemoryOnly) && !inMemory && !IsPendingRender())
         return MC_CheckoutResult_Failed;
-    if (IsPendingFromThisThread()) return MC_CheckoutResult_Failed;
+    // The rendering thread must not wait on its own pending item (caller holds the item lock).
+    if (IsPendingRender() && creatorThread_ == std::this_thread::get_id() &&
+        GetCheckoutCount() != 0)
+        return MC_CheckoutResult_Failed;
 
     checkoutCount_.fetch_add(1);
     bool resident = inMemory;
@@ -64,17 +67,23 @@ MC_CheckoutResult MC_Stuff::Checkout(int flags) {
         ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
          !ScNotifyHoldingMutexLock::IsHoldingLock());
     MC_CheckoutResult result;
+    uint32_t size = 0;
     {
         ScopedUpgradeLockWrapper up(lock_);
         result = CheckoutLocked(flags, false, acceptPending);
+        if (data_) size = data_->GetApproximateMemorySize();
     }
     if (result == MC_CheckoutResult_Failed) return result;
     MCp_GetCounters().activeCheckouts.fetch_add(1);
-    SyncMemorySizeWithBag(GetApproximateMemorySize());
+    SyncMemorySizeWithBag(size);
     return result;
 }
 
 MC_CheckoutResult MC_Stuff::CheckoutForWrite(int flags) {
+    // Read back from disk before the cache lock is taken: no file I/O under it.
+    if (!(flags & (MC_CheckoutFlag_NoDiskRead | MC_CheckoutFlag_MemoryOnly)) && IsOnDisk() &&
+        !IsInMemory() && !MCp_ScLock::IsHeldByCurrentThread())
+        EnsureInMemory();
     const bool acceptPending =
         (flags & MC_CheckoutFlag_WaitIfPending) ||
         ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
@@ -102,8 +111,13 @@ MC_CheckoutResult MC_Stuff::CheckoutForWrite(int flags) {
 }
 
 void MC_Stuff::Checkin(int flags, double computeTime) {
-    const bool wasWriteable = IsCheckedOutWriteable();
-    std::shared_ptr<MC_SortDir> dir = GetSortDir();
+    bool wasWriteable = false;
+    std::shared_ptr<MC_SortDir> dir;
+    {
+        ScopedReadLockWrapper r(lock_);
+        wasWriteable = checkedOutWriteable_;
+        if (wasWriteable) dir = sortDir_.lock();
+    }
     bool decremented = false;
     {
         MCp_ScLock lock;
@@ -143,6 +157,7 @@ void MC_Stuff::Checkin(int flags, double computeTime) {
 // The disk-write step of a check-in: forced writes go to the disk executor at once; writeable
 // check-ins ask whether the item is worth writing.
 void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime) {
+    if (!(flags & MC_CheckinFlag_ForceWriteToDisk) && !wasWriteable) return;  // nothing to decide
     IntrusivePtr<MC_StuffData> data = GetDataPtr();
     if (!data || !data->IsInMemory() || !data->CanDiskCache()) return;
     IntrusivePtr<MC_Stuff> self(this);
@@ -152,6 +167,7 @@ void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime)
         return;
     }
     if (!wasWriteable) return;
+    if (!MCp_DiskExecutor()) return;  // writer stopped: nothing is queued or counted
     std::shared_ptr<MC_Bag> bag = LockBag();
     if (!bag || !bag->IsDiskCacheEnabled()) return;
     bool lowPriority = false;

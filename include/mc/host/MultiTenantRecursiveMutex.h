@@ -71,6 +71,7 @@ private:
     std::thread::id upgrader_{};       // thread holding upgrade, if any
     std::thread::id writer_{};         // thread holding write, if any
     uint32_t waitingWriters_ = 0;
+    uint32_t sleepers_ = 0;  // threads blocked on cv_; unlocks notify only when there are some
 };
 
 // Scoped holders. Each locks in its constructor and unlocks in its destructor unless Unlock()

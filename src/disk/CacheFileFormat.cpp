@@ -1,0 +1,174 @@
+// Cache-file names, sub-folders and the 32-byte header.
+#include "disk/CacheFileFormat.h"
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cstdio>
+
+#include "lifecycle/Messages.h"
+#include "mc/host/BinaryText.h"
+#include "mc/host/ByteStream.h"
+#include "mc/host/Errors.h"
+#include "mc/host/FileSystem.h"
+#include "mc/host/TextConvert.h"
+
+using velacore::Dir;
+using velacore::File;
+
+namespace {
+
+void PutU32(uint8_t* out, uint32_t value) {
+    for (int i = 0; i < 4; ++i) out[i] = static_cast<uint8_t>(value >> (8 * i));
+}
+void PutU64(uint8_t* out, uint64_t value) {
+    for (int i = 0; i < 8; ++i) out[i] = static_cast<uint8_t>(value >> (8 * i));
+}
+uint32_t GetU32(const uint8_t* in) {
+    uint32_t value = 0;
+    for (int i = 0; i < 4; ++i) value |= static_cast<uint32_t>(in[i]) << (8 * i);
+    return value;
+}
+uint64_t GetU64(const uint8_t* in) {
+    uint64_t value = 0;
+    for (int i = 0; i < 8; ++i) value |= static_cast<uint64_t>(in[i]) << (8 * i);
+    return value;
+}
+
+std::u16string Widen(std::string_view ascii) {
+    return std::u16string(ascii.begin(), ascii.end());
+}
+
+// The version field: hexadecimal digits only (either case), at least one, fitting in 32 bits.
+// Anything else never matches a bag's version.
+bool ParseVersionField(std::u16string_view field, uint32_t& version) {
+    if (field.empty()) return false;
+    std::string narrow;
+    narrow.reserve(field.size());
+    for (char16_t c : field) {
+        if (c > 0x7F) return false;
+        narrow.push_back(static_cast<char>(c));
+    }
+    const char* end = narrow.data() + narrow.size();
+    const auto [ptr, ec] = std::from_chars(narrow.data(), end, version, 16);
+    return ec == std::errc() && ptr == end;
+}
+
+// Splits off the text up to the next full stop; false when there is none.
+bool NextField(std::u16string_view& rest, std::u16string_view& field) {
+    const size_t dot = rest.find(u'.');
+    if (dot == std::u16string_view::npos) return false;
+    field = rest.substr(0, dot);
+    rest.remove_prefix(dot + 1);
+    return true;
+}
+
+}  // namespace
+
+// --- header --------------------------------------------------------------------------------
+
+std::array<uint8_t, kCacheFileHeaderSize> CacheFileHeader::Encode() const {
+    std::array<uint8_t, kCacheFileHeaderSize> bytes{};
+    PutU32(bytes.data(), magic);
+    PutU32(bytes.data() + 4, formatVersion);
+    PutU32(bytes.data() + 8, appVersion);
+    PutU32(bytes.data() + 12, reserved);
+    PutU64(bytes.data() + 16, std::bit_cast<uint64_t>(computeTime));
+    PutU64(bytes.data() + 24, std::bit_cast<uint64_t>(savings));
+    return bytes;
+}
+
+CacheFileHeader CacheFileHeader::Decode(const uint8_t* bytes) {
+    CacheFileHeader h;
+    h.magic = GetU32(bytes);
+    h.formatVersion = GetU32(bytes + 4);
+    h.appVersion = GetU32(bytes + 8);
+    h.reserved = GetU32(bytes + 12);
+    h.computeTime = std::bit_cast<double>(GetU64(bytes + 16));
+    h.savings = std::bit_cast<double>(GetU64(bytes + 24));
+    return h;
+}
+
+void CacheFileHeader::WriteTo(velacore::OByteStream& out) const {
+    const auto bytes = Encode();
+    out.WriteBytes(bytes.data(), bytes.size());
+}
+
+CacheFileHeader CacheFileHeader::ReadFrom(velacore::IByteStream& in) {
+    std::array<uint8_t, kCacheFileHeaderSize> bytes{};
+    in.ReadBytes(bytes.data(), bytes.size());
+    return Decode(bytes.data());
+}
+
+// --- names and places ----------------------------------------------------------------------
+
+std::u16string BuildCacheFileName(const velacore::Guid& guid, const char* matchname,
+                                  uint32_t appVersion, const std::vector<uint8_t>& header) {
+    char version[16];
+    std::snprintf(version, sizeof version, "%X", static_cast<unsigned>(appVersion));
+    std::u16string encoded = Widen(velacore::EncodeBinaryDataToUTF8String(header));
+    std::replace(encoded.begin(), encoded.end(), u'/', u'-');
+
+    std::u16string name = guid.AsWString();
+    name += u'.';
+    name += Widen(matchname != nullptr ? matchname : "");
+    name += u'.';
+    name += Widen(version);
+    name += u'.';
+    name += encoded;
+    name += kCacheFileExtension;
+    return name;
+}
+
+File CacheFileFor(const Dir& cacheDir, const std::u16string& name) {
+    return cacheDir.GetSubdir(name.substr(0, 2)).GetFile(name);
+}
+
+bool EnsureCacheSubfolder(const Dir& cacheDir, const std::u16string& name) {
+    // One level at a time: a vanished root must not be re-created under the cache's feet.
+    const Dir sub = cacheDir.GetSubdir(name.substr(0, 2));
+    try {
+        velacore::FileSystem& fs = velacore::GetFileSystem();
+        if (!fs.IsDirectory(cacheDir.GetFullPath())) fs.CreateDirectory(cacheDir.GetFullPath());
+        if (!fs.IsDirectory(sub.GetFullPath())) fs.CreateDirectory(sub.GetFullPath());
+        return true;
+    } catch (...) {
+        return false;  // the file creation that follows reports the problem
+    }
+}
+
+// --- parsing -------------------------------------------------------------------------------
+
+ParsedCacheFileName ParseCacheFileName(const File& file, uint32_t expectedAppVersion) {
+    const std::u16string name = file.GetName();
+    std::u16string_view rest = name;
+    std::u16string_view guidText, matchname, versionText, headerText;
+    if (!NextField(rest, guidText) || !NextField(rest, matchname) ||
+        !NextField(rest, versionText) || !NextField(rest, headerText)) {
+        throw kMalformedCacheFileNameError;
+    }
+
+    ParsedCacheFileName parsed;
+    try {
+        parsed.guid = velacore::Guid(guidText);
+    } catch (const velacore::HostError&) {
+        throw kMalformedCacheFileNameError;
+    }
+    if (!ParseVersionField(versionText, parsed.appVersion) ||
+        parsed.appVersion != expectedAppVersion) {
+        throw static_cast<int>(MCp_Err_AppVersion);
+    }
+    std::u16string headerField(headerText);
+    std::replace(headerField.begin(), headerField.end(), u'-', u'/');
+    try {
+        parsed.header = velacore::DecodeBinaryDataFromUTF8String(velacore::ToUtf8(headerField));
+    } catch (const velacore::HostError&) {
+        throw kMalformedCacheFileNameError;
+    }
+    parsed.matchname.assign(matchname);
+    return parsed;
+}
+
+bool IsCacheFile(const File& file) {
+    return file.GetExtension(true) == kCacheFileExtension;
+}
