@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <iomanip>
 #include <sstream>
 
 #include "mc/MC.h"
@@ -150,6 +151,14 @@ void PrintSummary(const DemoOptions& o, const DemoResult& r, MC_Bag& bag, int ap
                 static_cast<unsigned long long>(r.statsComputed));
 }
 
+namespace {
+std::string Seconds(double s) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.1f s", s);
+    return buf;
+}
+}  // namespace
+
 void WriteSvgReport(const DemoOptions& o, const DemoResult& r, const std::string& path) {
     const double W = 900, chartH = 220, left = 70, top = 40, plotW = W - left - 30;
     double tMax = 0.001;
@@ -157,7 +166,7 @@ void WriteSvgReport(const DemoOptions& o, const DemoResult& r, const std::string
     const double memBudget = static_cast<double>(o.memoryBudget);
     const double diskBudget = static_cast<double>(o.diskBudgetMb << 20);
     std::ostringstream svg;
-    svg << "<svg xmlns='http://www.w3.org/2000/svg' width='" << W << "' height='760' "
+    svg << "<svg xmlns='http://www.w3.org/2000/svg' width='" << W << "' height='840' "
         << "font-family='sans-serif' font-size='12'>\n<rect width='100%' height='100%' "
         << "fill='white'/>\n";
     auto chart = [&](double y0, const char* title, double budget, auto value, const char* color) {
@@ -177,7 +186,7 @@ void WriteSvgReport(const DemoOptions& o, const DemoResult& r, const std::string
         svg << "'/>\n<text x='" << left - 8 << "' y='" << y0 + 4 << "' text-anchor='end'>"
             << Bytes(vMax) << "</text>\n<text x='" << left - 8 << "' y='" << y0 + chartH
             << "' text-anchor='end'>0</text>\n<text x='" << left + plotW << "' y='"
-            << y0 + chartH + 16 << "' text-anchor='end'>" << tMax << " s</text>\n";
+            << y0 + chartH + 16 << "' text-anchor='end'>" << Seconds(tMax) << "</text>\n";
     };
     chart(top, "Memory in use", memBudget, [](const Sample& s) { return s.memory; }, "#2a6");
     chart(top + chartH + 60, "Disk cache in use", diskBudget,
