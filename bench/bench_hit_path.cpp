@@ -21,6 +21,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/HostOps.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_ScCheckout.h"
@@ -154,10 +155,12 @@ void BM_PurgeWalk(benchmark::State& state) {
         host.SetAmountToPurge(uint64_t{kItems} * 1000 / 2);
         host.ClearRecords();
         host.SetProfiling(true, 7);
+        debug::SetProfiling(true, 7);
         state.ResumeTiming();
         const int64_t freed = bag->FreeUpSomeMemory(0);
         state.PauseTiming();
         host.SetProfiling(false, 0);
+        debug::SetProfiling(false, 0);
         auto profiles = host.Profiles();
         const double whole = static_cast<double>(profiles["ZK.MC_Bag::FreeUpSomeMemory"].second);
         const double locked =
@@ -184,12 +187,14 @@ public:
             f.nsPerOp = run.GetAdjustedRealTime();
             auto it = run.counters.find("items_per_second");
             if (it != run.counters.end()) f.opsPerSec = it->second.value;
+            for (const auto& [name, counter] : run.counters) f.counters[name] = counter.value;
             auto a = run.counters.find("allocs_per_hit");
             if (a != run.counters.end()) f.allocs = a->second.value;
         }
     }
     struct Figures {
         double nsPerOp = 0, opsPerSec = 0, allocs = -1;
+        std::map<std::string, double> counters;
     };
     std::map<std::string, Figures> figures;
 };
@@ -241,6 +246,11 @@ int main(int argc, char** argv) {
                 mc2.opsPerSec / mc1.opsPerSec);
     std::printf("reference LRU: 1 thread %.1f ns/hit; 2 threads %.2fx one thread\n",
                 1e9 / ref1.opsPerSec, ref2.opsPerSec / ref1.opsPerSec);
+    auto purge = get("BM_PurgeWalk/iterations:3");
+    std::printf("purge walk freeing half of %u items: %.1f ms per walk, %.1f ns per visited item, "
+                "%.0f%% of the call under the cache lock\n",
+                kItems, purge.nsPerOp, purge.counters["ns_per_visited_item"],
+                100.0 * purge.counters["share_under_cache_lock"]);
     std::printf("ratio MC / reference LRU time per hit (1 thread): %.2f\n",
                 ref1.opsPerSec / mc1.opsPerSec);
 #if MC_HAVE_TBB

@@ -17,7 +17,7 @@ struct DemoOptions {
     uint32_t width = 640;
     uint32_t height = 360;
     unsigned threads = 2;
-    uint32_t cost = 3;                     // render work multiplier
+    uint32_t cost = 12;                    // render work multiplier
     uint64_t memoryBudget = 160ull << 20;  // bytes
     uint64_t diskBudgetMb = 480;
     std::filesystem::path folder;         // the disk-cache root; default: temp/mcache-demo
