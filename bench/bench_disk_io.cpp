@@ -2,7 +2,9 @@
 //   write: 32 items of 8 MiB rendered and checked in; the check-in queues them and the two
 //          writer threads write and commit the files. Timed from the first check-in until the
 //          last file is attached. Limit: the same bytes (whole files, padding included) written
-//          by one thread, file after file, as direct writes of 256 KiB blocks.
+//          as direct writes of 256 KiB blocks, file after file, by one thread and by two (with
+//          synchronous direct writes a file system may commit two streams together far faster
+//          than one; the better pass is the limit, and the one-stream ratio is printed too).
 //   read:  the same 32 items purged from memory and checked out again, one after the other, so
 //          that each is read back from its file. Limit: the same bytes (header and payload) of
 //          the same files read by one plain read each into fresh memory.
@@ -14,6 +16,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -54,7 +57,7 @@ double Seconds(Clock::time_point from) {
 // An 8 MiB payload that writes and reads its bytes in one piece (no checking, so that the
 // benchmark measures the cache's I/O path and not a payload's own work).
 class BenchPayload : public MC_StuffData {
-  public:
+public:
     BenchPayload(uint32_t key, uint32_t size) : key_(key), size_(size) {
         SetCachePriority(MC_CachePriority_Normal);
         if (size == 0) return;
@@ -96,7 +99,7 @@ class BenchPayload : public MC_StuffData {
     }
     const uint8_t* Data() const { return bytes_.get(); }
 
-  private:
+private:
     uint32_t key_;
     uint32_t size_;
     std::unique_ptr<uint8_t[]> bytes_;
@@ -130,11 +133,11 @@ struct Best {
         if (seconds > 0) bytesPerSecond = std::max(bytesPerSecond, bytes / seconds);
     }
 };
-Best g_plainWrite, g_cacheWrite, g_plainRead, g_cacheRead;
+Best g_plainWrite, g_plainWrite2, g_cacheWrite, g_plainRead, g_cacheRead;
 
 // The module started on a fresh cache folder, with the items rendered and written.
 class CacheSession {
-  public:
+public:
     CacheSession() : root_("mc-bench-io", BenchBase()) {
         services_->SetClientVersion("1.0");
         MCp_SetInitialDiskRescanPostedForTesting(true);
@@ -201,7 +204,7 @@ class CacheSession {
         return static_cast<const BenchPayload&>(*payloads_[key]);
     }
 
-  private:
+private:
     std::shared_ptr<mctest::RecordingHostServices> services_ =
         std::make_shared<mctest::RecordingHostServices>();
     mctest::ScopedHostServices scoped_{services_};
@@ -245,22 +248,30 @@ void BM_CacheWrite(benchmark::State& state) {
     }
 }
 
+// The same files as the cache writes (header and payload rounded up to whole 256 KiB blocks),
+// written by `state.range(0)` threads, each taking every n-th file.
 void BM_PlainWrite(benchmark::State& state) {
-    // Same files as the cache writes: header and payload rounded up to whole 256 KiB blocks.
     const uint64_t fileSize = (kPayload + 36 + kBlock - 1) / kBlock * kBlock;
+    const int streams = static_cast<int>(state.range(0));
     BenchPayload source(7, kPayload);
-    velacore::AlignedBuffer block(kBlock, 4096);
+    Best& best = streams == 1 ? g_plainWrite : g_plainWrite2;
     for (auto _ : state) {
         mctest::TempDir dir("mc-bench-plain", BenchBase());
+        std::vector<std::thread> threads;
+        std::atomic<bool> direct{true};
         const auto start = Clock::now();
-        bool direct = true;
-        for (uint32_t i = 0; i < kItems; ++i)
-            direct = PlainWrite(dir.Path() / std::to_string(i), source.Data(), fileSize, block) &&
-                     direct;
+        for (int t = 0; t < streams; ++t)
+            threads.emplace_back([&, t] {
+                velacore::AlignedBuffer block(kBlock, 4096);
+                for (uint32_t i = t; i < kItems; i += streams)
+                    if (!PlainWrite(dir.Path() / std::to_string(i), source.Data(), fileSize, block))
+                        direct.store(false);
+            });
+        for (auto& t : threads) t.join();
         const double seconds = Seconds(start);
         state.SetIterationTime(seconds);
-        g_plainWrite.Note(static_cast<double>(fileSize) * kItems, seconds);
-        g_plainWrite.directIo = direct;
+        best.Note(static_cast<double>(fileSize) * kItems, seconds);
+        best.directIo = direct.load();
         state.SetBytesProcessed(state.bytes_processed() + static_cast<int64_t>(fileSize * kItems));
     }
 }
@@ -273,22 +284,32 @@ void BM_ReadBack(benchmark::State& state) {
     const uint64_t perFile = 32 + 4 + uint64_t{kPayload};
     const double bytes = static_cast<double>(perFile) * kItems;
     const std::vector<velacore::File> files = session.Files();
-    for (auto _ : state) {
-        const double cacheSeconds = session.PurgeAndReadAll();
-        g_cacheRead.Note(bytes, cacheSeconds);
-
+    bool plainFirst = false;
+    auto plainPass = [&] {
         DropPages(session.Folder());
         const auto start = Clock::now();
         for (const auto& f : files) PlainRead(f.GetFullPath(), perFile);
         g_plainRead.Note(bytes, Seconds(start));
+    };
+    for (auto _ : state) {
+        if (plainFirst) plainPass();  // alternate, so that neither pass always goes first
+        const double cacheSeconds = session.PurgeAndReadAll();
+        g_cacheRead.Note(bytes, cacheSeconds);
+        if (!plainFirst) plainPass();
+        plainFirst = !plainFirst;
         state.SetIterationTime(cacheSeconds);
         state.SetBytesProcessed(state.bytes_processed() + static_cast<int64_t>(bytes));
     }
 }
 
-BENCHMARK(BM_PlainWrite)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlainWrite)
+    ->Arg(1)
+    ->Arg(2)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_CacheWrite)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_ReadBack)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReadBack)->UseManualTime()->Iterations(6)->Unit(benchmark::kMillisecond);
 
 double MiBs(const Best& b) {
     return b.bytesPerSecond / (1 << 20);
@@ -305,12 +326,19 @@ int main(int argc, char** argv) {
         "\n%u items of %u MiB; writes direct (O_DIRECT): %s; reads buffered, pages dropped "
         "before each read pass\n",
         kItems, kPayload >> 20, g_plainWrite.directIo ? "yes" : "no (fallback)");
-    if (g_plainWrite.bytesPerSecond > 0 && g_cacheWrite.bytesPerSecond > 0)
+    if (g_plainWrite.bytesPerSecond > 0 && g_cacheWrite.bytesPerSecond > 0) {
+        // The disk's limit is the better of one stream and two (the writer uses two threads).
+        const double limit = std::max(g_plainWrite.bytesPerSecond, g_plainWrite2.bytesPerSecond);
         std::printf(
-            "write: cache %.0f MiB/s, plain direct 256 KiB writes %.0f MiB/s, ratio %.2f "
+            "write: cache %.0f MiB/s; plain direct 256 KiB writes %.0f MiB/s (1 stream), "
+            "%.0f MiB/s (2 streams)\n",
+            MiBs(g_cacheWrite), MiBs(g_plainWrite), MiBs(g_plainWrite2));
+        std::printf(
+            "write ratio %.2f against the better plain pass, %.2f against one stream "
             "(target >= 0.85)\n",
-            MiBs(g_cacheWrite), MiBs(g_plainWrite),
+            g_cacheWrite.bytesPerSecond / limit,
             g_cacheWrite.bytesPerSecond / g_plainWrite.bytesPerSecond);
+    }
     if (g_plainRead.bytesPerSecond > 0 && g_cacheRead.bytesPerSecond > 0)
         std::printf(
             "read:  cache check-out %.0f MiB/s, plain read %.0f MiB/s, ratio %.2f "

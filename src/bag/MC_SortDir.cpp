@@ -104,7 +104,7 @@ MC_CheckoutResult MC_SortDir::SearchGroup(const StuffPtr& request, int flags, At
     auto [first, last] = index_.equal_range(request);
     for (int pass = 0; pass < 2; ++pass) {
         for (auto it = first; it != last; ++it) {
-            const StuffPtr& c = *it;
+            const StuffPtr c = *it;  // a copy: a writeable check-out takes it out of the index
             if (attempt.WasTried(c)) continue;
             const IntrusivePtr<MC_StuffData> cKey = c->GetFindKeyData();
             if (!cKey) continue;

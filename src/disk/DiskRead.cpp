@@ -137,7 +137,11 @@ bool MC_Stuff::PrepAndRead(ScopedUpgradeLockWrapper& upgradeLock) {
     const uint32_t size = data->GetApproximateMemorySize();
     SyncMemorySizeWithBag(size);
     if (seconds > 0.0) MCp_ReadSpeedStat().AddSample(size, seconds);
-    MCp_GetCounters().bytesRead.fetch_add(file->Size());
+    try {
+        MCp_GetCounters().bytesRead.fetch_add(file->Size());
+    } catch (const velacore::HostError&) {
+        // removed since it was read (another cache sharing the folder): the read stands
+    }
     lastReadFromDiskTime_.store(velacore::HighPrecisionTime::Now());
     return true;
 }

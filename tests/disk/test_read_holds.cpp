@@ -1,10 +1,6 @@
 // Disk holds and the item's file record: a held or checked-out item keeps its file; the
 // conditional delete respects the last-use limit; attaching, forgetting and deleting a file keep
 // the bag's disk total right.
-// GCC's maybe-uninitialized warning misfires inside Boost.Signals2's connect() when the
-// sanitizers are on; it must be off before the first include to reach those headers.
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>

@@ -1,16 +1,13 @@
 // Read-back: an item rendered, checked in, written, purged and checked out again comes back from
 // its file with identical bytes and its compute time; files without the header are read from
 // their first byte; many readers of one purged item read its file once.
-// GCC's maybe-uninitialized warning misfires inside Boost.Signals2's connect() when the
-// sanitizers are on; it must be off before the first include to reach those headers.
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>
 #include <vector>
 
+#include "mc/MCp_ScLock.h"
 #include "mc/host/Signal.h"
 #include "test_writer_fixture.h"
 
@@ -19,6 +16,27 @@ using namespace diskbtest;
 namespace {
 
 class ReadBack : public DiskCacheTest {};
+
+// Notes whether its file I/O ever ran under the process-wide cache lock.
+class LockCheckingPayload : public TestPayload {
+public:
+    LockCheckingPayload(uint32_t key, uint32_t size) : TestPayload(key, size) {
+        SetDiskCacheable(true);
+    }
+    double Write(velacore::OByteStream& out) const override {
+        if (MCp_ScLock::IsHeldByCurrentThread()) underLock.store(true);
+        ++writes;
+        return TestPayload::Write(out);
+    }
+    double Read(velacore::IByteStream& in, velacore::MultiTenantRecursiveMutex& lock) override {
+        if (MCp_ScLock::IsHeldByCurrentThread()) underLock.store(true);
+        ++reads;
+        return TestPayload::Read(in, lock);
+    }
+    mutable std::atomic<bool> underLock{false};
+    mutable std::atomic<int> writes{0};
+    std::atomic<int> reads{0};
+};
 
 bool HasKeyPattern(const IntrusivePtr<MC_Stuff>& stuff, uint32_t key, uint32_t size) {
     auto* payload = dynamic_cast<TestPayload*>(stuff->GetDataPtr().get());
@@ -102,6 +120,31 @@ TEST_F(ReadBack, WriteableCheckOutOfAPurgedItemReadsItBack) {
     ASSERT_EQ(item->Checkout(0), MC_CheckoutResult_CheckedOut);
     EXPECT_TRUE(HasKeyPattern(item, 7, 4000));
     item->Checkin(0, 0.0);
+}
+
+TEST_F(ReadBack, NoFileIsReadOrWrittenUnderTheCacheLock) {
+    auto* payload = new LockCheckingPayload(9, 3000);
+    payload->SetCachePriority(MC_CachePriority_Normal);
+    IntrusivePtr<MC_Stuff> item = MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(payload), 2.0);
+    item->SetGuid(mctest::KeyGuid(9));
+    bag_->AddToBagAndSortDir(item);
+    item->MaybeWriteToDisk();
+    ASSERT_TRUE(WaitUntil([&] { return item->IsOnDisk(); }));
+    for (const int flags : {int{MC_CheckoutFlag_ReadOnly}, 0}) {  // read-only, then writeable
+        item->FreeUpAsMuchAsPossible(true, nullptr);
+        ASSERT_FALSE(item->IsInMemory());
+        MC_ScCheckout receipt;
+        ASSERT_EQ(receipt.FindAndCheckout(mctest::MakeRequest(9), flags),
+                  MC_CheckoutResult_CheckedOut);
+        EXPECT_TRUE(HasKeyPattern(item, 9, 3000));
+    }
+    item->FreeUpAsMuchAsPossible(true, nullptr);
+    ASSERT_EQ(item->Checkout(0), MC_CheckoutResult_CheckedOut);  // writeable, directly
+    EXPECT_TRUE(HasKeyPattern(item, 9, 3000));
+    item->Checkin(0, 0.0);
+    EXPECT_EQ(payload->writes.load(), 1);
+    EXPECT_EQ(payload->reads.load(), 3);
+    EXPECT_FALSE(payload->underLock.load());
 }
 
 TEST_F(ReadBack, ManyReadersOfOnePurgedItemReadTheFileOnce) {

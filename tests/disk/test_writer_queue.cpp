@@ -1,10 +1,6 @@
 // The asynchronous writer: oldest entries first and at most two at a time, a stopped writer
 // leaves nothing queued or running, one writer per item, forced writes off the caller's thread,
 // and what a finished write accounts.
-// GCC's maybe-uninitialized warning misfires inside Boost.Signals2's connect() when the
-// sanitizers are on; it must be off before the first include to reach those headers.
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
