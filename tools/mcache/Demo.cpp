@@ -53,16 +53,16 @@ struct PassRun {
 // One request: find the frame, render it on a miss, look at it, check it in.
 void ServeFrame(PassRun& run, uint32_t number) {
     const DemoOptions& o = *run.options;
-    const FrameSpec spec{number, o.width, o.height, o.cost};
+    const FrameSpec desc{number, o.width, o.height, o.cost};
     const uint64_t start = velacore::HighPrecisionTime::Now();
     MC_ScCheckout receipt;
     const MC_CheckoutResult r = receipt.FindAndCheckout(
-        FramePayload::MakeRequest(spec), MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending |
+        FramePayload::MakeRequest(desc), MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending |
                                              MC_CheckoutFlag_WaitIfPendingUnlessLocked);
     IntrusivePtr<MC_Stuff> stuff = receipt.GetStuffPtr();
     if (r == MC_CheckoutResult_CreatedNewPending) {
         double seconds = 0;
-        IntrusivePtr<FramePayload> frame = FramePayload::Render(spec, &seconds);
+        IntrusivePtr<FramePayload> frame = FramePayload::Render(desc, &seconds);
         frame->SetCachePriority(MC_CachePriority_Normal);
         stuff->SetStuffDataFromPendingRender(frame, seconds);
         run.rendered.fetch_add(1);
@@ -76,10 +76,10 @@ void ServeFrame(PassRun& run, uint32_t number) {
     } else {
         // Could not be had (its render was abandoned elsewhere): render without caching.
         double seconds = 0;
-        FramePayload::Render(spec, &seconds);
+        FramePayload::Render(desc, &seconds);
         run.rendered.fetch_add(1);
     }
-    if (run.plugin) run.plugin->FrameStatistics(spec);
+    if (run.plugin) run.plugin->FrameStatistics(desc);
     run.done.fetch_add(1);
 }
 

@@ -60,8 +60,8 @@ std::unique_ptr<DemoPlugin> DemoPlugin::Load(const std::filesystem::path& reques
     }
 }
 
-void DemoPlugin::FrameStatistics(const FrameSpec& spec) {
-    HistogramParams params{spec.width / 8, spec.height / 8, spec.number, 128};
+void DemoPlugin::FrameStatistics(const FrameSpec& desc) {
+    HistogramParams params{desc.width / 8, desc.height / 8, desc.number, 128};
     uint32_t bins[256];
     requests_.fetch_add(1);
     api_->getHistogram(kHistogramClass, &params, bins);

@@ -21,7 +21,7 @@ public:
     static std::unique_ptr<DemoPlugin> Load(const std::filesystem::path& path);
 
     // The histogram of the frame's thumbnail, through the compute cache.
-    void FrameStatistics(const FrameSpec& spec);
+    void FrameStatistics(const FrameSpec& desc);
     uint64_t Computed() const;
     uint64_t Requests() const { return requests_.load(); }
     void Shutdown();

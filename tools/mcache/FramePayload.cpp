@@ -19,29 +19,29 @@ float Noise(uint32_t x, uint32_t y, uint32_t seed) {
 }
 }  // namespace
 
-FramePayload::FramePayload(FrameSpec spec) : spec_(spec) {}
+FramePayload::FramePayload(FrameSpec desc) : spec_(desc) {}
 
-IntrusivePtr<FramePayload> FramePayload::Render(FrameSpec spec, double* seconds) {
+IntrusivePtr<FramePayload> FramePayload::Render(FrameSpec desc, double* seconds) {
     velacore::Timer timer;
-    IntrusivePtr<FramePayload> frame(new FramePayload(spec));
-    auto pixels = std::make_shared<Pixels>(size_t{spec.width} * spec.height);
+    IntrusivePtr<FramePayload> frame(new FramePayload(desc));
+    auto pixels = std::make_shared<Pixels>(size_t{desc.width} * desc.height);
     // The cost varies by frame: between 2 and 9 octaves of noise per pixel.
-    const int octaves = 2 + static_cast<int>((spec.number * 7919u) % 8u);
-    for (uint32_t y = 0; y < spec.height; ++y) {
-        for (uint32_t x = 0; x < spec.width; ++x) {
+    const int octaves = 2 + static_cast<int>((desc.number * 7919u) % 8u);
+    for (uint32_t y = 0; y < desc.height; ++y) {
+        for (uint32_t x = 0; x < desc.width; ++x) {
             float v = 0.0f;
-            for (uint32_t pass = 0; pass < std::max(1u, spec.cost); ++pass) {
+            for (uint32_t pass = 0; pass < std::max(1u, desc.cost); ++pass) {
                 float amplitude = 0.5f, octave = 0.0f;
                 for (int o = 0; o < octaves; ++o) {
                     octave += amplitude *
-                              Noise(x >> o, y >> o, spec.number + static_cast<uint32_t>(o) + pass);
+                              Noise(x >> o, y >> o, desc.number + static_cast<uint32_t>(o) + pass);
                     amplitude *= 0.5f;
                 }
-                v += octave / static_cast<float>(std::max(1u, spec.cost));
+                v += octave / static_cast<float>(std::max(1u, desc.cost));
             }
             const auto level = static_cast<uint32_t>(std::min(255.0f, v * 255.0f));
-            (*pixels)[size_t{y} * spec.width + x] =
-                0xFF000000u | (level << 16) | (((x + spec.number) & 0xFF) << 8) | (y & 0xFF);
+            (*pixels)[size_t{y} * desc.width + x] =
+                0xFF000000u | (level << 16) | (((x + desc.number) & 0xFF) << 8) | (y & 0xFF);
         }
     }
     frame->pixels_ = std::move(pixels);
@@ -53,13 +53,13 @@ void FramePayload::RegisterFactory() {
     MC_StuffData::Factory factory = [](const std::vector<uint8_t>& header) {
         IntrusivePtr<MC_StuffData> result;
         if (header.size() != 12) return result;
-        FrameSpec spec;
-        std::memcpy(&spec.number, header.data(), 4);
-        std::memcpy(&spec.width, header.data() + 4, 4);
-        std::memcpy(&spec.height, header.data() + 8, 4);
-        if (spec.width == 0 || spec.height == 0 || spec.width > 16384 || spec.height > 16384)
+        FrameSpec desc;
+        std::memcpy(&desc.number, header.data(), 4);
+        std::memcpy(&desc.width, header.data() + 4, 4);
+        std::memcpy(&desc.height, header.data() + 8, 4);
+        if (desc.width == 0 || desc.height == 0 || desc.width > 16384 || desc.height > 16384)
             return result;
-        result = IntrusivePtr<MC_StuffData>(new FramePayload(spec));
+        result = IntrusivePtr<MC_StuffData>(new FramePayload(desc));
         result->SetCachePriority(MC_CachePriority_Normal);
         return result;
     };
@@ -74,10 +74,10 @@ velacore::Guid FramePayload::FrameGuid(uint32_t number) {
     return velacore::Guid(b);
 }
 
-IntrusivePtr<MC_Stuff> FramePayload::MakeRequest(FrameSpec spec) {
+IntrusivePtr<MC_Stuff> FramePayload::MakeRequest(FrameSpec desc) {
     IntrusivePtr<MC_Stuff> request =
-        MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new FramePayload(spec)), 0.0);
-    request->SetGuid(FrameGuid(spec.number));
+        MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new FramePayload(desc)), 0.0);
+    request->SetGuid(FrameGuid(desc.number));
     return request;
 }
 

@@ -26,15 +26,15 @@ public:
     static constexpr const char* kMatchname = "DemoFrame";
 
     // An empty frame (a request, or a shell awaiting read-back).
-    explicit FramePayload(FrameSpec spec);
+    explicit FramePayload(FrameSpec desc);
     // Renders the frame; returns the payload and the seconds it took in *seconds.
-    static IntrusivePtr<FramePayload> Render(FrameSpec spec, double* seconds);
+    static IntrusivePtr<FramePayload> Render(FrameSpec desc, double* seconds);
     // Registers the factory that rebuilds frames from disk-cache headers.
     static void RegisterFactory();
     // The GUID shared by every item of a frame number.
     static velacore::Guid FrameGuid(uint32_t number);
     // A request item for FindAndCheckout.
-    static IntrusivePtr<MC_Stuff> MakeRequest(FrameSpec spec);
+    static IntrusivePtr<MC_Stuff> MakeRequest(FrameSpec desc);
 
     bool IdenticalRequest(IntrusivePtr<MC_StuffData> request) const override;
     bool CanSatisfyRequest(IntrusivePtr<MC_StuffData> request) const override;
@@ -47,7 +47,7 @@ public:
     double Write(velacore::OByteStream& out) const override;
     double Read(velacore::IByteStream& in, velacore::MultiTenantRecursiveMutex& itemLock) override;
 
-    const FrameSpec& Spec() const { return spec_; }
+    const FrameSpec& Desc() const { return spec_; }
     // A checksum of the pixels (0 when not resident), for verifying read-backs.
     uint64_t Checksum() const;
 
