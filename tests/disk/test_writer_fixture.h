@@ -36,6 +36,7 @@
 #include "mc/MC_Stuff.h"
 #include "mc/host/File.h"
 #include "mc/host/FileSystem.h"
+#include "support/DiskWriterDrain.h"
 #include "support/FaultInjectingFileSystem.h"
 #include "support/RecordingHostServices.h"
 #include "support/TempDir.h"
@@ -189,26 +190,7 @@ class DiskCacheTest : public ::testing::Test {
         return dynamic_cast<TestPayload*>(stuff->GetDataPtr().get());
     }
 
-    // Waits until every write queued or posted so far has finished: both writer threads are
-    // made to meet at a barrier. Returns false when the writer is stopped or time ran out.
-    static bool DrainWriter() {
-        auto exec = MCp_DiskExecutor();
-        if (!exec) return false;
-        auto barrier = std::make_shared<std::latch>(2);
-        std::vector<std::future<void>> done;
-        for (int i = 0; i < 2; ++i) {
-            auto p = std::make_shared<std::promise<void>>();
-            done.push_back(p->get_future());
-            if (!exec->Post([barrier, p] {
-                    barrier->arrive_and_wait();
-                    p->set_value();
-                }))
-                return false;
-        }
-        for (auto& f : done)
-            if (f.wait_for(std::chrono::minutes(2)) != std::future_status::ready) return false;
-        return true;
-    }
+    static bool DrainWriter() { return mctest::DrainDiskWriter(); }
 
     // Polls `condition` until it holds (generous deadline). Returns whether it did.
     static bool WaitUntil(const std::function<bool()>& condition) {

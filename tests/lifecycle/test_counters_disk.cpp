@@ -22,6 +22,7 @@
 #include "mc/MC_PerformanceCounters.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/host/File.h"
+#include "support/DiskWriterDrain.h"
 #include "support/FaultInjectingFileSystem.h"
 #include "support/RecordingHostServices.h"
 #include "support/TempDir.h"
@@ -122,25 +123,7 @@ class DiskCounters : public ::testing::Test {
         MC_Stuff::WriteToDiskAsync(stuff, nullptr);
         return stuff->IsOnDisk() ? stuff->GetDiskCacheFile().Size() : 0;
     }
-    // Waits until both writer threads are idle at once: every write posted before has finished.
-    static bool DrainWriter() {
-        auto exec = MCp_DiskExecutor();
-        if (!exec) return false;
-        auto barrier = std::make_shared<std::latch>(2);
-        std::vector<std::future<void>> done;
-        for (int i = 0; i < 2; ++i) {
-            auto p = std::make_shared<std::promise<void>>();
-            done.push_back(p->get_future());
-            if (!exec->Post([barrier, p] {
-                    barrier->arrive_and_wait();
-                    p->set_value();
-                }))
-                return false;
-        }
-        for (auto& f : done)
-            if (f.wait_for(std::chrono::minutes(2)) != std::future_status::ready) return false;
-        return true;
-    }
+    static bool DrainWriter() { return mctest::DrainDiskWriter(); }
     // Checks the item out writeable and in again, as a client that changed it would.
     static void WriteableCheckin(const IntrusivePtr<MC_Stuff>& stuff, double computeTime) {
         MC_ScCheckout r(stuff, 0);
