@@ -1,7 +1,9 @@
 // Guid text form, parsing and random generation (see mc/host/Guid.h).
 #include "mc/host/Guid.h"
 
-#include <random>
+#include <algorithm>
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid.hpp>
 
 #include "mc/host/Errors.h"
 
@@ -65,18 +67,11 @@ Guid::Guid(std::string_view text) : bytes_(ParseText(text, text)) {}
 Guid::Guid(std::u16string_view text) : bytes_(ParseText(text, Narrow(text))) {}
 
 Guid Guid::CreateUnique() {
-    thread_local std::mt19937_64 engine = [] {
-        std::random_device device;
-        std::seed_seq seeds{device(), device(), device(), device(), device(), device()};
-        return std::mt19937_64(seeds);
-    }();
+    // Version 4, RFC 4122 variant; one generator per thread, seeded from the system's entropy.
+    thread_local boost::uuids::random_generator_mt19937 generator;
+    const boost::uuids::uuid id = generator();
     Bytes bytes{};
-    for (size_t i = 0; i < bytes.size(); i += 8) {
-        uint64_t word = engine();
-        for (size_t j = 0; j < 8; ++j, word >>= 8) bytes[i + j] = static_cast<uint8_t>(word);
-    }
-    bytes[6] = static_cast<uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
-    bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+    std::copy(id.begin(), id.end(), bytes.begin());
     return Guid(bytes);
 }
 
