@@ -2,11 +2,29 @@
 //   read    - shared with other readers and with one upgrader;
 //   upgrade - shared with readers, exclusive against other upgraders and writers;
 //   write   - exclusive.
-// Every mode is re-entrant on the holding thread. A writer may take read, upgrade and write
-// again. An upgrader may take read, and may take write (it then waits for the other readers to
-// leave). A thread holding only read that asks for upgrade or write would deadlock: that is a
-// usage error and throws std::logic_error. A thread that already holds read takes read again at
-// once even while a writer waits; new readers from other threads queue behind a waiting writer.
+//
+// What the calling thread already holds x what it asks for:
+//
+//   holds \ asks   | read              | upgrade                    | write
+//   ---------------+-------------------+----------------------------+---------------------------
+//   nothing        | waits while       | waits while another thread | waits until no other
+//                  | another thread    | holds upgrade or write, or | thread holds any mode
+//                  | writes or waits   | waits to write             |
+//                  | to write          |                            |
+//   read only      | granted at once   | throws std::logic_error    | throws std::logic_error
+//                  | (even while a     | (it would deadlock)        | (it would deadlock)
+//                  | writer waits)     |                            |
+//   upgrade (with  | granted at once   | granted at once            | waits for the other
+//   or w/o read)   |                   |                            | threads' reads to end;
+//                  |                   |                            | meanwhile new readers and
+//                  |                   |                            | upgraders queue
+//   write (with    | granted at once   | granted at once; the       | granted at once
+//   anything)      |                   | thread is the upgrader     |
+//                  |                   | after releasing write      |
+//
+// Every grant is counted: each Lock* needs its own Unlock* on the same thread.
+// Unlocking a mode the thread does not hold throws std::logic_error. A waiting writer (from
+// "nothing" or from upgrade) holds back new readers and upgraders from other threads.
 // Thread-safety: all members may be called from any thread; unlocks must come from the thread
 // that locked.
 #pragma once
