@@ -72,7 +72,10 @@ int64_t MC_Bag::FreeUpSomeMemory(size_t) {
                 std::to_string(mru_.size()) + ", " + std::to_string(stats.attempted) + ", " +
                 std::to_string(stats.freedItems) + ", " + std::to_string(stats.amountFreed) +
                 ", " + std::to_string(U_AmountToPurge()) + ", " + (success ? "1" : "0") + "\n");
-        if (stats.newestUsed != 0) TrackLastPurgedUsedTime(stats.newestUsed);
+        if (stats.newestUsed != 0) {
+            TrackLastPurgedUsedTime(stats.newestUsed);
+            MCp_NoteLastPurgedUsedTime(this, stats.newestUsed);
+        }
     }
     releaseList.clear();  // purged payload memory is freed here, outside the cache lock
     if (totalFreed != 0) U_PurgeRecycledMemory();

@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 
-#include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_PerformanceCounters.h"
 #include "mc/host/Time.h"
@@ -11,6 +10,11 @@
 MCp_Counters& MCp_GetCounters() {
     static MCp_Counters counters;
     return counters;
+}
+
+void MCp_NoteLastPurgedUsedTime(const MC_Bag* bag, uint64_t usedTime) {
+    if (bag != nullptr && MC_GlobalBag().get() == bag)
+        MCp_GetCounters().lastPurgedUsedTime.store(usedTime);
 }
 
 void MCp_CountNoDiskCacheReason(int reason) {
@@ -23,9 +27,9 @@ MC_PerformanceCounters MC_GetPerformanceCounters() {
     out.purgePasses = c.purgePasses.load();
     out.reservedCount = 0;
     out.purgeAttempts = c.purgeAttempts.load();
-    if (std::shared_ptr<MC_Bag> bag = MC_GlobalBag()) {
+    if (MC_GlobalBag()) {
         const int64_t now = static_cast<int64_t>(velacore::HighPrecisionTime::Now());
-        const int64_t last = static_cast<int64_t>(bag->GetLastPurgedUsedTime());
+        const int64_t last = static_cast<int64_t>(c.lastPurgedUsedTime.load());
         out.lastPurgedAgeMs =
             velacore::HighPrecisionTime::ConvertToNanos(std::llabs(now - last)) / 1'000'000;
     }

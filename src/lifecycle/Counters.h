@@ -12,6 +12,9 @@ struct MCp_Counters {
     std::atomic<uint32_t> pendingRefusals{0};
     std::atomic<uint32_t> activeCheckouts{0};
     std::atomic<uint32_t> supersededSweeps{0};
+    // Last-use stamp of the newest item the global bag's last purge walk freed; 0 until the
+    // first such walk after MC_Birth.
+    std::atomic<uint64_t> lastPurgedUsedTime{0};
 
     std::atomic<uint64_t> bytesWritten{0};
     std::atomic<uint32_t> framesWritten{0};
@@ -30,6 +33,10 @@ struct MCp_Counters {
 };
 
 MCp_Counters& MCp_GetCounters();
+
+class MC_Bag;
+// Records the newest stamp a purge walk of `bag` freed; only the global bag's walks count.
+void MCp_NoteLastPurgedUsedTime(const MC_Bag* bag, uint64_t usedTime);
 
 // Counts a payload's recorded no-disk-cache reason (1..5; others are not counted).
 void MCp_CountNoDiskCacheReason(int reason);

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "host/HostOps.h"
+#include "lifecycle/Counters.h"
 #include "lifecycle/Settings.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
@@ -83,6 +84,7 @@ void MC_Birth(bool interactive, unsigned int appVersion, bool quilletMode) {
         s.disk = velacore::CreateSubExecutor(s.io, 2);
         s.async = velacore::CreateSubExecutor(s.io, 1);
     }
+    MCp_GetCounters().lastPurgedUsedTime.store(0);  // the new bag has purged nothing yet
     s.bag.store(std::make_shared<MC_Bag>(appVersion));
     s.quilletMode.store(quilletMode);
     if (MC_IsSetMCCacheLimitForQuilletsEnabled()) {
