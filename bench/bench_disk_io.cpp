@@ -28,7 +28,7 @@
 #include <vector>
 
 #include "disk/DiskScan.h"
-#include "host/PageCache.h"
+#include "helpers/PageCache.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_ScCheckout.h"

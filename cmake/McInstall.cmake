@@ -1,9 +1,9 @@
-# Installation: headers, the two shared libraries, a CMake package (find_package(MC CONFIG),
-# targets MC::MC and MC::mchost) and a pkg-config file (mc.pc); the mcache tool and the example
-# plug-in when they are built.
+# Installation: headers, the three shared libraries, a CMake package (find_package(MC CONFIG),
+# targets MC::MC, MC::mchost and MC::standalone) and a pkg-config file (mc.pc); the mcache tool
+# and the example plug-in when they are built.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS mchost MC mc_sanitize EXPORT MCTargets
+install(TARGETS mchost mc_standalone MC EXPORT MCTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}

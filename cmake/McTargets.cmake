@@ -12,7 +12,7 @@ if(MC_SANITIZE)
   target_compile_options(mc_warnings INTERFACE -Wno-maybe-uninitialized)
 endif()
 
-# mc_add_sources(<target> <folder>...): every .cpp/.c under the folders (not recursive).
+# mc_glob_sources(<out-var> <folder>...): every .cpp/.c under the folders (not recursive).
 function(mc_glob_sources out)
   set(result)
   foreach(dir IN LISTS ARGN)
@@ -21,3 +21,10 @@ function(mc_glob_sources out)
   endforeach()
   set(${out} ${result} PARENT_SCOPE)
 endfunction()
+
+# The folder of operating-system code beside each portable folder (posix/ or windows/).
+if(WIN32)
+  set(MC_PLATFORM_DIR windows)
+else()
+  set(MC_PLATFORM_DIR posix)
+endif()

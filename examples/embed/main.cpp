@@ -10,7 +10,7 @@
 #include "mc/MC.h"
 #include "mc/host/File.h"
 #include "mc/host/HostServices.h"
-#include "mc/host/StandaloneHost.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <system_error>
 
 #include "host/HostOps.h"
-#include "mc/host/StandaloneHost.h"
-#include "mc/host/StandaloneMediaManager.h"
+#include "mc/standalone/StandaloneHost.h"
+#include "mc/standalone/StandaloneMediaManager.h"
 
 namespace {
 

@@ -12,7 +12,6 @@
 #include "mc/MC_Stuff.h"
 #include "mc/MCp_ScLock.h"
 #include "mc/host/File.h"
-#include "mc/host/StandaloneHost.h"
 #include "mc/host/TextConvert.h"
 
 using velacore::Dir;
@@ -59,8 +58,7 @@ void ReportProgress(const Progress& progress, unsigned done, unsigned total) {
 // The numeric application version that goes with the host's client internal version text
 // ("major.minor..." -> major * 256 + minor, as the standalone host defines it).
 unsigned AppVersionOfClient() {
-    const int v =
-        velacore::StandaloneHostServices::AppVersionFromClientVersion(GetClientInternalVersion());
+    const int v = velacore::AppVersionFromClientVersion(GetClientInternalVersion());
     return static_cast<unsigned>(v) & 0x7FFFFFFFu;
 }
 

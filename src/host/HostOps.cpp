@@ -2,14 +2,16 @@
 // The state below is never destroyed, so that threads still running at exit find it intact.
 #include "host/HostOps.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
+#include <limits>
 #include <mutex>
 #include <vector>
 
 #include "host/HostOpsInternal.h"
 #include "mc/host/Errors.h"
-#include "mc/host/StandaloneHost.h"
 
 namespace velacore {
 namespace {
@@ -26,7 +28,8 @@ struct ServicesState {
     std::mutex mutex;
     std::atomic<HostServices*> current{nullptr};  // hot path
     std::shared_ptr<HostServices> installed;      // keeps `current` alive when installed
-    std::shared_ptr<HostServices> fallback;       // the standalone default, created lazily
+    std::shared_ptr<HostServices> fallback;       // the default, created lazily
+    HostServicesFactory defaultFactory = nullptr;  // makes `fallback`
     std::vector<BetaFeatureRecord> betaFeatures;  // replayed into every services object
 };
 
@@ -40,13 +43,13 @@ ServicesState& State() {
     return holder.state;
 }
 
-std::shared_ptr<HostServices> MakeDefaultServices() {
-    try {
-        return StandaloneHostServices::CreateFromEnvironment();
-    } catch (const StandaloneConfigError& e) {
-        std::fprintf(stderr, "MC: configuration ignored: %s\n", e.what());
-        return std::make_shared<StandaloneHostServices>();
-    }
+[[noreturn]] void FailWithoutServices() {
+    std::fputs(
+        "MC: no host services. Install them with velacore::SetHostServices before the first "
+        "host call, or link the standalone host (MC::standalone) and call "
+        "velacore::InstallStandaloneHost().\n",
+        stderr);
+    std::abort();
 }
 
 void ReplayBetaFeaturesLocked(ServicesState& s, HostServices& target) {
@@ -55,7 +58,7 @@ void ReplayBetaFeaturesLocked(ServicesState& s, HostServices& target) {
     }
 }
 
-// Makes the standalone default current when nothing else is; returns the current services.
+// Makes the default current when nothing else is; returns the current services.
 HostServices& EnsureCurrent() {
     ServicesState& s = State();
     HostServices* now = nullptr;
@@ -63,7 +66,11 @@ HostServices& EnsureCurrent() {
         std::lock_guard lock(s.mutex);
         now = s.current.load(std::memory_order_acquire);
         if (now != nullptr) return *now;
-        if (!s.fallback) s.fallback = MakeDefaultServices();
+        if (!s.fallback) {
+            if (s.defaultFactory == nullptr) FailWithoutServices();
+            s.fallback = s.defaultFactory();
+            if (!s.fallback) FailWithoutServices();
+        }
         now = s.fallback.get();
         ReplayBetaFeaturesLocked(s, *now);
         s.current.store(now, std::memory_order_release);
@@ -98,6 +105,27 @@ void SetHostServices(std::shared_ptr<HostServices> services) {
         debug::SetProfiling(false, 0);
     }
     debug::NoteTraceSettingsChanged();
+}
+
+void SetDefaultHostServicesFactory(HostServicesFactory factory) {
+    ServicesState& s = State();
+    std::lock_guard lock(s.mutex);
+    s.defaultFactory = factory;
+}
+
+int AppVersionFromClientVersion(std::string_view text) {
+    const char* p = text.data();
+    const char* end = p + text.size();
+    int major = 0;
+    auto [afterMajor, ec] = std::from_chars(p, end, major);
+    if (ec != std::errc() || major < 0) return 0;
+    int minor = 0;
+    if (afterMajor != end && *afterMajor == '.') {
+        auto [afterMinor, ec2] = std::from_chars(afterMajor + 1, end, minor);
+        if (ec2 != std::errc()) minor = 0;
+    }
+    if (major > (std::numeric_limits<int>::max() - 255) / 256) return 0;
+    return major * 256 + std::clamp(minor, 0, 255);
 }
 
 HostServices& GetHostServices() {
@@ -185,14 +213,14 @@ void* U_AllocatePtrClear(size_t size, std::string_view label) {
 
 int U_SP_AddSPSuite(int reserved1, int reserved2, const char* name, int32_t major, int32_t minor,
                     int32_t count, const void* table) {
-    if (reserved1 != 0 || reserved2 != 0 || name == nullptr) return velacore::kStandaloneParamError;
+    if (reserved1 != 0 || reserved2 != 0 || name == nullptr) return velacore::kHostParamError;
     return GetHostServices().AddSuite(name, major, minor, count, table);
 }
 
 int U_SP_AcquireSuite(const char* name, int32_t major, int32_t minor, const void** table) {
-    if (table == nullptr) return velacore::kStandaloneParamError;
+    if (table == nullptr) return velacore::kHostParamError;
     *table = nullptr;
-    if (name == nullptr) return velacore::kStandaloneParamError;
+    if (name == nullptr) return velacore::kHostParamError;
     return GetHostServices().AcquireSuite(name, major, minor, table);
 }
 
@@ -236,7 +264,7 @@ PREF_Handle PREF_GetPrefHandle() {
 
 int PREF_GetTextPrefLong(PREF_Handle, const char* section, const char* key, int64_t defaultValue,
                          int64_t* value) {
-    if (value == nullptr) return velacore::kStandaloneParamError;
+    if (value == nullptr) return velacore::kHostParamError;
     auto text = PreferenceText(section, key);
     auto parsed = text ? ParseWhole<int64_t>(*text) : std::nullopt;
     *value = parsed.value_or(defaultValue);
@@ -245,7 +273,7 @@ int PREF_GetTextPrefLong(PREF_Handle, const char* section, const char* key, int6
 
 int PREF_GetTextPrefFpLong(PREF_Handle, const char* section, const char* key, double defaultValue,
                            double* value) {
-    if (value == nullptr) return velacore::kStandaloneParamError;
+    if (value == nullptr) return velacore::kHostParamError;
     auto text = PreferenceText(section, key);
     auto parsed = text ? ParseWhole<double>(*text) : std::nullopt;
     *value = parsed.value_or(defaultValue);

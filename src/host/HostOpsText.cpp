@@ -1,12 +1,11 @@
 // Localised-string and formatting host operations (see HostOps.h).
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 
 #include "host/HostOps.h"
-#include "mc/host/StandaloneHost.h"
+#include "mc/host/Errors.h"
 #include "mc/host/TextConvert.h"
 
 namespace {
@@ -29,12 +28,12 @@ std::u16string U_ZLookupLStrCache(const U_LStrCacheEntry* zref, int index, int, 
 }
 
 int U_CopyLocalizedString(const U_LStrCacheEntry* zref, int index, char* buf, size_t size) {
-    if (buf == nullptr || size == 0) return velacore::kStandaloneParamError;
+    if (buf == nullptr || size == 0) return velacore::kHostParamError;
     buf[0] = '\0';
     const U_LStrCacheEntry* entry = EntryAt(zref, index);
-    if (entry == nullptr) return velacore::kStandaloneGenericError;
+    if (entry == nullptr) return velacore::kHostGenericError;
     const std::string text = velacore::ToUtf8(velacore::GetHostServices().Localize(entry->text));
-    if (text.size() + 1 > size) return velacore::kStandaloneParamError;
+    if (text.size() + 1 > size) return velacore::kHostParamError;
     std::memcpy(buf, text.c_str(), text.size() + 1);
     return 0;
 }
@@ -47,6 +46,11 @@ std::string NumberToMemoryString(double bytes, int decimals) {
         value /= 1024.0;
         ++unit;
     }
-    if (unit == 0) return fmt::format("{:.0f} B", value);
-    return fmt::format("{:.{}f} {}", value, std::max(decimals, 0), kUnits[unit]);
+    char text[64];
+    if (unit == 0) {
+        std::snprintf(text, sizeof text, "%.0f B", value);
+    } else {
+        std::snprintf(text, sizeof text, "%.*f %s", std::max(decimals, 0), value, kUnits[unit]);
+    }
+    return text;
 }

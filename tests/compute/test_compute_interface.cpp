@@ -8,7 +8,7 @@
 #include "ComputeFixture.h"
 #include "host/HostOps.h"
 #include "mc/MC_ComputeCache.h"
-#include "mc/host/StandaloneHost.h"
+#include "mc/standalone/StandaloneHost.h"
 
 using namespace computetest;
 

@@ -9,7 +9,7 @@
 #include <set>
 #include <vector>
 
-#include "mc/host/StandaloneMediaManager.h"
+#include "mc/standalone/StandaloneMediaManager.h"
 #include "test_services_util.h"
 
 using NX::StandaloneMediaManager;

@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <thread>
 
 #include "host/HostOps.h"
 #include "mc/host/Errors.h"
-#include "mc/host/StandaloneHost.h"
-#include "mc/host/StandaloneMediaManager.h"
+#include "mc/standalone/StandaloneHost.h"
+#include "mc/standalone/StandaloneHostFactory.h"
+#include "mc/standalone/StandaloneMediaManager.h"
 #include "support/ManualExecutor.h"
 #include "support/RecordingHostServices.h"
 #include "test_services_util.h"
@@ -211,6 +213,24 @@ TEST(ServicesDefault, NullRestoresTheStandaloneDefault) {
     EXPECT_EQ(&velacore::GetHostServices(), standalone);  // created once
     char name[256];
     EXPECT_EQ(U_GetComputerName(name, sizeof(name)), 0);
+}
+
+// Each case runs in a fresh copy of the program: the default is created once per process.
+TEST(ServicesDefault, WithoutAFactoryTheFirstHostCallStopsNamingBothRemedies) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            velacore::SetDefaultHostServicesFactory(nullptr);
+            U_AmountToPurge();
+        },
+        "no host services.*SetHostServices.*InstallStandaloneHost");
+    EXPECT_EXIT(
+        {
+            velacore::SetDefaultHostServicesFactory(nullptr);
+            velacore::InstallStandaloneHost();
+            std::exit(dynamic_cast<StandaloneHostServices*>(&velacore::GetHostServices()) ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST(ServicesExecutor, RunsOnlyWhenAsked) {

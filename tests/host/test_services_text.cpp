@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "host/HostOps.h"
-#include "mc/host/StandaloneHost.h"
-#include "mc/host/StandaloneMediaManager.h"
+#include "mc/standalone/StandaloneHost.h"
+#include "mc/standalone/StandaloneMediaManager.h"
 #include "support/RecordingHostServices.h"
 
 using velacore::LocalizeDefaultText;

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "host/HostOps.h"
-#include "mc/host/StandaloneHost.h"
-#include "mc/host/StandaloneMediaManager.h"
+#include "mc/standalone/StandaloneHost.h"
+#include "mc/standalone/StandaloneMediaManager.h"
 #include "support/RecordingHostServices.h"
 #include "test_services_util.h"
 

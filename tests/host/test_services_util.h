@@ -10,7 +10,7 @@
 #include <string_view>
 #include <thread>
 
-#include "mc/host/StandaloneHost.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace services_test {
 

@@ -13,7 +13,7 @@
 
 #include "mc/MC_Stuff.h"
 #include "mc/MCp_ScLock.h"
-#include "mc/host/StandaloneMediaManager.h"
+#include "mc/standalone/StandaloneMediaManager.h"
 #include "mediamap/MC_MediaMapImpl.h"
 #include "mediamap/MediaMapHooks.h"
 #include "support/ModuleFixture.h"

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "mc/host/StandaloneMediaManager.h"
+#include "mc/standalone/StandaloneMediaManager.h"
 
 using namespace std::chrono_literals;
 using NX::StandaloneMediaManager;

@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "host/SharedLibrary.h"
+#include "helpers/SharedLibrary.h"
 
 namespace mctest {
 

@@ -6,8 +6,8 @@
 
 #include "host/HostOps.h"
 #include "mc/host/Errors.h"
-#include "mc/host/StandaloneHost.h"
 #include "mc/host/TextConvert.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace mctest {
 

@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "mc/host/HostServices.h"
-#include "mc/host/StandaloneMediaManager.h"
+#include "mc/standalone/StandaloneMediaManager.h"
 
 namespace mctest {
 

@@ -10,12 +10,12 @@
 
 #include "Output.h"
 #include "disk/CacheFileFormat.h"
+#include "helpers/Terminal.h"
 #include "mc/MC.h"
 #include "mc/host/ByteStream.h"
 #include "mc/host/File.h"
-#include "mc/host/StandaloneHost.h"
-#include "mc/host/Terminal.h"
 #include "mc/host/TextConvert.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace mcache {
 

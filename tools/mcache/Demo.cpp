@@ -14,8 +14,8 @@
 #include "Output.h"
 #include "mc/MC.h"
 #include "mc/host/File.h"
-#include "mc/host/StandaloneHost.h"
 #include "mc/host/Time.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace mcache {
 

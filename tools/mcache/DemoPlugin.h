@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "FramePayload.h"
-#include "host/SharedLibrary.h"
+#include "helpers/SharedLibrary.h"
 
 namespace mcache {
 

@@ -7,8 +7,8 @@
 #include <iomanip>
 #include <sstream>
 
+#include "helpers/Terminal.h"
 #include "mc/MC.h"
-#include "mc/host/Terminal.h"
 
 namespace mcache {
 

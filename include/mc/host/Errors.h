@@ -26,6 +26,12 @@ constexpr int32_t kIOErrorCode = static_cast<int32_t>(0xA0630005u);
 constexpr int32_t kNullPointerCode = static_cast<int32_t>(0xA0010001u);
 constexpr int32_t kFormatErrorCode = static_cast<int32_t>(0xA0010002u);
 
+// Result codes of the host operations and of the services that ship with MC.
+constexpr int kHostGenericError = -1;        // unknown exception, suite not found
+constexpr int kHostDuplicateError = -2;      // a suite published twice
+constexpr int kHostParamError = -50;         // bad argument, buffer too small
+constexpr int kHostOutOfMemoryError = -108;  // std::bad_alloc
+
 // A file or folder that does not exist (the message holds the path).
 class MCHOST_API FileNotFoundError : public HostError {
 public:

@@ -1,9 +1,10 @@
 // HostServices: everything that is the embedding application's policy, behind one replaceable
 // object (memory limits, reports, log and traces, debug entries, preferences, beta features,
 // identity of the machine and the application, suites, media manager, localisation, labelled
-// allocation). StandaloneHostServices (StandaloneHost.h) is the default; HostServicesWrapper
-// forwards every call to another object so that a host or a test overrides only what it needs.
-// Install one with SetHostServices before MC_Birth.
+// allocation). HostServicesWrapper forwards every call to another object so that a host or a
+// test overrides only what it needs. Install one with SetHostServices before MC_Birth, or link
+// the standalone services (mc/standalone/StandaloneHostFactory.h), which register themselves as
+// the default.
 // Thread-safety: every method may be called from any thread at any time, unless it says otherwise.
 #pragma once
 
@@ -189,11 +190,24 @@ private:
     std::shared_ptr<HostServices> target_;
 };
 
-// Installs the services object every host operation forwards to (null restores the standalone
-// default). Install before MC_Birth and keep it until after MC_Death.
+// Installs the services object every host operation forwards to (null restores the default).
+// Install before MC_Birth and keep it until after MC_Death.
 MCHOST_API void SetHostServices(std::shared_ptr<HostServices> services);
-// The installed services (the standalone default when none was installed). Never null.
+// The installed services, else the default (created by the default factory on first use).
+// Never null: with neither installed services nor a default factory the process is aborted
+// with a message that names both remedies.
 MCHOST_API HostServices& GetHostServices();
 MCHOST_API std::shared_ptr<HostServices> GetHostServicesShared();
+
+// The numeric application version of a "major.minor[...]" client version text: major * 256 +
+// minor, the minor clamped to 0..255 and absent counting as 0; 0 when the text has no leading
+// number.
+MCHOST_API int AppVersionFromClientVersion(std::string_view clientVersion);
+
+// Makes the services used when none are installed. Called once, at first need, under the
+// services lock (it must not call host operations); it must not return null.
+using HostServicesFactory = std::shared_ptr<HostServices> (*)();
+// Sets the default factory (null forgets it). The default already created stays in use.
+MCHOST_API void SetDefaultHostServicesFactory(HostServicesFactory factory);
 
 }  // namespace velacore

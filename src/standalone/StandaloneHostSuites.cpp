@@ -1,7 +1,7 @@
 // The standalone host's suite registry (see StandaloneHostSuites.h).
-#include "host/StandaloneHostSuites.h"
+#include "standalone/StandaloneHostSuites.h"
 
-#include "mc/host/StandaloneHost.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace velacore {
 

@@ -11,9 +11,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "host/StandaloneHostLog.h"
-#include "host/StandaloneSystem.h"
-#include "mc/host/StandaloneHost.h"
+#include "mc/standalone/StandaloneHost.h"
+#include "standalone/StandaloneHostLog.h"
+#include "standalone/StandaloneSystem.h"
 
 namespace velacore {
 namespace {

@@ -2,9 +2,7 @@
 // Thread-safety: any thread.
 #pragma once
 
-#include "mc/host/Export.h"
-
 namespace velacore {
-MCHOST_API bool IsStdoutTerminal();
-MCHOST_API bool IsStderrTerminal();
+bool IsStdoutTerminal();
+bool IsStderrTerminal();
 }  // namespace velacore

@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "host/PageCache.h"
+#include "helpers/PageCache.h"
 
 namespace velacore {
 

@@ -1,5 +1,5 @@
 // The standalone host's log and trace output (see StandaloneHostLog.h).
-#include "host/StandaloneHostLog.h"
+#include "standalone/StandaloneHostLog.h"
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/basic_file_sink.h>
@@ -9,7 +9,7 @@
 #include <array>
 #include <mutex>
 
-#include "mc/host/StandaloneHost.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace velacore {
 namespace {

@@ -4,7 +4,7 @@
 #include <climits>
 #include <string>
 
-#include "host/StandaloneSystem.h"
+#include "standalone/StandaloneSystem.h"
 
 #if defined(__GLIBC__)
 #include <malloc.h>

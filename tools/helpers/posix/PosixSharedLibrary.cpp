@@ -3,7 +3,7 @@
 
 #include <system_error>
 
-#include "host/SharedLibrary.h"
+#include "helpers/SharedLibrary.h"
 #include "mc/host/Errors.h"
 
 namespace velacore {

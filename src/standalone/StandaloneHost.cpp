@@ -1,23 +1,21 @@
 // StandaloneHostServices: construction and the memory, report, thread and log services (see
 // mc/host/StandaloneHost.h). Configuration, settings, suites and the rest live beside it.
-#include "mc/host/StandaloneHost.h"
+#include "mc/standalone/StandaloneHost.h"
 
 #include <algorithm>
-#include <charconv>
-#include <limits>
 #include <new>
 
 #include "host/HostOps.h"
 #include "host/HostOpsInternal.h"
-#include "host/StandaloneHostAllocator.h"
-#include "host/StandaloneHostLog.h"
-#include "host/StandaloneHostMemory.h"
-#include "host/StandaloneHostSettings.h"
-#include "host/StandaloneHostSuites.h"
-#include "host/StandaloneSystem.h"
 #include "mc/host/Errors.h"
-#include "mc/host/StandaloneMediaManager.h"
 #include "mc/host/TextConvert.h"
+#include "mc/standalone/StandaloneMediaManager.h"
+#include "standalone/StandaloneHostAllocator.h"
+#include "standalone/StandaloneHostLog.h"
+#include "standalone/StandaloneHostMemory.h"
+#include "standalone/StandaloneHostSettings.h"
+#include "standalone/StandaloneHostSuites.h"
+#include "standalone/StandaloneSystem.h"
 
 namespace velacore {
 namespace {
@@ -70,21 +68,6 @@ StandaloneHostServices::~StandaloneHostServices() {
 
 std::shared_ptr<StandaloneHostServices> StandaloneHostServices::CreateFromEnvironment() {
     return std::make_shared<StandaloneHostServices>(StandaloneConfig::FromEnvironment());
-}
-
-int StandaloneHostServices::AppVersionFromClientVersion(std::string_view text) {
-    const char* p = text.data();
-    const char* end = p + text.size();
-    int major = 0;
-    auto [afterMajor, ec] = std::from_chars(p, end, major);
-    if (ec != std::errc() || major < 0) return 0;
-    int minor = 0;
-    if (afterMajor != end && *afterMajor == '.') {
-        auto [afterMinor, ec2] = std::from_chars(afterMajor + 1, end, minor);
-        if (ec2 != std::errc()) minor = 0;
-    }
-    if (major > (std::numeric_limits<int>::max() - 255) / 256) return 0;
-    return major * 256 + std::clamp(minor, 0, 255);
 }
 
 // --- memory -------------------------------------------------------------------------------

@@ -2,11 +2,11 @@
 // and labelled allocation (see mc/host/StandaloneHost.h).
 #include <cstring>
 
-#include "host/StandaloneHostAllocator.h"
-#include "host/StandaloneHostSettings.h"
-#include "host/StandaloneHostSuites.h"
-#include "mc/host/StandaloneHost.h"
-#include "mc/host/StandaloneMediaManager.h"
+#include "mc/standalone/StandaloneHost.h"
+#include "mc/standalone/StandaloneMediaManager.h"
+#include "standalone/StandaloneHostAllocator.h"
+#include "standalone/StandaloneHostSettings.h"
+#include "standalone/StandaloneHostSuites.h"
 
 namespace velacore {
 

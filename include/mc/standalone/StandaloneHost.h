@@ -23,8 +23,9 @@
 #include <utility>
 #include <vector>
 
-#include "mc/host/Export.h"
+#include "mc/host/Errors.h"
 #include "mc/host/HostServices.h"
+#include "mc/standalone/Export.h"
 
 namespace NX {
 class StandaloneMediaManager;
@@ -38,20 +39,20 @@ class StandaloneSettings;
 class StandaloneSuiteRegistry;
 class StandaloneLabelledAllocator;
 
-// Error codes returned by the standalone services.
-constexpr int kStandaloneGenericError = -1;        // unknown exception, suite not found
-constexpr int kStandaloneDuplicateError = -2;      // a suite published twice
-constexpr int kStandaloneParamError = -50;         // bad argument, buffer too small
-constexpr int kStandaloneOutOfMemoryError = -108;  // std::bad_alloc
+// Error codes returned by the standalone services (the host operations' codes, Errors.h).
+constexpr int kStandaloneGenericError = kHostGenericError;
+constexpr int kStandaloneDuplicateError = kHostDuplicateError;
+constexpr int kStandaloneParamError = kHostParamError;
+constexpr int kStandaloneOutOfMemoryError = kHostOutOfMemoryError;
 
 // A configuration that cannot be used; the message names the file or variable and the key.
-class MCHOST_API StandaloneConfigError : public std::runtime_error {
+class MCSTANDALONE_API StandaloneConfigError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
 // Everything the standalone services can be told. Empty optionals mean "use the default".
-struct MCHOST_API StandaloneConfig {
+struct MCSTANDALONE_API StandaloneConfig {
     // Looks up an environment variable by name; nothing when unset.
     using EnvLookup = std::function<std::optional<std::string>(std::string_view name)>;
 
@@ -88,13 +89,13 @@ struct MCHOST_API StandaloneConfig {
 
 // Parses a byte amount: "1048576", "512K", "64M", "2G", "1T" (1024 steps, optional trailing
 // "B", any case) or "25%" of `physical`. Throws std::invalid_argument with the reason.
-MCHOST_API uint64_t ParseByteAmount(std::string_view text, uint64_t physical);
+MCSTANDALONE_API uint64_t ParseByteAmount(std::string_view text, uint64_t physical);
 
 // The default text of a localisable "key=default{{*COMMENT*}}note" string with the host's
 // markup resolved ("#{rsquo}" becomes U+2019), as UTF-16. Without "=" the whole text counts.
-MCHOST_API std::u16string LocalizeDefaultText(std::string_view keyAndDefault);
+MCSTANDALONE_API std::u16string LocalizeDefaultText(std::string_view keyAndDefault);
 
-class MCHOST_API StandaloneHostServices : public HostServices {
+class MCSTANDALONE_API StandaloneHostServices : public HostServices {
   public:
     // Running totals of one profiling label.
     struct ProfileTotals {
@@ -133,7 +134,9 @@ class MCHOST_API StandaloneHostServices : public HostServices {
     static std::shared_ptr<StandaloneHostServices> CreateFromEnvironment();
     // The numeric application version of a "major.minor[...]" text: major * 256 + minor, the
     // minor clamped to 0..255 and absent counting as 0; 0 when the text has no leading number.
-    static int AppVersionFromClientVersion(std::string_view clientVersion);
+    static int AppVersionFromClientVersion(std::string_view clientVersion) {
+        return velacore::AppVersionFromClientVersion(clientVersion);
+    }
 
     // --- HostServices (contracts in HostServices.h; what the standalone host does) --------
     // The configured budget and the installed physical memory. Returns 0; null pointers skipped.

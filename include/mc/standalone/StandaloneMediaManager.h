@@ -20,13 +20,13 @@
 #include <thread>
 #include <unordered_map>
 
-#include "mc/host/Export.h"
 #include "mc/host/Guid.h"
 #include "mc/host/MediaManager.h"
+#include "mc/standalone/Export.h"
 
 namespace NX {
 
-class MCHOST_API StandaloneMediaManager : public IMediaManager {
+class MCSTANDALONE_API StandaloneMediaManager : public IMediaManager {
   public:
     // budget: the process-wide budget in bytes.
     explicit StandaloneMediaManager(uint64_t budget);

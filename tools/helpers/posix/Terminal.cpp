@@ -1,7 +1,7 @@
 // Terminal detection over isatty.
 #include <unistd.h>
 
-#include "mc/host/Terminal.h"
+#include "helpers/Terminal.h"
 
 namespace velacore {
 bool IsStdoutTerminal() { return ::isatty(STDOUT_FILENO) == 1; }

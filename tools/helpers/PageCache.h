@@ -5,13 +5,11 @@
 
 #include <filesystem>
 
-#include "mc/host/Export.h"
-
 namespace velacore {
 
 // Asks the system to forget the cached pages of the file at `path` (dirty pages are written
 // first). Returns whether the system accepted the request; never throws. Where the system has
 // no such request it returns false and changes nothing.
-MCHOST_API bool DropFileFromPageCache(const std::filesystem::path& path);
+bool DropFileFromPageCache(const std::filesystem::path& path);
 
 }  // namespace velacore

@@ -1,5 +1,5 @@
 // The standalone host's labelled allocation (see StandaloneHostAllocator.h).
-#include "host/StandaloneHostAllocator.h"
+#include "standalone/StandaloneHostAllocator.h"
 
 #include <algorithm>
 #include <new>

@@ -8,11 +8,9 @@
 #include <filesystem>
 #include <memory>
 
-#include "mc/host/Export.h"
-
 namespace velacore {
 
-class MCHOST_API SharedLibrary {
+class SharedLibrary {
     struct Token {};
 
   public:

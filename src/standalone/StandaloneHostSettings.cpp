@@ -1,6 +1,6 @@
 // The standalone host's debug entries, preferences and beta features (see
 // StandaloneHostSettings.h).
-#include "host/StandaloneHostSettings.h"
+#include "standalone/StandaloneHostSettings.h"
 
 namespace velacore {
 

@@ -1,5 +1,5 @@
 // The standalone host's media manager (see mc/host/StandaloneMediaManager.h).
-#include "mc/host/StandaloneMediaManager.h"
+#include "mc/standalone/StandaloneMediaManager.h"
 
 namespace NX {
 

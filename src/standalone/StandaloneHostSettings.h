@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "mc/host/StandaloneHost.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace velacore {
 

@@ -2,8 +2,8 @@
 #include <string>
 #include <string_view>
 
-#include "mc/host/StandaloneHost.h"
 #include "mc/host/TextConvert.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace velacore {
 namespace {

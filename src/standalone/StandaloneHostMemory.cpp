@@ -1,5 +1,5 @@
 // The standalone host's memory monitor thread (see StandaloneHostMemory.h).
-#include "host/StandaloneHostMemory.h"
+#include "standalone/StandaloneHostMemory.h"
 
 #include <algorithm>
 #include <utility>
