@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "mc/MC_StuffData.h"
+
 namespace mcache {
 
 struct DemoOptions {
@@ -18,9 +20,10 @@ struct DemoOptions {
     uint32_t height = 360;
     unsigned threads = 2;
     uint32_t cost = 12;                    // render work multiplier
-    uint64_t memoryBudget = 160ull << 20;  // bytes
+    uint64_t memoryBudget = 0;             // bytes; 0: MC_MEMORY_BUDGET, else kDefaultMemoryBudget
     uint64_t diskBudgetMb = 480;
-    std::filesystem::path folder;         // the disk-cache root; default: temp/mcache-demo
+    MC_CachePriority cachePriority = MC_CachePriority_Normal;  // of every rendered frame
+    std::filesystem::path folder;         // the disk-cache root
     std::filesystem::path plugin;         // the statistics plug-in; empty: look beside the tool
     bool json = false;
     std::string reportSvg;
@@ -30,6 +33,7 @@ struct DemoOptions {
 // Hits of one pass, by where the frame came from.
 struct PassStats {
     std::string name;
+    double start = 0;  // seconds since the session started
     uint64_t requests = 0;
     uint64_t fromMemory = 0;
     uint64_t fromDisk = 0;
@@ -54,7 +58,9 @@ struct DemoResult {
     double seconds = 0;
 };
 
+constexpr uint64_t kDefaultMemoryBudget = 160ull << 20;
+
 // Runs the demo and prints its summary. Returns the process exit status.
-int RunDemo(const DemoOptions& options);
+int RunDemo(DemoOptions options);
 
 }  // namespace mcache
