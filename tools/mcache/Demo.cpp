@@ -255,6 +255,7 @@ int RunDemo(DemoOptions o) {
         if (plugin) {
             result.statsComputed = plugin->Computed();
             result.statsRequests = plugin->Requests();
+            result.pluginPath = plugin->Path().string();
         }
         PrintSummary(o, result, *bag, host->AppVersion());
         if (report && !WriteSvgReport(o, result, host->AppVersion(), *report)) {

@@ -55,6 +55,7 @@ struct DemoResult {
     uint64_t adoptedAtStart = 0;
     uint64_t statsComputed = 0;
     uint64_t statsRequests = 0;
+    std::string pluginPath;  // the statistics plug-in in use, empty without one
     double seconds = 0;
 };
 

@@ -66,7 +66,9 @@ std::unique_ptr<DemoPlugin> DemoPlugin::Load(const std::filesystem::path& reques
             std::fprintf(stderr, "mcache: the statistics plug-in failed to start (%d)\n", err);
             return nullptr;
         }
-        return std::unique_ptr<DemoPlugin>(new DemoPlugin(std::move(library), std::move(api)));
+        std::unique_ptr<DemoPlugin> plugin(new DemoPlugin(std::move(library), std::move(api)));
+        plugin->path_ = path;
+        return plugin;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "mcache: statistics plug-in not loaded: %s\n", e.what());
         return nullptr;

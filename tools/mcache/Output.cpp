@@ -189,6 +189,7 @@ nlohmann::json SummaryJson(const DemoOptions& o, const DemoResult& r, MC_Bag& ba
                   {"pending_waits", pc.pendingWaits},
                   {"superseded_sweeps", pc.supersededSweeps}};
     j["statistics"] = {{"requests", r.statsRequests}, {"computed", r.statsComputed}};
+    j["plugin"] = r.pluginPath;
     return j;
 }
 
