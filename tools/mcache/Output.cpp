@@ -104,15 +104,16 @@ std::string ProgressLine(const std::string& pass, uint64_t done, uint64_t total,
         {Format("queue %u", s.writeQueue), 5},
     };
     const size_t limit = columns > 1 ? columns - 1 : 0;
-    for (int dropBelow = 0; dropBelow <= 10; ++dropBelow) {
-        std::string line;
+    std::string line;
+    for (int dropBelow = 0; dropBelow <= 9; ++dropBelow) {  // the pass itself always stays
+        line.clear();
         for (const auto& [text, rank] : parts) {
             if (rank < dropBelow) continue;
             line += (line.empty() ? "" : " | ") + text;
         }
-        if (line.size() <= limit || dropBelow == 10) return line.substr(0, limit);
+        if (line.size() <= limit) break;
     }
-    return {};
+    return line.substr(0, limit);
 }
 
 Progress::Progress(bool enabled) : enabled_(enabled), terminal_(velacore::IsStderrTerminal()) {}
@@ -304,7 +305,7 @@ bool WriteSvgReport(const DemoOptions& o, const DemoResult& r, int appVersion,
             svg << "<line x1='" << x(t) << "' x2='" << x(t) << "' y1='" << y0 + chartH
                 << "' y2='" << y0 + chartH + 5 << "' stroke='#666'/>\n<text x='" << x(t)
                 << "' y='" << y0 + chartH + 18 << "' text-anchor='middle'>"
-                << Format(step < 1 ? "%.1f s" : "%.0f s", t) << "</text>\n";
+                << Format("%g s", std::round(t / step) * step) << "</text>\n";
         }
         svg << "<polyline fill='none' stroke='" << color << "' stroke-width='2' "
             << "stroke-opacity='0.8' points='";
