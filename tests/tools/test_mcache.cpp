@@ -277,18 +277,21 @@ TEST_F(McacheTool, BudgetsFlagBeatsEnvironmentAndDefaultFolderIsTheUsersCache) {
     EXPECT_TRUE(fs::is_directory(temp_.Path() / "xdg" / "mcache-demo"));
 }
 
-TEST(McacheOutput, ProgressLineFitsTheTerminal) {
+TEST(McacheOutput, ProgressFitsTheTerminal) {
     mcache::Sample s;
     s.memory = int64_t{154} << 20;
     s.disk = int64_t{480} << 20;
     s.writeQueue = 12;
-    for (size_t columns : {200u, 80u, 60u, 40u, 20u}) {
-        const std::string line = mcache::ProgressLine("playback", 312, 720, 48.2, 171, 317, 232,
-                                                      s, 160u << 20, 480u << 20, columns);
-        EXPECT_LT(line.size(), columns) << line;
-        EXPECT_EQ(line.rfind("playback 312/720", 0), 0u) << line;
+    for (size_t columns : {200u, 80u, 40u}) {
+        const auto lines = mcache::ProgressLines("playback", 312, 720, 48.2, 171, 317, 232, s,
+                                                 160u << 20, 480u << 20, columns);
+        ASSERT_EQ(lines.size(), columns >= 200 ? 1u : 2u);
+        for (const std::string& line : lines) EXPECT_LT(line.size(), columns) << line;
+        EXPECT_EQ(lines[0].rfind("playback 312/720 48 fps", 0), 0u) << lines[0];
         if (columns >= 80) {
-            EXPECT_NE(line.find("mem 154/160 MiB"), std::string::npos) << line;
+            EXPECT_NE(lines[0].find("from memory 171, disk 317, rendered 232"), std::string::npos);
+            EXPECT_NE(lines.back().find("memory 154/160 MiB | disk 480/480 MiB | write queue 12"),
+                      std::string::npos) << lines.back();
         }
     }
 }

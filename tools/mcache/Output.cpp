@@ -92,28 +92,20 @@ size_t TerminalColumns() {
     return 80;
 }
 
-std::string ProgressLine(const std::string& pass, uint64_t done, uint64_t total, double fps,
-                         uint64_t memory, uint64_t disk, uint64_t rendered, const Sample& s,
-                         uint64_t memoryBudget, uint64_t diskBudget, size_t columns) {
-    // Parts in display order, each with its rank: lower ranks are dropped first.
-    const std::pair<std::string, int> parts[] = {
-        {Format("%-8s %llu/%llu %.0f fps", pass.c_str(), U(done), U(total), fps), 9},
-        {Format("from mem %llu disk %llu, rendered %llu", U(memory), U(disk), U(rendered)), 2},
-        {"mem " + BytesOf(static_cast<uint64_t>(std::max<int64_t>(0, s.memory)), memoryBudget), 8},
-        {"disk " + BytesOf(static_cast<uint64_t>(std::max<int64_t>(0, s.disk)), diskBudget), 7},
-        {Format("queue %u", s.writeQueue), 5},
-    };
+std::vector<std::string> ProgressLines(const std::string& pass, uint64_t done, uint64_t total,
+                                       double fps, uint64_t memory, uint64_t disk,
+                                       uint64_t rendered, const Sample& s, uint64_t memoryBudget,
+                                       uint64_t diskBudget, size_t columns) {
+    const std::string work = Format("%-8s %llu/%llu %.0f fps | from memory %llu, disk %llu, "
+                                    "rendered %llu", pass.c_str(), U(done), U(total), fps,
+                                    U(memory), U(disk), U(rendered));
+    const std::string cache =
+        "memory " + BytesOf(static_cast<uint64_t>(std::max<int64_t>(0, s.memory)), memoryBudget) +
+        " | disk " + BytesOf(static_cast<uint64_t>(std::max<int64_t>(0, s.disk)), diskBudget) +
+        Format(" | write queue %u", s.writeQueue);
     const size_t limit = columns > 1 ? columns - 1 : 0;
-    std::string line;
-    for (int dropBelow = 0; dropBelow <= 9; ++dropBelow) {  // the pass itself always stays
-        line.clear();
-        for (const auto& [text, rank] : parts) {
-            if (rank < dropBelow) continue;
-            line += (line.empty() ? "" : " | ") + text;
-        }
-        if (line.size() <= limit) break;
-    }
-    return line.substr(0, limit);
+    if (work.size() + 3 + cache.size() <= limit) return {work + " | " + cache};
+    return {work.substr(0, limit), cache.substr(0, limit)};
 }
 
 Progress::Progress(bool enabled) : enabled_(enabled), terminal_(velacore::IsStderrTerminal()) {}
@@ -121,24 +113,38 @@ Progress::Progress(bool enabled) : enabled_(enabled), terminal_(velacore::IsStde
 void Progress::Update(const std::string& pass, uint64_t done, uint64_t total, double fps,
                       uint64_t memory, uint64_t disk, uint64_t rendered, const Sample& s) {
     if (!enabled_) return;
-    // Off a terminal, one plain line every two seconds.
+    // Off a terminal, plain lines every two seconds.
     if (!terminal_ && s.t - lastPlain_ < 2.0) return;
     lastPlain_ = s.t;
-    const std::string line = ProgressLine(pass, done, total, fps, memory, disk, rendered, s,
-                                          memoryBudget_, diskBudget_,
-                                          terminal_ ? TerminalColumns() : 200);
-    // On a terminal the line is redrawn in place; it never reaches the last column, so it
-    // never wraps and leaves nothing behind.
-    std::fprintf(stderr, "%s%s%s", terminal_ ? "\r\033[K" : "", line.c_str(),
-                 terminal_ ? "" : "\n");
+    const std::vector<std::string> lines =
+        ProgressLines(pass, done, total, fps, memory, disk, rendered, s, memoryBudget_,
+                      diskBudget_, terminal_ ? TerminalColumns() : 400);
+    if (!terminal_) {
+        for (const std::string& line : lines) std::fprintf(stderr, "%s\n", line.c_str());
+        return;
+    }
+    // Redrawn in place: back to the first row drawn last time, clear to the end, draw. No row
+    // reaches the last column, so nothing wraps and nothing is left behind.
+    Erase();
+    for (size_t i = 0; i < lines.size(); ++i)
+        std::fprintf(stderr, "%s%s", i ? "\n" : "", lines[i].c_str());
+    rowsDrawn_ = lines.size();
     std::fflush(stderr);
+}
+
+void Progress::Erase() {
+    if (!terminal_) return;
+    if (rowsDrawn_ > 1) std::fprintf(stderr, "\033[%zuA", rowsDrawn_ - 1);
+    std::fprintf(stderr, "\r\033[J");
+    rowsDrawn_ = 0;
 }
 
 void Progress::PassDone(const PassStats& p) {
     if (!enabled_) return;
-    std::fprintf(stderr, "%s%-8s %5llu frames %6.2f s %6.0f fps | memory %llu, disk %llu, "
+    Erase();
+    std::fprintf(stderr, "%-8s %5llu frames %6.2f s %6.0f fps | memory %llu, disk %llu, "
                          "rendered %llu\n",
-                 terminal_ ? "\r\033[K" : "", p.name.c_str(), U(p.requests), p.seconds,
+                 p.name.c_str(), U(p.requests), p.seconds,
                  p.seconds > 0 ? static_cast<double>(p.requests) / p.seconds : 0.0,
                  U(p.fromMemory), U(p.fromDisk), U(p.rendered));
 }
@@ -254,6 +260,15 @@ std::string Escape(const std::string& text) {
     return out;
 }
 
+const char* PriorityName(MC_CachePriority p) {
+    switch (p) {
+        case MC_CachePriority_Never: return "never";
+        case MC_CachePriority_Low: return "low";
+        case MC_CachePriority_High: return "high";
+        default: return "normal";
+    }
+}
+
 std::string Percent(uint64_t part, uint64_t whole) {
     return Format("%.0f%%", whole ? 100.0 * static_cast<double>(part) / static_cast<double>(whole)
                                   : 0.0);
@@ -272,7 +287,7 @@ bool WriteSvgReport(const DemoOptions& o, const DemoResult& r, int appVersion,
     const double allFrames = static_cast<double>(frameBytes) * o.frames;
     auto x = [&](double t) { return left + t / tMax * plotW; };
     std::ostringstream svg;
-    svg << "<svg xmlns='http://www.w3.org/2000/svg' width='" << W << "' height='900' "
+    svg << "<svg xmlns='http://www.w3.org/2000/svg' width='" << W << "' height='940' "
         << "font-family='sans-serif' font-size='12'>\n<rect width='100%' height='100%' "
         << "fill='white'/>\n";
     // The title carries the parameters: frames x frame size against both budgets.
@@ -281,9 +296,10 @@ bool WriteSvgReport(const DemoOptions& o, const DemoResult& r, int appVersion,
         << Bytes(allFrames) << " of frames</text>\n<text x='" << left << "' y='50'>memory budget "
         << Bytes(memBudget) << " (" << Format("%.0f%%", 100 * memBudget / allFrames)
         << " of the frames), disk budget " << Bytes(diskBudget) << " ("
-        << Format("%.0f%%", 100 * diskBudget / allFrames) << "); " << o.threads
-        << " render threads, " << Format("%.1f s", r.seconds) << ", app version "
-        << AppVersionText(static_cast<uint32_t>(appVersion)) << "</text>\n";
+        << Format("%.0f%%", 100 * diskBudget / allFrames) << ")</text>\n<text x='" << left
+        << "' y='68' fill='#444'>" << o.threads << " render threads, cache priority "
+        << PriorityName(o.cachePriority) << ", " << Format("%.1f s", r.seconds)
+        << ", app version " << AppVersionText(static_cast<uint32_t>(appVersion)) << "</text>\n";
     auto chart = [&](double y0, const char* title, double budget, auto value, const char* color) {
         double vMax = budget;
         for (const Sample& s : r.samples) vMax = std::max(vMax, static_cast<double>(value(s)));
@@ -325,10 +341,10 @@ bool WriteSvgReport(const DemoOptions& o, const DemoResult& r, int appVersion,
     chart(top + 20 + chartH + gap, "Disk cache in use", diskBudget,
           [](const Sample& s) { return s.disk; }, "#26c");
     // Where each pass's frames came from: bar heights are frame counts on one scale.
-    const double y0 = top + 20 + 2 * (chartH + gap), barH = 170;
+    const double y0 = top + 35 + 2 * (chartH + gap), barH = 170;
     uint64_t most = 1;
     for (const PassStats& p : r.passes) most = std::max(most, p.requests);
-    svg << "<text x='" << left << "' y='" << y0 - 10 << "' font-size='14'>Where each pass's frames "
+    svg << "<text x='" << left << "' y='" << y0 - 25 << "' font-size='14'>Where each pass's frames "
         << "came from (bar height: frames requested)</text>\n";
     const double bw = plotW / static_cast<double>(std::max<size_t>(1, r.passes.size()));
     for (size_t i = 0; i < r.passes.size(); ++i) {

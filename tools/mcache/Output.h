@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -29,17 +30,21 @@ public:
     }
 
 private:
+    void Erase();  // removes what the last Update drew (terminal only)
     bool enabled_;
+    size_t rowsDrawn_ = 0;
     bool terminal_;
     double lastPlain_ = -1;
     uint64_t memoryBudget_ = 0, diskBudget_ = 0;
 };
 
-// The progress line for a terminal `columns` wide: never longer than columns - 1, dropping the
-// least important parts first.
-std::string ProgressLine(const std::string& pass, uint64_t done, uint64_t total, double fps,
-                         uint64_t memory, uint64_t disk, uint64_t rendered, const Sample& s,
-                         uint64_t memoryBudget, uint64_t diskBudget, size_t columns);
+// The progress display for a terminal `columns` wide: one line when it fits, else two (the
+// pass and where its frames came from; the cache's memory, disk and write queue), each shorter
+// than `columns` so that it never wraps.
+std::vector<std::string> ProgressLines(const std::string& pass, uint64_t done, uint64_t total,
+                                       double fps, uint64_t memory, uint64_t disk,
+                                       uint64_t rendered, const Sample& s, uint64_t memoryBudget,
+                                       uint64_t diskBudget, size_t columns);
 // Columns of the terminal on stderr ($COLUMNS, else 80 when unknown).
 size_t TerminalColumns();
 
