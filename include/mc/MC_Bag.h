@@ -94,6 +94,10 @@ public:
     std::u16string GetDiskCacheRootPath() const;
     velacore::Signal<void()>& GetDiskOutOfSpaceSignal() { return diskOutOfSpace_; }
     void ScanOneDiskCacheFile(const velacore::File& file);
+    // Adopts the files an earlier run left in the folder; their payloads are rebuilt by the
+    // factories registered under their match names, so register those first. The first
+    // SetDiskCacheInfo of the process posts one scan to a background thread; call this yourself
+    // to have the files adopted before the first request.
     void ScanDiskCacheDir();
     // Waits until no disk write is queued and none is running, for at most `seconds`. Returns
     // true when the writer is idle, false on time-out. MC_StopAllAsyncWork drops queued writes,

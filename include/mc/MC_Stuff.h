@@ -51,7 +51,8 @@ public:
 
     // --- identity ---
     velacore::Guid GetGuid() const;
-    // Sets the GUID without re-keying the sort directory.
+    // Sets the GUID without re-keying the sort directory. The GUID is the key the cache finds
+    // items by: give every request one (items of one thing share it), or every request misses.
     void SetGuid(const velacore::Guid& guid);
     // Sets the GUID and re-keys the item in its sort directory.
     void UpdateWithNewGuid(const velacore::Guid& guid);

@@ -63,7 +63,8 @@ std::unique_ptr<DemoPlugin> DemoPlugin::Load(const std::filesystem::path& reques
             return nullptr;
         }
         if (int err = api->main(&AcquireSuiteForPlugin)) {
-            std::fprintf(stderr, "mcache: the statistics plug-in failed to start (%d)\n", err);
+            std::fprintf(stderr, "mcache: the statistics plug-in failed to start: its PluginMain "
+                                 "returned error %d\n", err);
             return nullptr;
         }
         std::unique_ptr<DemoPlugin> plugin(new DemoPlugin(std::move(library), std::move(api)));
