@@ -85,8 +85,7 @@ private:
 // once per purge and stays put while the cache walks its items.
 class TinyBudgetHost : public velacore::HostServicesWrapper {
 public:
-    TinyBudgetHost()
-        : HostServicesWrapper(std::make_shared<velacore::StandaloneHostServices>()) {}
+    TinyBudgetHost() : HostServicesWrapper(std::make_shared<velacore::StandaloneHostServices>()) {}
     uint64_t AmountToPurge() override { return target_; }
     // What a host does under memory pressure: decide the amount, ask the cache to free it.
     void RelievePressure(MC_Bag& bag) {

@@ -33,16 +33,17 @@ ToolRun Mcache(std::vector<std::string> args) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const int status = mcache::Main(static_cast<int>(argv.size()), argv.data());
-    ToolRun r{status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+    ToolRun r{status, testing::internal::GetCapturedStdout(),
+              testing::internal::GetCapturedStderr()};
     return r;
 }
 
 // High priority: frames are written whenever the queue has room, however fast they render.
 std::vector<std::string> DemoArgs(const fs::path& root) {
-    return {"demo",     "--folder",        root.string(), "--frames",     "24",
-            "--width",  "96",              "--height",    "64",           "--cost",
-            "12",       "--memory-budget", "64K",         "--disk-budget", "16M",
-            "--cache-priority", "high",    "--json",      "--quiet"};
+    return {"demo",   "--folder",      root.string(), "--frames",         "24",   "--width",
+            "96",     "--height",      "64",          "--cost",           "12",   "--memory-budget",
+            "64K",    "--disk-budget", "16M",         "--cache-priority", "high", "--json",
+            "--quiet"};
 }
 
 // Sets an environment variable for the life of the object.
@@ -53,8 +54,10 @@ public:
         ::setenv(name, value.c_str(), 1);
     }
     ~ScopedEnv() {
-        if (old_) ::setenv(name_, old_->c_str(), 1);
-        else ::unsetenv(name_);
+        if (old_)
+            ::setenv(name_, old_->c_str(), 1);
+        else
+            ::unsetenv(name_);
     }
 
 private:
@@ -94,8 +97,8 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
     uint64_t rendered1 = 0;
     for (const auto& p : j1["passes"]) {
         EXPECT_EQ(p["requests"].get<uint64_t>(), p["from_memory"].get<uint64_t>() +
-                                                      p["from_disk"].get<uint64_t>() +
-                                                      p["rendered"].get<uint64_t>());
+                                                     p["from_disk"].get<uint64_t>() +
+                                                     p["rendered"].get<uint64_t>());
         rendered1 += p["rendered"].get<uint64_t>();
     }
     EXPECT_GE(rendered1, 24u);
@@ -262,8 +265,8 @@ TEST_F(McacheTool, BudgetsFlagBeatsEnvironmentAndDefaultFolderIsTheUsersCache) {
     const ScopedEnv tmp("TMPDIR", (temp_.Path() / "no-such-tmp").string());
     EXPECT_EQ(Mcache({"--version"}).status, 0);
     auto budget = [&](std::vector<std::string> extra) {
-        std::vector<std::string> args = {"demo", "--frames", "2", "--width", "8", "--height", "8",
-                                         "--json", "--quiet"};
+        std::vector<std::string> args = {"demo",     "--frames", "2",      "--width", "8",
+                                         "--height", "8",        "--json", "--quiet"};
         args.insert(args.end(), extra.begin(), extra.end());
         ToolRun r = Mcache(args);
         EXPECT_EQ(r.status, 0) << r.err;
@@ -291,7 +294,8 @@ TEST(McacheOutput, ProgressFitsTheTerminal) {
         if (columns >= 80) {
             EXPECT_NE(lines[0].find("from memory 171, disk 317, rendered 232"), std::string::npos);
             EXPECT_NE(lines.back().find("memory 154/160 MiB | disk 480/480 MiB | write queue 12"),
-                      std::string::npos) << lines.back();
+                      std::string::npos)
+                << lines.back();
         }
     }
 }
@@ -306,8 +310,8 @@ TEST_F(McacheTool, ReportShowsParametersPassesAndCounts) {
     EXPECT_NE(text.find("24 frames × 24.0 KiB"), std::string::npos);
     EXPECT_NE(text.find("memory budget 64.0 KiB"), std::string::npos);
     EXPECT_NE(text.find("disk budget 16.0 MiB"), std::string::npos);
-    EXPECT_NE(text.find(">scrub</text>"), std::string::npos);  // a pass boundary is named
-    EXPECT_NE(text.find(">0 s</text>"), std::string::npos);    // a time tick
+    EXPECT_NE(text.find(">scrub</text>"), std::string::npos);   // a pass boundary is named
+    EXPECT_NE(text.find(">0 s</text>"), std::string::npos);     // a time tick
     EXPECT_NE(text.find(" (100%)</text>"), std::string::npos);  // a labelled bar
     EXPECT_NE(text.find("24 frames</text>"), std::string::npos);
 }

@@ -44,8 +44,10 @@ bool RequireFolder(const fs::path& folder) {
     std::error_code ec;
     const fs::file_status st = fs::status(folder, ec);
     const char* problem = nullptr;
-    if (!fs::exists(st)) problem = "no such folder";
-    else if (!fs::is_directory(st)) problem = "not a folder";
+    if (!fs::exists(st))
+        problem = "no such folder";
+    else if (!fs::is_directory(st))
+        problem = "not a folder";
     std::string why;
     if (!problem) {
         fs::directory_iterator probe(folder, ec);
@@ -144,26 +146,31 @@ std::vector<Entry> InspectFolder(const fs::path& folder) {
 
 std::string Age(double seconds) {
     char buf[32];
-    if (seconds < 120) std::snprintf(buf, sizeof buf, "%.0fs", seconds);
-    else if (seconds < 7200) std::snprintf(buf, sizeof buf, "%.0fm", seconds / 60);
-    else if (seconds < 172800) std::snprintf(buf, sizeof buf, "%.0fh", seconds / 3600);
-    else std::snprintf(buf, sizeof buf, "%.0fd", seconds / 86400);
+    if (seconds < 120)
+        std::snprintf(buf, sizeof buf, "%.0fs", seconds);
+    else if (seconds < 7200)
+        std::snprintf(buf, sizeof buf, "%.0fm", seconds / 60);
+    else if (seconds < 172800)
+        std::snprintf(buf, sizeof buf, "%.0fh", seconds / 3600);
+    else
+        std::snprintf(buf, sizeof buf, "%.0fd", seconds / 86400);
     return buf;
 }
 
 nlohmann::json EntryJson(const Entry& e) {
-    return {{"path", e.path.string()},    {"valid", e.valid},          {"problem", e.problem},
-            {"guid", e.guid},             {"matchname", e.matchname},  {"version", e.version},
-            {"header_bytes", e.headerBytes}, {"size", e.size},         {"compute_time", e.computeTime},
-            {"age_seconds", e.ageSeconds}, {"unframed", e.unframed}};
+    return {{"path", e.path.string()},       {"valid", e.valid},
+            {"problem", e.problem},          {"guid", e.guid},
+            {"matchname", e.matchname},      {"version", e.version},
+            {"header_bytes", e.headerBytes}, {"size", e.size},
+            {"compute_time", e.computeTime}, {"age_seconds", e.ageSeconds},
+            {"unframed", e.unframed}};
 }
 
 // The per-version folders under root's product folder, with their bytes and files. Returns an
 // error text when a folder that exists cannot be read.
 std::string VersionUsage(const fs::path& root,
                          std::map<std::string, std::pair<uint64_t, uint64_t>>& perVersion) {
-    const fs::path product =
-        root / fs::path(velacore::ToUtf8(MC_OstrelZKDirs())).relative_path();
+    const fs::path product = root / fs::path(velacore::ToUtf8(MC_OstrelZKDirs())).relative_path();
     std::error_code ec;
     if (!fs::is_directory(product, ec)) return {};
     fs::directory_iterator versions(product, ec);
@@ -189,7 +196,8 @@ std::string VersionUsage(const fs::path& root,
 
 std::string VersionLabel(const std::string& folderName) {
     return folderName + " (" +
-           std::to_string(velacore::StandaloneHostServices::AppVersionFromClientVersion(folderName)) +
+           std::to_string(
+               velacore::StandaloneHostServices::AppVersionFromClientVersion(folderName)) +
            ")";
 }
 
@@ -204,8 +212,8 @@ int ListFolder(const fs::path& folder, bool json) {
         std::printf("%s\n", JsonText(j).c_str());
         return 0;
     }
-    std::printf("%-36s  %-12s %-11s %6s %10s %9s %6s\n", "GUID", "MATCHNAME", "VERSION",
-                "HEADER", "SIZE", "COMPUTE", "AGE");
+    std::printf("%-36s  %-12s %-11s %6s %10s %9s %6s\n", "GUID", "MATCHNAME", "VERSION", "HEADER",
+                "SIZE", "COMPUTE", "AGE");
     uint64_t total = 0;
     for (const Entry& e : entries) {
         total += e.size;
@@ -234,9 +242,11 @@ int VerifyFolder(const fs::path& folder, bool deleteInvalid, bool strict, bool j
         if (!json) std::printf("invalid: %s: %s\n", e.path.c_str(), e.problem.c_str());
         if (deleteInvalid) {
             std::error_code ec;
-            if (fs::remove(e.path, ec)) ++deleted;
-            else std::fprintf(stderr, "mcache: cannot delete %s: %s\n", e.path.c_str(),
-                              ec.message().c_str());
+            if (fs::remove(e.path, ec))
+                ++deleted;
+            else
+                std::fprintf(stderr, "mcache: cannot delete %s: %s\n", e.path.c_str(),
+                             ec.message().c_str());
         }
     }
     if (json) {
@@ -265,7 +275,8 @@ int DiskUsage(const fs::path& root, bool json) {
     for (const auto& [version, usage] : perVersion) {
         total += usage.first;
         files += usage.second;
-        j["versions"][version] = {{"bytes", usage.first}, {"files", usage.second},
+        j["versions"][version] = {{"bytes", usage.first},
+                                  {"files", usage.second},
                                   {"app_version", VersionLabel(version)}};
         if (!json)
             std::printf("%-20s %12s  %8llu files\n", VersionLabel(version).c_str(),
@@ -299,14 +310,17 @@ int PurgeDryRun(const fs::path& root, bool others, bool json) {
         if (goes) files += usage.second;
     }
     if (json) {
-        std::printf("%s\n", JsonText({{"root", root.string()}, {"dry_run", true},
-                                      {"purged_bytes", bytes}, {"purged_files", files},
-                                      {"left_bytes", kept}}).c_str());
+        std::printf("%s\n", JsonText({{"root", root.string()},
+                                      {"dry_run", true},
+                                      {"purged_bytes", bytes},
+                                      {"purged_files", files},
+                                      {"left_bytes", kept}})
+                                .c_str());
     } else {
-        std::printf("would purge %s in %llu files (%s would be left%s)\n",
-                    Bytes(static_cast<double>(bytes)).c_str(),
-                    static_cast<unsigned long long>(files), Bytes(static_cast<double>(kept)).c_str(),
-                    others ? "" : "; other versions kept");
+        std::printf(
+            "would purge %s in %llu files (%s would be left%s)\n",
+            Bytes(static_cast<double>(bytes)).c_str(), static_cast<unsigned long long>(files),
+            Bytes(static_cast<double>(kept)).c_str(), others ? "" : "; other versions kept");
     }
     return 0;
 }
@@ -328,18 +342,23 @@ int PurgeRoot(const fs::path& root, bool otherVersions, bool dryRun, bool json) 
     std::error_code ec;
     if (!fs::is_directory(product, ec)) {  // no cache here: create nothing, delete nothing
         if (json)
-            std::printf("%s\n", JsonText({{"root", root.string()}, {"dry_run", false},
-                                          {"purged_bytes", 0}, {"left_bytes", 0}}).c_str());
+            std::printf("%s\n", JsonText({{"root", root.string()},
+                                          {"dry_run", false},
+                                          {"purged_bytes", 0},
+                                          {"left_bytes", 0}})
+                                    .c_str());
         else
             std::printf("nothing to purge: no disk cache under %s\n", root.c_str());
         return 0;
     }
     auto host = velacore::StandaloneHostServices::CreateFromEnvironment();
-    const fs::path version = product / fs::path(velacore::ToUtf8(MC_ZKVersDir(
-        velacore::ToUtf16(host->Config().clientVersion)))).relative_path();
+    const fs::path version =
+        product /
+        fs::path(velacore::ToUtf8(MC_ZKVersDir(velacore::ToUtf16(host->Config().clientVersion))))
+            .relative_path();
     const fs::path machine = version / fs::path(velacore::ToUtf8(MC_GetMachineDirName()));
-    const std::vector<std::pair<fs::path, bool>> chain = {
-        {version, fs::exists(version, ec)}, {machine, fs::exists(machine, ec)}};
+    const std::vector<std::pair<fs::path, bool>> chain = {{version, fs::exists(version, ec)},
+                                                          {machine, fs::exists(machine, ec)}};
     velacore::SetHostServices(host);
     MC_Birth(false, static_cast<unsigned>(host->AppVersion()), false);
     int status = 0;
@@ -365,8 +384,11 @@ int PurgeRoot(const fs::path& root, bool otherVersions, bool dryRun, bool json) 
         const uint64_t after = bag->FindDiskCacheSizeAcrossVersions(folders);
         const uint64_t purged = before - std::min(before, after);
         if (json)
-            std::printf("%s\n", JsonText({{"root", root.string()}, {"dry_run", false},
-                                          {"purged_bytes", purged}, {"left_bytes", after}}).c_str());
+            std::printf("%s\n", JsonText({{"root", root.string()},
+                                          {"dry_run", false},
+                                          {"purged_bytes", purged},
+                                          {"left_bytes", after}})
+                                    .c_str());
         else
             std::printf("purged %s (%s left%s)\n", Bytes(static_cast<double>(purged)).c_str(),
                         Bytes(static_cast<double>(after)).c_str(),
@@ -407,17 +429,20 @@ int TrimFolder(const fs::path& folder, uint64_t budget, bool dryRun, bool json) 
         ++removed;
     }
     if (json) {
-        std::printf("%s\n", JsonText({{"folder", folder.string()}, {"dry_run", dryRun},
-                                      {"budget", budget}, {"before_bytes", total},
-                                      {"deleted_files", removed}, {"deleted_bytes", freed},
-                                      {"left_bytes", left}}).c_str());
+        std::printf("%s\n", JsonText({{"folder", folder.string()},
+                                      {"dry_run", dryRun},
+                                      {"budget", budget},
+                                      {"before_bytes", total},
+                                      {"deleted_files", removed},
+                                      {"deleted_bytes", freed},
+                                      {"left_bytes", left}})
+                                .c_str());
     } else {
-        std::printf("%s %llu files, %s; %s left of %s (budget %s)\n",
-                    dryRun ? "would delete" : "deleted", static_cast<unsigned long long>(removed),
-                    Bytes(static_cast<double>(freed)).c_str(),
-                    Bytes(static_cast<double>(left)).c_str(),
-                    Bytes(static_cast<double>(total)).c_str(),
-                    Bytes(static_cast<double>(budget)).c_str());
+        std::printf(
+            "%s %llu files, %s; %s left of %s (budget %s)\n", dryRun ? "would delete" : "deleted",
+            static_cast<unsigned long long>(removed), Bytes(static_cast<double>(freed)).c_str(),
+            Bytes(static_cast<double>(left)).c_str(), Bytes(static_cast<double>(total)).c_str(),
+            Bytes(static_cast<double>(budget)).c_str());
     }
     return failed ? 2 : 0;
 }

@@ -59,8 +59,10 @@ bool UnknownCommand(int argc, char** argv) {
     if (argc < 2 || argv[1][0] == '-') return false;
     for (const char* c : kCommands)
         if (std::string(argv[1]) == c) return false;
-    std::fprintf(stderr, "mcache: unknown command '%s' (commands: demo, ls, verify, du, purge, "
-                         "trim; see mcache --help)\n", argv[1]);
+    std::fprintf(stderr,
+                 "mcache: unknown command '%s' (commands: demo, ls, verify, du, purge, "
+                 "trim; see mcache --help)\n",
+                 argv[1]);
     return true;
 }
 
@@ -77,9 +79,10 @@ int Main(int argc, char** argv) {
     CLI::App app{"mcache — the MC cache: a demo session and disk-cache administration"};
     app.set_version_flag("--version", std::string("mcache ") + MCACHE_VERSION);
     app.require_subcommand(1);
-    app.footer("Sizes: 1048576, 512K, 64M, 64MB, 2G (steps of 1024; any case). Exit status: 0 "
-               "success, 1 problems found (verify), 2 errors. JSON output replaces bytes of file "
-               "names that are not UTF-8 with U+FFFD.");
+    app.footer(
+        "Sizes: 1048576, 512K, 64M, 64MB, 2G (steps of 1024; any case). Exit status: 0 "
+        "success, 1 problems found (verify), 2 errors. JSON output replaces bytes of file "
+        "names that are not UTF-8 with U+FFFD.");
 
     DemoOptions demo;
     std::string memory, disk = "480M", priority = "normal";
@@ -88,24 +91,31 @@ int Main(int argc, char** argv) {
     demoCmd->add_option("--folder", demo.folder,
                         "Disk-cache root (default: $XDG_CACHE_HOME or ~/.cache, /mcache-demo)");
     demoCmd->add_option("--frames", demo.frames, "Frames in the timeline")
-        ->check(CLI::Range(1u, 100000u))->capture_default_str();
-    demoCmd->add_option("--width", demo.width, "Frame width")->check(CLI::Range(8u, 8192u))
+        ->check(CLI::Range(1u, 100000u))
         ->capture_default_str();
-    demoCmd->add_option("--height", demo.height, "Frame height")->check(CLI::Range(8u, 8192u))
+    demoCmd->add_option("--width", demo.width, "Frame width")
+        ->check(CLI::Range(8u, 8192u))
+        ->capture_default_str();
+    demoCmd->add_option("--height", demo.height, "Frame height")
+        ->check(CLI::Range(8u, 8192u))
         ->capture_default_str();
     demoCmd->add_option("--cost", demo.cost, "Render work multiplier per frame")
-        ->check(CLI::Range(1u, 1000u))->capture_default_str();
-    demoCmd->add_option("--threads", demo.threads, "Render threads")->check(CLI::Range(1u, 64u))
+        ->check(CLI::Range(1u, 1000u))
+        ->capture_default_str();
+    demoCmd->add_option("--threads", demo.threads, "Render threads")
+        ->check(CLI::Range(1u, 64u))
         ->capture_default_str();
     demoCmd->add_option("--memory-budget", memory,
                         "Memory budget: a size or a percentage of physical memory (default: "
                         "MC_MEMORY_BUDGET, else 160M); the option wins over the environment");
     demoCmd->add_option("--disk-budget", disk, "Disk-cache budget, in whole MiB")
         ->capture_default_str();
-    demoCmd->add_option("--cache-priority", priority,
-                        "Frames' cache priority: normal (written when reading back beats "
-                        "rendering), high (written whenever the write queue has room), low")
-        ->check(CLI::IsMember({"low", "normal", "high"}))->capture_default_str();
+    demoCmd
+        ->add_option("--cache-priority", priority,
+                     "Frames' cache priority: normal (written when reading back beats "
+                     "rendering), high (written whenever the write queue has room), low")
+        ->check(CLI::IsMember({"low", "normal", "high"}))
+        ->capture_default_str();
     demoCmd->add_option("--plugin", demo.plugin, "The statistics plug-in (.so)");
     demoCmd->add_flag("--json", demo.json, "Print the summary as JSON");
     demoCmd->add_option("--report", demo.reportSvg, "Write an SVG report to this file");
@@ -113,8 +123,7 @@ int Main(int argc, char** argv) {
     demoCmd->add_flag("--quiet", quiet, "No progress display");
 
     fs::path folder;
-    bool json = false, deleteInvalid = false, otherVersions = false, strict = false,
-         dryRun = false;
+    bool json = false, deleteInvalid = false, otherVersions = false, strict = false, dryRun = false;
     std::string trimTo;
     auto* ls = app.add_subcommand("ls", "List the cache files of a disk-cache folder");
     ls->add_option("FOLDER", folder, "Disk-cache folder")->required();
@@ -130,9 +139,10 @@ int Main(int argc, char** argv) {
     du->add_flag("--json", json, "JSON output");
     const std::string thisVersion = CurrentVersionText();
     auto* purge = app.add_subcommand(
-        "purge", "Delete this version's disk cache under ROOT. This version is the application "
-                 "version of the standalone host, " + thisVersion +
-                 " (set by MC_CLIENT_VERSION or the configuration file)");
+        "purge",
+        "Delete this version's disk cache under ROOT. This version is the application "
+        "version of the standalone host, " +
+            thisVersion + " (set by MC_CLIENT_VERSION or the configuration file)");
     purge->add_option("ROOT", folder, "Disk-cache root")->required();
     purge->add_flag("--other-versions", otherVersions, "Also delete other versions' caches");
     purge->add_flag("--dry-run", dryRun, "Only say what would be deleted");
@@ -159,7 +169,8 @@ int Main(int argc, char** argv) {
     try {
         if (*demoCmd) {
             if (demo.folder.empty()) demo.folder = DefaultDemoFolder();
-            if (!memory.empty()) demo.memoryBudget = Amount("--memory-budget", memory, PhysicalMemory());
+            if (!memory.empty())
+                demo.memoryBudget = Amount("--memory-budget", memory, PhysicalMemory());
             demo.diskBudgetMb = (Amount("--disk-budget", disk, 0) + (1u << 20) - 1) >> 20;
             demo.cachePriority = PriorityByName(priority);
             demo.progress = !quiet;

@@ -178,8 +178,10 @@ PassStats RunPass(const std::string& name, const DemoOptions& o, DemoPlugin* plu
 // the default. `o.memoryBudget` is set to the budget in force.
 std::shared_ptr<velacore::StandaloneHostServices> StartHost(DemoOptions& o) {
     velacore::StandaloneConfig config = velacore::StandaloneConfig::FromEnvironment();
-    if (o.memoryBudget) config.memoryBudget = o.memoryBudget;
-    else if (!config.memoryBudget) config.memoryBudget = kDefaultMemoryBudget;
+    if (o.memoryBudget)
+        config.memoryBudget = o.memoryBudget;
+    else if (!config.memoryBudget)
+        config.memoryBudget = kDefaultMemoryBudget;
     o.memoryBudget = *config.memoryBudget;
     auto host = std::make_shared<velacore::StandaloneHostServices>(config);
     velacore::SetHostServices(host);
@@ -191,8 +193,7 @@ std::string CheckBeforeStart(const DemoOptions& o, std::unique_ptr<std::ofstream
     std::error_code ec;
     std::filesystem::create_directories(o.folder, ec);
     if (ec) return "cannot create " + o.folder.string() + ": " + ec.message();
-    if (!std::filesystem::is_directory(o.folder, ec))
-        return o.folder.string() + ": not a folder";
+    if (!std::filesystem::is_directory(o.folder, ec)) return o.folder.string() + ": not a folder";
     if (!o.reportSvg.empty()) {
         report = std::make_unique<std::ofstream>(o.reportSvg);
         if (!*report) return "--report: cannot write " + o.reportSvg;

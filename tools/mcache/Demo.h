@@ -19,12 +19,12 @@ struct DemoOptions {
     uint32_t width = 640;
     uint32_t height = 360;
     unsigned threads = 2;
-    uint32_t cost = 12;                    // render work multiplier
-    uint64_t memoryBudget = 0;             // bytes; 0: MC_MEMORY_BUDGET, else kDefaultMemoryBudget
+    uint32_t cost = 12;         // render work multiplier
+    uint64_t memoryBudget = 0;  // bytes; 0: MC_MEMORY_BUDGET, else kDefaultMemoryBudget
     uint64_t diskBudgetMb = 480;
     MC_CachePriority cachePriority = MC_CachePriority_Normal;  // of every rendered frame
-    std::filesystem::path folder;         // the disk-cache root
-    std::filesystem::path plugin;         // the statistics plug-in; empty: look beside the tool
+    std::filesystem::path folder;                              // the disk-cache root
+    std::filesystem::path plugin;  // the statistics plug-in; empty: look beside the tool
     bool json = false;
     std::string reportSvg;
     bool progress = true;

@@ -63,8 +63,10 @@ std::unique_ptr<DemoPlugin> DemoPlugin::Load(const std::filesystem::path& reques
             return nullptr;
         }
         if (int err = api->main(&AcquireSuiteForPlugin)) {
-            std::fprintf(stderr, "mcache: the statistics plug-in failed to start: its PluginMain "
-                                 "returned error %d\n", err);
+            std::fprintf(stderr,
+                         "mcache: the statistics plug-in failed to start: its PluginMain "
+                         "returned error %d\n",
+                         err);
             return nullptr;
         }
         std::unique_ptr<DemoPlugin> plugin(new DemoPlugin(std::move(library), std::move(api)));
@@ -89,6 +91,8 @@ uint64_t DemoPlugin::Computed() const {
     return static_cast<uint64_t>(counters.computes);
 }
 
-void DemoPlugin::Shutdown() { api_->shutdown(); }
+void DemoPlugin::Shutdown() {
+    api_->shutdown();
+}
 
 }  // namespace mcache

@@ -18,7 +18,9 @@ namespace mcache {
 
 namespace {
 
-unsigned long long U(uint64_t v) { return static_cast<unsigned long long>(v); }
+unsigned long long U(uint64_t v) {
+    return static_cast<unsigned long long>(v);
+}
 
 // "154/160 MiB": both amounts in the unit of the larger.
 std::string BytesOf(uint64_t used, uint64_t budget) {
@@ -96,9 +98,10 @@ std::vector<std::string> ProgressLines(const std::string& pass, uint64_t done, u
                                        double fps, uint64_t memory, uint64_t disk,
                                        uint64_t rendered, const Sample& s, uint64_t memoryBudget,
                                        uint64_t diskBudget, size_t columns) {
-    const std::string work = Format("%-8s %llu/%llu %.0f fps | from memory %llu, disk %llu, "
-                                    "rendered %llu", pass.c_str(), U(done), U(total), fps,
-                                    U(memory), U(disk), U(rendered));
+    const std::string work = Format(
+        "%-8s %llu/%llu %.0f fps | from memory %llu, disk %llu, "
+        "rendered %llu",
+        pass.c_str(), U(done), U(total), fps, U(memory), U(disk), U(rendered));
     const std::string cache =
         "memory " + BytesOf(static_cast<uint64_t>(std::max<int64_t>(0, s.memory)), memoryBudget) +
         " | disk " + BytesOf(static_cast<uint64_t>(std::max<int64_t>(0, s.disk)), diskBudget) +
@@ -117,8 +120,8 @@ void Progress::Update(const std::string& pass, uint64_t done, uint64_t total, do
     if (!terminal_ && s.t - lastPlain_ < 2.0) return;
     lastPlain_ = s.t;
     const std::vector<std::string> lines =
-        ProgressLines(pass, done, total, fps, memory, disk, rendered, s, memoryBudget_,
-                      diskBudget_, terminal_ ? TerminalColumns() : 400);
+        ProgressLines(pass, done, total, fps, memory, disk, rendered, s, memoryBudget_, diskBudget_,
+                      terminal_ ? TerminalColumns() : 400);
     if (!terminal_) {
         for (const std::string& line : lines) std::fprintf(stderr, "%s\n", line.c_str());
         return;
@@ -142,11 +145,12 @@ void Progress::Erase() {
 void Progress::PassDone(const PassStats& p) {
     if (!enabled_) return;
     Erase();
-    std::fprintf(stderr, "%-8s %5llu frames %6.2f s %6.0f fps | memory %llu, disk %llu, "
-                         "rendered %llu\n",
+    std::fprintf(stderr,
+                 "%-8s %5llu frames %6.2f s %6.0f fps | memory %llu, disk %llu, "
+                 "rendered %llu\n",
                  p.name.c_str(), U(p.requests), p.seconds,
-                 p.seconds > 0 ? static_cast<double>(p.requests) / p.seconds : 0.0,
-                 U(p.fromMemory), U(p.fromDisk), U(p.rendered));
+                 p.seconds > 0 ? static_cast<double>(p.requests) / p.seconds : 0.0, U(p.fromMemory),
+                 U(p.fromDisk), U(p.rendered));
 }
 
 namespace {
@@ -157,8 +161,7 @@ int64_t PeakMemory(const DemoResult& r) {
     return peak;
 }
 
-nlohmann::json SummaryJson(const DemoOptions& o, const DemoResult& r, MC_Bag& bag,
-                           int appVersion) {
+nlohmann::json SummaryJson(const DemoOptions& o, const DemoResult& r, MC_Bag& bag, int appVersion) {
     const MC_PerformanceCounters pc = MC_GetPerformanceCounters();
     const MC_DiskPerformanceCounters dc = MC_GetDiskPerformanceCounters();
     nlohmann::json j;
@@ -251,33 +254,41 @@ double TickStep(double span) {
 std::string Escape(const std::string& text) {
     std::string out;
     for (char c : text) {
-        if (c == '<') out += "&lt;";
-        else if (c == '>') out += "&gt;";
-        else if (c == '&') out += "&amp;";
-        else if (c == '\'') out += "&apos;";
-        else out += c;
+        if (c == '<')
+            out += "&lt;";
+        else if (c == '>')
+            out += "&gt;";
+        else if (c == '&')
+            out += "&amp;";
+        else if (c == '\'')
+            out += "&apos;";
+        else
+            out += c;
     }
     return out;
 }
 
 const char* PriorityName(MC_CachePriority p) {
     switch (p) {
-        case MC_CachePriority_Never: return "never";
-        case MC_CachePriority_Low: return "low";
-        case MC_CachePriority_High: return "high";
-        default: return "normal";
+        case MC_CachePriority_Never:
+            return "never";
+        case MC_CachePriority_Low:
+            return "low";
+        case MC_CachePriority_High:
+            return "high";
+        default:
+            return "normal";
     }
 }
 
 std::string Percent(uint64_t part, uint64_t whole) {
-    return Format("%.0f%%", whole ? 100.0 * static_cast<double>(part) / static_cast<double>(whole)
-                                  : 0.0);
+    return Format("%.0f%%",
+                  whole ? 100.0 * static_cast<double>(part) / static_cast<double>(whole) : 0.0);
 }
 
 }  // namespace
 
-bool WriteSvgReport(const DemoOptions& o, const DemoResult& r, int appVersion,
-                    std::ostream& out) {
+bool WriteSvgReport(const DemoOptions& o, const DemoResult& r, int appVersion, std::ostream& out) {
     const double W = 900, chartH = 200, left = 80, top = 90, plotW = W - left - 30, gap = 80;
     double tMax = 0.001;
     for (const Sample& s : r.samples) tMax = std::max(tMax, s.t);
@@ -291,23 +302,24 @@ bool WriteSvgReport(const DemoOptions& o, const DemoResult& r, int appVersion,
         << "font-family='sans-serif' font-size='12'>\n<rect width='100%' height='100%' "
         << "fill='white'/>\n";
     // The title carries the parameters: frames x frame size against both budgets.
-    svg << "<text x='" << left << "' y='28' font-size='17' font-weight='bold'>mcache demo: "
-        << o.frames << " frames × " << Bytes(static_cast<double>(frameBytes)) << " = "
-        << Bytes(allFrames) << " of frames</text>\n<text x='" << left << "' y='50'>memory budget "
-        << Bytes(memBudget) << " (" << Format("%.0f%%", 100 * memBudget / allFrames)
-        << " of the frames), disk budget " << Bytes(diskBudget) << " ("
-        << Format("%.0f%%", 100 * diskBudget / allFrames) << ")</text>\n<text x='" << left
-        << "' y='68' fill='#444'>" << o.threads << " render threads, cache priority "
-        << PriorityName(o.cachePriority) << ", " << Format("%.1f s", r.seconds)
-        << ", app version " << AppVersionText(static_cast<uint32_t>(appVersion)) << "</text>\n";
+    svg << "<text x='" << left
+        << "' y='28' font-size='17' font-weight='bold'>mcache demo: " << o.frames << " frames × "
+        << Bytes(static_cast<double>(frameBytes)) << " = " << Bytes(allFrames)
+        << " of frames</text>\n<text x='" << left << "' y='50'>memory budget " << Bytes(memBudget)
+        << " (" << Format("%.0f%%", 100 * memBudget / allFrames) << " of the frames), disk budget "
+        << Bytes(diskBudget) << " (" << Format("%.0f%%", 100 * diskBudget / allFrames)
+        << ")</text>\n<text x='" << left << "' y='68' fill='#444'>" << o.threads
+        << " render threads, cache priority " << PriorityName(o.cachePriority) << ", "
+        << Format("%.1f s", r.seconds) << ", app version "
+        << AppVersionText(static_cast<uint32_t>(appVersion)) << "</text>\n";
     auto chart = [&](double y0, const char* title, double budget, auto value, const char* color) {
         double vMax = budget;
         for (const Sample& s : r.samples) vMax = std::max(vMax, static_cast<double>(value(s)));
         vMax *= 1.15;
         auto y = [&](double v) { return y0 + chartH - v / vMax * chartH; };
         svg << "<text x='" << left << "' y='" << y0 - 10 << "' font-size='14'>" << title
-            << "</text>\n<rect x='" << left << "' y='" << y0 << "' width='" << plotW
-            << "' height='" << chartH << "' fill='none' stroke='#999'/>\n";
+            << "</text>\n<rect x='" << left << "' y='" << y0 << "' width='" << plotW << "' height='"
+            << chartH << "' fill='none' stroke='#999'/>\n";
         // Pass boundaries, named at the top of each pass.
         for (const PassStats& p : r.passes) {
             svg << "<line x1='" << x(p.start) << "' x2='" << x(p.start) << "' y1='" << y0
@@ -318,28 +330,31 @@ bool WriteSvgReport(const DemoOptions& o, const DemoResult& r, int appVersion,
         // Time ticks.
         const double step = TickStep(tMax);
         for (double t = 0; t <= tMax + 1e-9; t += step) {
-            svg << "<line x1='" << x(t) << "' x2='" << x(t) << "' y1='" << y0 + chartH
-                << "' y2='" << y0 + chartH + 5 << "' stroke='#666'/>\n<text x='" << x(t)
-                << "' y='" << y0 + chartH + 18 << "' text-anchor='middle'>"
+            svg << "<line x1='" << x(t) << "' x2='" << x(t) << "' y1='" << y0 + chartH << "' y2='"
+                << y0 + chartH + 5 << "' stroke='#666'/>\n<text x='" << x(t) << "' y='"
+                << y0 + chartH + 18 << "' text-anchor='middle'>"
                 << Format("%g s", std::round(t / step) * step) << "</text>\n";
         }
         svg << "<polyline fill='none' stroke='" << color << "' stroke-width='2' "
             << "stroke-opacity='0.8' points='";
-        for (const Sample& s : r.samples) svg << x(s.t) << ',' << y(static_cast<double>(value(s))) << ' ';
+        for (const Sample& s : r.samples)
+            svg << x(s.t) << ',' << y(static_cast<double>(value(s))) << ' ';
         svg << "'/>\n";
         // The budget goes on top so that a line running at the budget never hides it.
-        svg << "<line x1='" << left << "' x2='" << left + plotW << "' y1='" << y(budget)
-            << "' y2='" << y(budget) << "' stroke='#d33' stroke-width='1.5' "
-            << "stroke-dasharray='8,5'/>\n<text x='" << left + plotW - 6 << "' y='"
-            << y(budget) - 5 << "' fill='#d33' text-anchor='end'>budget " << Bytes(budget)
-            << "</text>\n<text x='" << left - 8 << "' y='" << y0 + 4 << "' text-anchor='end'>"
-            << Bytes(vMax) << "</text>\n<text x='" << left - 8 << "' y='" << y(budget) + 4
+        svg << "<line x1='" << left << "' x2='" << left + plotW << "' y1='" << y(budget) << "' y2='"
+            << y(budget) << "' stroke='#d33' stroke-width='1.5' "
+            << "stroke-dasharray='8,5'/>\n<text x='" << left + plotW - 6 << "' y='" << y(budget) - 5
+            << "' fill='#d33' text-anchor='end'>budget " << Bytes(budget) << "</text>\n<text x='"
+            << left - 8 << "' y='" << y0 + 4 << "' text-anchor='end'>" << Bytes(vMax)
+            << "</text>\n<text x='" << left - 8 << "' y='" << y(budget) + 4
             << "' text-anchor='end' fill='#d33'>" << Bytes(budget) << "</text>\n<text x='"
             << left - 8 << "' y='" << y0 + chartH << "' text-anchor='end'>0</text>\n";
     };
-    chart(top + 20, "Memory in use", memBudget, [](const Sample& s) { return s.memory; }, "#2a6");
-    chart(top + 20 + chartH + gap, "Disk cache in use", diskBudget,
-          [](const Sample& s) { return s.disk; }, "#26c");
+    chart(
+        top + 20, "Memory in use", memBudget, [](const Sample& s) { return s.memory; }, "#2a6");
+    chart(
+        top + 20 + chartH + gap, "Disk cache in use", diskBudget,
+        [](const Sample& s) { return s.disk; }, "#26c");
     // Where each pass's frames came from: bar heights are frame counts on one scale.
     const double y0 = top + 35 + 2 * (chartH + gap), barH = 170;
     uint64_t most = 1;
@@ -356,8 +371,8 @@ bool WriteSvgReport(const DemoOptions& o, const DemoResult& r, int appVersion,
         for (const auto& [count, color] : parts) {
             const double h = static_cast<double>(count) / static_cast<double>(most) * barH;
             y -= h;
-            svg << "<rect x='" << bx << "' y='" << y << "' width='" << bw - 20 << "' height='"
-                << h << "' fill='" << color << "'/>\n";
+            svg << "<rect x='" << bx << "' y='" << y << "' width='" << bw - 20 << "' height='" << h
+                << "' fill='" << color << "'/>\n";
             if (count && h >= 14)
                 svg << "<text x='" << bx + (bw - 20) / 2 << "' y='" << y + h / 2 + 4
                     << "' text-anchor='middle' fill='white'>" << count << " ("
