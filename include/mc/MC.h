@@ -4,6 +4,7 @@
 #include "mc/GenericMCComputeStuffData.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_ComputeCache.h"
+#include "mc/MC_Errors.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_PerformanceCounters.h"
 #include "mc/MC_ScCheckout.h"

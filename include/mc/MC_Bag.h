@@ -37,9 +37,10 @@ public:
     MC_Bag& operator=(const MC_Bag&) = delete;
 
     // --- membership ---
-    // Stamps the item as used now and adds it. Throws 3 when it is already in a bag.
+    // Stamps the item as used now and adds it. Throws MCp_Err_Invariant when it is already in a
+    // bag.
     void AddStuff(const StuffPtr& stuff);
-    // Throws 3 when the item is not in this bag.
+    // Throws MCp_Err_Invariant when the item is not in this bag.
     void RemoveStuff(const StuffPtr& stuff);
     // Adds to the bag, then to its sort directory.
     void AddToBagAndSortDir(const StuffPtr& stuff);
@@ -84,7 +85,8 @@ public:
 
     // --- disk cache settings ---
     // Resolves and stores the per-machine folder under `root` and the budget in megabytes.
-    // Throws 14855 (nothing changed) when the folder cannot be used.
+    // Throws MCp_Err_DiskFolder (nothing changed) when the folder cannot be used; codes are in
+    // mc/MC_Errors.h.
     void SetDiskCacheInfo(const velacore::Dir& root, uint64_t maxSizeMegabytes);
     bool EnableDiskCache(bool enable) { return diskEnabled_.exchange(enable); }
     bool IsDiskCacheEnabled() const { return diskEnabled_.load(); }
@@ -92,7 +94,16 @@ public:
     std::u16string GetDiskCacheRootPath() const;
     velacore::Signal<void()>& GetDiskOutOfSpaceSignal() { return diskOutOfSpace_; }
     void ScanOneDiskCacheFile(const velacore::File& file);
+    // Adopts the files an earlier run left in the folder; their payloads are rebuilt by the
+    // factories registered under their match names, so register those first. The first
+    // SetDiskCacheInfo of the process posts one scan to a background thread; call this yourself
+    // to have the files adopted before the first request.
     void ScanDiskCacheDir();
+    // Waits until no disk write is queued and none is running, for at most `seconds`. Returns
+    // true when the writer is idle, false on time-out. MC_StopAllAsyncWork drops queued writes,
+    // so a host that wants its items on disk at exit calls this first. Any thread; never from a
+    // payload's Write.
+    static bool WaitForDiskWrites(double seconds);
 
     // --- disk budget ---
     int64_t GetCurrentDiskCacheSize() const { return diskSize_.load(); }

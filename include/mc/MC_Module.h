@@ -14,7 +14,8 @@ namespace velacore {
 class File;
 }
 
-// Starts the module: the disk executor, the global bag, the media-map switch.
+// Starts the module: the disk executor, the global bag, the media-map switch. `appVersion` is
+// major * 256 + minor (1.0 is 256); disk-cache files of other versions are never read.
 MC_API void MC_Birth(bool interactive, unsigned int appVersion, bool quilletMode);
 // Publishes the compute-cache suite to plug-ins. Throws the host's int error on failure.
 MC_API void MC_SP_Birth();

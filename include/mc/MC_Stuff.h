@@ -51,7 +51,8 @@ public:
 
     // --- identity ---
     velacore::Guid GetGuid() const;
-    // Sets the GUID without re-keying the sort directory.
+    // Sets the GUID without re-keying the sort directory. The GUID is the key the cache finds
+    // items by: give every request one (items of one thing share it), or every request misses.
     void SetGuid(const velacore::Guid& guid);
     // Sets the GUID and re-keys the item in its sort directory.
     void UpdateWithNewGuid(const velacore::Guid& guid);
@@ -109,7 +110,8 @@ public:
     // Check-in and check-out again with no purge able to slip in between.
     MC_CheckoutResult CheckinAndCheckout(int checkinFlags, double computeTime, int checkoutFlags);
     // Turns the caller's single read-only check-out into a writeable one and deletes the disk
-    // file. Throws 0x3A03 (already writeable, or more than one check-out) or 0x3A04 (none).
+    // file. Throws MCp_Err_CheckedOut (already writeable, or more than one
+    // check-out) or MCp_Err_NotCheckedOut (none); see mc/MC_Errors.h.
     void ConvertToWriteable();
     // Completes a pending render with `data` (null abandons it: the item leaves the bag) and
     // releases every waiter. A second completion is ignored.

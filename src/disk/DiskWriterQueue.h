@@ -13,19 +13,59 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "mc/host/IntrusivePtr.h"
 
 class MC_Stuff;
 class MC_ScCheckout;
 
+// Counts one write from the moment it is queued until the entry that carries it is destroyed,
+// which the writer does only after the write has finished; moves carry the count along.
+// MC_Bag::WaitForDiskWrites waits for the total to reach zero.
+class MCp_PendingDiskWrite {
+  public:
+    MCp_PendingDiskWrite() = default;
+    explicit MCp_PendingDiskWrite(bool counted) : counted_(counted) {
+        if (counted_) Outstanding().fetch_add(1, std::memory_order_acq_rel);
+    }
+    MCp_PendingDiskWrite(MCp_PendingDiskWrite&& other) noexcept
+        : counted_(std::exchange(other.counted_, false)) {}
+    MCp_PendingDiskWrite& operator=(MCp_PendingDiskWrite&& other) noexcept {
+        if (this != &other) {
+            Release();
+            counted_ = std::exchange(other.counted_, false);
+        }
+        return *this;
+    }
+    ~MCp_PendingDiskWrite() { Release(); }
+    // Writes queued or being written in the process.
+    static std::atomic<int32_t>& Outstanding() {
+        static std::atomic<int32_t> count{0};
+        return count;
+    }
+    // Wakes MC_Bag::WaitForDiskWrites (DiskWait.cpp).
+    static void NotifyDone();
+
+  private:
+    void Release() {
+        if (std::exchange(counted_, false) &&
+            Outstanding().fetch_sub(1, std::memory_order_acq_rel) == 1)
+            NotifyDone();
+    }
+    bool counted_ = false;
+};
+
 class MCp_DiskWriteQueue {
   public:
     static constexpr int32_t kNominalCapacity = 200;
 
     struct Entry {
+        Entry() = default;
+        Entry(velacore::IntrusivePtr<MC_Stuff> s, std::shared_ptr<MC_ScCheckout> r);  // counted
         velacore::IntrusivePtr<MC_Stuff> stuff;
         std::shared_ptr<MC_ScCheckout> receipt;  // may be empty
+        MCp_PendingDiskWrite pending;            // counted until the write is over
     };
 
     // The one queue of the process.

@@ -1,5 +1,5 @@
 // StandaloneHostServices: construction and the memory, report, thread and log services (see
-// mc/host/StandaloneHost.h). Configuration, settings, suites and the rest live beside it.
+// mc/standalone/StandaloneHost.h). Configuration, settings, suites and the rest live beside it.
 #include "mc/standalone/StandaloneHost.h"
 
 #include <algorithm>

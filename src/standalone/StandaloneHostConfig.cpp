@@ -329,6 +329,9 @@ uint64_t ParseByteAmount(std::string_view text, uint64_t physical) {
     s = Trim(s);
     uint64_t value = 0;
     auto [ptr, ec] = std::from_chars(s.data(), s.data() + s.size(), value);
+    if (ec == std::errc::result_out_of_range && ptr == s.data() + s.size()) {
+        throw std::invalid_argument("byte amount too large");
+    }
     if (s.empty() || ec != std::errc() || ptr != s.data() + s.size()) {
         throw std::invalid_argument("expected a byte amount like 1048576, 512K, 64M, 2G or 25%");
     }

@@ -1,5 +1,5 @@
 // StandaloneHostServices: configuration entries, identity, suites, media manager, localisation
-// and labelled allocation (see mc/host/StandaloneHost.h).
+// and labelled allocation (see mc/standalone/StandaloneHost.h).
 #include <cstring>
 
 #include "mc/standalone/StandaloneHost.h"

@@ -1,4 +1,4 @@
-// Default texts of localisable strings (see LocalizeDefaultText in mc/host/StandaloneHost.h).
+// Default texts of localisable strings (see LocalizeDefaultText in mc/standalone/StandaloneHost.h).
 #include <string>
 #include <string_view>
 

@@ -1,4 +1,4 @@
-// The standalone host's media manager (see mc/host/StandaloneMediaManager.h).
+// The standalone host's media manager (see mc/standalone/StandaloneMediaManager.h).
 #include "mc/standalone/StandaloneMediaManager.h"
 
 namespace NX {

@@ -2,10 +2,15 @@
 // the exported surface is enough to embed the cache.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <future>
 #include <vector>
 
 #include "mc/MC.h"
+#include "mc/host/ByteStream.h"
+#include "mc/host/File.h"
 
 namespace {
 
@@ -80,6 +85,58 @@ TEST(ExportedApi, FindRenderCheckInAndHitAgain) {
     MC_StopAllAsyncWork();
     MC_Death();
     EXPECT_FALSE(MC_GlobalBag());
+}
+
+// A frame whose Write blocks until the test lets it go.
+class HeldFrame : public Frame {
+public:
+    HeldFrame(std::promise<void>& started, std::shared_future<void> release)
+        : Frame(9, 4096), started_(started), release_(std::move(release)) {}
+    bool CanDiskCache() const override { return true; }
+    const char* GetSubclassMatchname() const override { return "HeldFrame"; }
+    void GetHeader(std::vector<uint8_t>& header) const override { header.assign(4, 9); }
+    double Write(velacore::OByteStream& out) const override {
+        started_.set_value();
+        release_.wait();
+        out.WriteU32LE(9);
+        return 0.001;
+    }
+    double Read(velacore::IByteStream&, velacore::MultiTenantRecursiveMutex&) override { return 0; }
+
+private:
+    std::promise<void>& started_;
+    std::shared_future<void> release_;
+};
+
+TEST(ExportedApi, WaitForDiskWritesWaitsForTheWriteInProgress) {
+    const auto root = std::filesystem::temp_directory_path() /
+                      ("mc-api-wait-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
+    std::filesystem::create_directories(root);
+    MC_Birth(false, 256, false);
+    std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
+    bag->SetDiskCacheInfo(velacore::Dir(root), 16);
+    bag->EnableDiskCache(true);
+    EXPECT_TRUE(MC_Bag::WaitForDiskWrites(0));  // nothing to wait for
+    std::promise<void> started, release;
+    IntrusivePtr<MC_StuffData> data(new HeldFrame(started, release.get_future().share()));
+    data->SetCachePriority(MC_CachePriority_High);
+    {
+        MC_ScCheckout receipt;
+        ASSERT_EQ(receipt.FindAndCheckout(Request(9), MC_CheckoutFlag_ReadOnly |
+                                                          MC_CheckoutFlag_CreatePending),
+                  MC_CheckoutResult_CreatedNewPending);
+        receipt.GetStuffPtr()->SetStuffDataFromPendingRender(data, 0.25);
+    }  // the check-in queues the write
+    ASSERT_EQ(started.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    // Taken off the queue but still being written: not idle.
+    EXPECT_FALSE(MC_Bag::WaitForDiskWrites(0.05));
+    release.set_value();
+    EXPECT_TRUE(MC_Bag::WaitForDiskWrites(30));
+    EXPECT_GT(bag->GetCurrentDiskCacheSize(), 0);  // the file is committed and accounted
+    bag.reset();
+    MC_StopAllAsyncWork();
+    MC_Death();
+    std::filesystem::remove_all(root);
 }
 
 }  // namespace

@@ -1,15 +1,19 @@
 // The mcache tool's commands, run in-process against real folders: a small demo twice on one
-// folder, then ls, verify (with damaged files), du and purge, with their output and exit codes.
+// folder, then ls, verify (with damaged files), du, trim and purge, with their output and exit
+// codes; usage errors; the progress line and the report.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Cli.h"
+#include "Output.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -29,15 +33,37 @@ ToolRun Mcache(std::vector<std::string> args) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const int status = mcache::Main(static_cast<int>(argv.size()), argv.data());
-    ToolRun r{status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+    ToolRun r{status, testing::internal::GetCapturedStdout(),
+              testing::internal::GetCapturedStderr()};
     return r;
 }
 
+// High priority: frames are written whenever the queue has room, however fast they render.
 std::vector<std::string> DemoArgs(const fs::path& root) {
-    return {"demo",          "--folder", root.string(), "--frames", "24",  "--width",
-            "96",            "--height", "64",          "--cost",   "12",  "--memory-budget",
-            "64K",           "--disk-budget-mb", "16",  "--json",   "--quiet"};
+    return {"demo",   "--folder",      root.string(), "--frames",         "24",   "--width",
+            "96",     "--height",      "64",          "--cost",           "12",   "--memory-budget",
+            "64K",    "--disk-budget", "16M",         "--cache-priority", "high", "--json",
+            "--quiet"};
 }
+
+// Sets an environment variable for the life of the object.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::string& value) : name_(name) {
+        if (const char* old = std::getenv(name)) old_ = old;
+        ::setenv(name, value.c_str(), 1);
+    }
+    ~ScopedEnv() {
+        if (old_)
+            ::setenv(name_, old_->c_str(), 1);
+        else
+            ::unsetenv(name_);
+    }
+
+private:
+    const char* name_;
+    std::optional<std::string> old_;
+};
 
 // The one machine folder the demo wrote under root.
 fs::path CacheFolder(const fs::path& root) {
@@ -66,11 +92,13 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
     const auto j1 = nlohmann::json::parse(first.out);
     ASSERT_EQ(j1["passes"].size(), 4u);
     EXPECT_EQ(j1["adopted_at_start"], 0);
+    EXPECT_EQ(j1["app_version_text"], "1.0 (256)");
+    EXPECT_EQ(j1["disk"]["budget"], 16u << 20);
     uint64_t rendered1 = 0;
     for (const auto& p : j1["passes"]) {
         EXPECT_EQ(p["requests"].get<uint64_t>(), p["from_memory"].get<uint64_t>() +
-                                                      p["from_disk"].get<uint64_t>() +
-                                                      p["rendered"].get<uint64_t>());
+                                                     p["from_disk"].get<uint64_t>() +
+                                                     p["rendered"].get<uint64_t>());
         rendered1 += p["rendered"].get<uint64_t>();
     }
     EXPECT_GE(rendered1, 24u);
@@ -110,6 +138,9 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
         return fs::path();
     }();
     fs::resize_file(some, 10);  // truncated inside the header
+    ToolRun listed = Mcache({"ls", folder.string()});
+    EXPECT_NE(listed.out.find(some.filename().string() + "  invalid: shorter"), std::string::npos)
+        << listed.out;
     ToolRun damaged = Mcache({"verify", folder.string()});
     EXPECT_EQ(damaged.status, 1);
     EXPECT_NE(damaged.out.find("garbage-name.zkcache"), std::string::npos);
@@ -126,30 +157,163 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
     ASSERT_EQ(du.status, 0) << du.err;
     const auto usage = nlohmann::json::parse(du.out);
     EXPECT_EQ(usage["versions"].size(), 1u);
-    EXPECT_GT(usage["total"]["bytes"].get<uint64_t>(), 0u);
+    const uint64_t total = usage["total"]["bytes"].get<uint64_t>();
+    EXPECT_GT(total, 0u);
+    EXPECT_NE(Mcache({"du", root().string()}).out.find("1.0 (256)"), std::string::npos);
 
-    // purge empties this version's cache.
-    ToolRun purge = Mcache({"purge", root().string()});
+    // trim deletes least recently used files first, down to the budget.
+    std::vector<fs::path> lru;
+    for (const auto& e : fs::recursive_directory_iterator(folder))
+        if (e.path().extension() == ".zkcache") lru.push_back(e.path());
+    ASSERT_GE(lru.size(), 3u);
+    const auto now = fs::file_time_type::clock::now();
+    for (size_t i = 0; i < lru.size(); ++i)  // lru[0] is the oldest
+        fs::last_write_time(lru[i], now - std::chrono::hours(lru.size() - i));
+    const uint64_t budget = total - fs::file_size(lru[0]);
+    ToolRun trial = Mcache({"trim", folder.string(), "--to", std::to_string(budget), "--dry-run"});
+    EXPECT_EQ(trial.status, 0) << trial.err;
+    EXPECT_TRUE(fs::exists(lru[0]));
+    ToolRun trim = Mcache({"trim", folder.string(), "--to", std::to_string(budget), "--json"});
+    ASSERT_EQ(trim.status, 0) << trim.err;
+    EXPECT_EQ(nlohmann::json::parse(trim.out)["deleted_files"], 1);
+    EXPECT_FALSE(fs::exists(lru[0]));
+    EXPECT_TRUE(fs::exists(lru[1]));
+
+    // purge: a dry run deletes nothing; then this version's cache is emptied.
+    ToolRun dry = Mcache({"purge", "--dry-run", "--json", root().string()});
+    ASSERT_EQ(dry.status, 0) << dry.err;
+    EXPECT_GE(nlohmann::json::parse(dry.out)["purged_files"].get<size_t>(), lru.size() - 1);
+    EXPECT_EQ(CountCacheFiles(root()), lru.size() - 1);
+    ToolRun purge = Mcache({"purge", "--json", root().string()});
     EXPECT_EQ(purge.status, 0) << purge.err;
+    EXPECT_GT(nlohmann::json::parse(purge.out)["purged_bytes"].get<uint64_t>(), 0u);
     EXPECT_EQ(CountCacheFiles(root()), 0u);
 }
 
-TEST_F(McacheTool, MissingFolderIsOneClearLineAndStatusTwo) {
-    for (const char* cmd : {"ls", "verify", "du", "purge"}) {
-        ToolRun r = Mcache({cmd, (temp_.Path() / "absent").string()});
-        EXPECT_EQ(r.status, 2) << cmd;
-        EXPECT_NE(r.err.find("no such folder"), std::string::npos) << cmd;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << cmd;
+TEST_F(McacheTool, VerifyStrictRejectsAHeaderOfRandomBytesAndJsonSurvivesOddNames) {
+    ASSERT_EQ(Mcache(DemoArgs(root())).status, 0);
+    const fs::path folder = CacheFolder(root());
+    fs::path victim;
+    for (const auto& e : fs::recursive_directory_iterator(folder))
+        if (e.path().extension() == ".zkcache") victim = e.path();
+    ASSERT_FALSE(victim.empty());
+    {
+        std::fstream f(victim, std::ios::in | std::ios::out | std::ios::binary);
+        for (int i = 0; i < 32; ++i) f.put(static_cast<char>(i * 37 + 11));
+    }
+    EXPECT_EQ(Mcache({"verify", folder.string()}).status, 0);  // readers take it as unframed
+    ToolRun strict = Mcache({"verify", "--strict", folder.string()});
+    EXPECT_EQ(strict.status, 1);
+    EXPECT_NE(strict.out.find(victim.filename().string()), std::string::npos);
+
+    std::ofstream(folder / "\xff\xfe-not-utf8.zkcache") << "x";
+    ToolRun fixed = Mcache({"verify", "--strict", "--delete-invalid", "--json", folder.string()});
+    EXPECT_EQ(fixed.status, 0) << fixed.err;
+    const auto j = nlohmann::json::parse(fixed.out);  // valid JSON despite the name
+    EXPECT_EQ(j["deleted"], 2);
+    EXPECT_FALSE(fs::exists(folder / "\xff\xfe-not-utf8.zkcache"));
+}
+
+TEST_F(McacheTool, PurgeOfARootWithoutACacheCreatesNothing) {
+    fs::create_directories(root());
+    ToolRun r = Mcache({"purge", root().string()});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(fs::is_empty(root()));
+}
+
+TEST_F(McacheTool, EveryErrorIsOneLineAndStatusTwo) {
+    const std::string absent = (temp_.Path() / "absent").string();
+    const std::string file = (temp_.Path() / "plain-file").string();
+    std::ofstream(file) << "x";
+    const std::string folder = root().string();
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"ls", absent}, "no such folder"},
+        {{"verify", absent}, "no such folder"},
+        {{"du", absent}, "no such folder"},
+        {{"purge", absent}, "no such folder"},
+        {{"trim", absent, "--to", "1M"}, "no such folder"},
+        {{"ls", file}, "not a folder"},
+        {{"bogus"}, "unknown command 'bogus'"},
+        {{}, "subcommand"},
+        {{"demo", "--frames", "0"}, "--frames"},
+        {{"ls"}, "FOLDER"},
+        {{"trim", folder}, "--to"},
+        {{"demo", "--folder", folder, "--memory-budget", "lots"}, "not a size"},
+        {{"demo", "--folder", folder, "--memory-budget", "1e400"}, "not a size"},
+        {{"demo", "--folder", folder, "--memory-budget", "nan"}, "not a size"},
+        {{"demo", "--folder", folder, "--memory-budget", "99999999999999999999G"}, "too large"},
+        {{"demo", "--folder", folder, "--memory-budget", "0"}, "more than 0"},
+        {{"demo", "--folder", folder, "--disk-budget", "-1"}, "not a size"},
+        {{"demo", "--folder", folder, "--disk-budget", "10%"}, "percentage"},
+        {{"demo", "--folder", folder, "--cache-priority", "urgent"}, "--cache-priority"},
+        {{"demo", "--folder", folder, "--report", absent + "/r.svg"}, "--report"},
+        {{"demo", "--folder", folder, "--frames", "4", "--quiet", "--plugin", absent + ".so"},
+         "plug-in"},
+    };
+    for (const auto& [args, words] : cases) {
+        ToolRun r = Mcache(args);
+        const std::string what = args.empty() ? "(none)" : args[0] + " " + args.back();
+        EXPECT_EQ(r.status, 2) << what;
+        EXPECT_NE(r.err.find(words), std::string::npos) << what << ": " << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << what << ": " << r.err;
     }
 }
 
-TEST_F(McacheTool, UsageErrorsAndVersion) {
+TEST_F(McacheTool, BudgetsFlagBeatsEnvironmentAndDefaultFolderIsTheUsersCache) {
+    const ScopedEnv env("MC_MEMORY_BUDGET", "32M");
+    const ScopedEnv cache("XDG_CACHE_HOME", (temp_.Path() / "xdg").string());
+    const ScopedEnv tmp("TMPDIR", (temp_.Path() / "no-such-tmp").string());
     EXPECT_EQ(Mcache({"--version"}).status, 0);
-    EXPECT_NE(Mcache({}).status, 0);  // a sub-command is required
-    EXPECT_NE(Mcache({"demo", "--frames", "0"}).status, 0);
-    ToolRun bad = Mcache({"demo", "--memory-budget", "lots", "--folder", root().string()});
-    EXPECT_EQ(bad.status, 2);
-    EXPECT_NE(bad.err.find("not a size"), std::string::npos);
+    auto budget = [&](std::vector<std::string> extra) {
+        std::vector<std::string> args = {"demo",     "--frames", "2",      "--width", "8",
+                                         "--height", "8",        "--json", "--quiet"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        ToolRun r = Mcache(args);
+        EXPECT_EQ(r.status, 0) << r.err;
+        return r.status ? 0 : nlohmann::json::parse(r.out)["memory"]["budget"].get<uint64_t>();
+    };
+    EXPECT_EQ(budget({}), 32u << 20);
+    EXPECT_EQ(budget({"--memory-budget", "64K"}), 64u << 10);
+    EXPECT_EQ(budget({"--memory-budget", "64MB"}), 64u << 20);
+    EXPECT_EQ(budget({"--memory-budget", "64m"}), 64u << 20);
+    EXPECT_GT(budget({"--memory-budget", "1%"}), 0u);
+    EXPECT_TRUE(fs::is_directory(temp_.Path() / "xdg" / "mcache-demo"));
+}
+
+TEST(McacheOutput, ProgressFitsTheTerminal) {
+    mcache::Sample s;
+    s.memory = int64_t{154} << 20;
+    s.disk = int64_t{480} << 20;
+    s.writeQueue = 12;
+    for (size_t columns : {200u, 80u, 40u}) {
+        const auto lines = mcache::ProgressLines("playback", 312, 720, 48.2, 171, 317, 232, s,
+                                                 160u << 20, 480u << 20, columns);
+        ASSERT_EQ(lines.size(), columns >= 200 ? 1u : 2u);
+        for (const std::string& line : lines) EXPECT_LT(line.size(), columns) << line;
+        EXPECT_EQ(lines[0].rfind("playback 312/720 48 fps", 0), 0u) << lines[0];
+        if (columns >= 80) {
+            EXPECT_NE(lines[0].find("from memory 171, disk 317, rendered 232"), std::string::npos);
+            EXPECT_NE(lines.back().find("memory 154/160 MiB | disk 480/480 MiB | write queue 12"),
+                      std::string::npos)
+                << lines.back();
+        }
+    }
+}
+
+TEST_F(McacheTool, ReportShowsParametersPassesAndCounts) {
+    const fs::path svg = temp_.Path() / "report.svg";
+    std::vector<std::string> args = DemoArgs(root());
+    args.insert(args.end(), {"--report", svg.string()});
+    ASSERT_EQ(Mcache(args).status, 0);
+    std::ifstream in(svg);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find("24 frames × 24.0 KiB"), std::string::npos);
+    EXPECT_NE(text.find("memory budget 64.0 KiB"), std::string::npos);
+    EXPECT_NE(text.find("disk budget 16.0 MiB"), std::string::npos);
+    EXPECT_NE(text.find(">scrub</text>"), std::string::npos);   // a pass boundary is named
+    EXPECT_NE(text.find(">0 s</text>"), std::string::npos);     // a time tick
+    EXPECT_NE(text.find(" (100%)</text>"), std::string::npos);  // a labelled bar
+    EXPECT_NE(text.find("24 frames</text>"), std::string::npos);
 }
 
 }  // namespace

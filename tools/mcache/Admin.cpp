@@ -1,5 +1,6 @@
 #include "Admin.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <map>
@@ -28,6 +29,7 @@ struct Entry {
     fs::path path;
     std::string name;
     bool valid = false;
+    bool unframed = false;  // valid for readers, but without a cache-file header
     std::string problem;
     std::string guid, matchname;
     uint32_t version = 0;
@@ -37,13 +39,25 @@ struct Entry {
     double ageSeconds = 0;
 };
 
+// A folder the command can read; otherwise one line saying why not.
 bool RequireFolder(const fs::path& folder) {
     std::error_code ec;
-    if (!fs::is_directory(folder, ec)) {
-        std::fprintf(stderr, "mcache: %s: no such folder\n", folder.c_str());
-        return false;
+    const fs::file_status st = fs::status(folder, ec);
+    const char* problem = nullptr;
+    if (!fs::exists(st))
+        problem = "no such folder";
+    else if (!fs::is_directory(st))
+        problem = "not a folder";
+    std::string why;
+    if (!problem) {
+        fs::directory_iterator probe(folder, ec);
+        if (ec) {
+            why = "cannot read the folder: " + ec.message();
+            problem = why.c_str();
+        }
     }
-    return true;
+    if (problem) std::fprintf(stderr, "mcache: %s: %s\n", folder.c_str(), problem);
+    return problem == nullptr;
 }
 
 // The version field of a cache-file name, or nothing when the name has too few fields.
@@ -101,6 +115,7 @@ Entry Inspect(const velacore::File& file) {
         if (h.magic != kCacheFileMagic) {
             e.problem = "no cache-file header (unframed payload)";
             e.valid = true;  // readers accept unframed files
+            e.unframed = true;
             return e;
         }
         if (h.formatVersion != kCacheFileFormatVersion) {
@@ -131,18 +146,59 @@ std::vector<Entry> InspectFolder(const fs::path& folder) {
 
 std::string Age(double seconds) {
     char buf[32];
-    if (seconds < 120) std::snprintf(buf, sizeof buf, "%.0fs", seconds);
-    else if (seconds < 7200) std::snprintf(buf, sizeof buf, "%.0fm", seconds / 60);
-    else if (seconds < 172800) std::snprintf(buf, sizeof buf, "%.0fh", seconds / 3600);
-    else std::snprintf(buf, sizeof buf, "%.0fd", seconds / 86400);
+    if (seconds < 120)
+        std::snprintf(buf, sizeof buf, "%.0fs", seconds);
+    else if (seconds < 7200)
+        std::snprintf(buf, sizeof buf, "%.0fm", seconds / 60);
+    else if (seconds < 172800)
+        std::snprintf(buf, sizeof buf, "%.0fh", seconds / 3600);
+    else
+        std::snprintf(buf, sizeof buf, "%.0fd", seconds / 86400);
     return buf;
 }
 
 nlohmann::json EntryJson(const Entry& e) {
-    return {{"path", e.path.string()},    {"valid", e.valid},          {"problem", e.problem},
-            {"guid", e.guid},             {"matchname", e.matchname},  {"version", e.version},
-            {"header_bytes", e.headerBytes}, {"size", e.size},         {"compute_time", e.computeTime},
-            {"age_seconds", e.ageSeconds}};
+    return {{"path", e.path.string()},       {"valid", e.valid},
+            {"problem", e.problem},          {"guid", e.guid},
+            {"matchname", e.matchname},      {"version", e.version},
+            {"header_bytes", e.headerBytes}, {"size", e.size},
+            {"compute_time", e.computeTime}, {"age_seconds", e.ageSeconds},
+            {"unframed", e.unframed}};
+}
+
+// The per-version folders under root's product folder, with their bytes and files. Returns an
+// error text when a folder that exists cannot be read.
+std::string VersionUsage(const fs::path& root,
+                         std::map<std::string, std::pair<uint64_t, uint64_t>>& perVersion) {
+    const fs::path product = root / fs::path(velacore::ToUtf8(MC_OstrelZKDirs())).relative_path();
+    std::error_code ec;
+    if (!fs::is_directory(product, ec)) return {};
+    fs::directory_iterator versions(product, ec);
+    if (ec) return product.string() + ": cannot read the folder: " + ec.message();
+    for (const auto& version : versions) {
+        if (!version.is_directory(ec) || version.is_symlink(ec)) continue;
+        fs::directory_iterator probe(version.path(), ec);
+        if (ec) return version.path().string() + ": cannot read the folder: " + ec.message();
+        auto& slot = perVersion[version.path().filename().string()];
+        velacore::RecursiveFileIterator it{velacore::Dir(version.path())};
+        velacore::File file;
+        while (it.Next(file)) {
+            try {
+                slot.first += file.Size();
+                ++slot.second;
+            } catch (const std::exception&) {
+                // vanished meanwhile
+            }
+        }
+    }
+    return {};
+}
+
+std::string VersionLabel(const std::string& folderName) {
+    return folderName + " (" +
+           std::to_string(
+               velacore::StandaloneHostServices::AppVersionFromClientVersion(folderName)) +
+           ")";
 }
 
 }  // namespace
@@ -153,42 +209,44 @@ int ListFolder(const fs::path& folder, bool json) {
     if (json) {
         nlohmann::json j = nlohmann::json::array();
         for (const Entry& e : entries) j.push_back(EntryJson(e));
-        std::printf("%s\n", j.dump(2).c_str());
+        std::printf("%s\n", JsonText(j).c_str());
         return 0;
     }
-    std::printf("%-36s  %-12s %8s %6s %10s %9s %6s\n", "GUID", "MATCHNAME", "VERSION", "HEADER",
+    std::printf("%-36s  %-12s %-11s %6s %10s %9s %6s\n", "GUID", "MATCHNAME", "VERSION", "HEADER",
                 "SIZE", "COMPUTE", "AGE");
     uint64_t total = 0;
     for (const Entry& e : entries) {
         total += e.size;
-        if (e.guid.empty()) {
-            std::printf("%-36s  invalid: %s\n", e.name.c_str(), e.problem.c_str());
+        if (!e.valid) {
+            std::printf("%s  invalid: %s\n", e.name.c_str(), e.problem.c_str());
             continue;
         }
-        std::printf("%-36s  %-12s %8X %6zu %10s %8.3fs %6s\n", e.guid.c_str(),
-                    e.matchname.c_str(), e.version, e.headerBytes,
+        std::printf("%-36s  %-12s %-11s %6zu %10s %8.3fs %6s%s\n", e.guid.c_str(),
+                    e.matchname.c_str(), AppVersionText(e.version).c_str(), e.headerBytes,
                     Bytes(static_cast<double>(e.size)).c_str(), e.computeTime,
-                    Age(e.ageSeconds).c_str());
+                    Age(e.ageSeconds).c_str(), e.unframed ? "  (unframed)" : "");
     }
     std::printf("%zu files, %s\n", entries.size(), Bytes(static_cast<double>(total)).c_str());
     return 0;
 }
 
-int VerifyFolder(const fs::path& folder, bool deleteInvalid, bool json) {
+int VerifyFolder(const fs::path& folder, bool deleteInvalid, bool strict, bool json) {
     if (!RequireFolder(folder)) return 2;
     const std::vector<Entry> entries = InspectFolder(folder);
     size_t invalid = 0, deleted = 0;
     nlohmann::json bad = nlohmann::json::array();
     for (const Entry& e : entries) {
-        if (e.valid) continue;
+        if (e.valid && !(strict && e.unframed)) continue;
         ++invalid;
         bad.push_back(EntryJson(e));
         if (!json) std::printf("invalid: %s: %s\n", e.path.c_str(), e.problem.c_str());
         if (deleteInvalid) {
             std::error_code ec;
-            if (fs::remove(e.path, ec)) ++deleted;
-            else std::fprintf(stderr, "mcache: cannot delete %s: %s\n", e.path.c_str(),
-                              ec.message().c_str());
+            if (fs::remove(e.path, ec))
+                ++deleted;
+            else
+                std::fprintf(stderr, "mcache: cannot delete %s: %s\n", e.path.c_str(),
+                             ec.message().c_str());
         }
     }
     if (json) {
@@ -196,7 +254,7 @@ int VerifyFolder(const fs::path& folder, bool deleteInvalid, bool json) {
                                            {"invalid", invalid},
                                            {"deleted", deleted},
                                            {"invalid_files", bad}}
-                                .dump(2)
+                                .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
                                 .c_str());
     } else {
         std::printf("%zu files checked, %zu invalid%s\n", entries.size(), invalid,
@@ -207,49 +265,100 @@ int VerifyFolder(const fs::path& folder, bool deleteInvalid, bool json) {
 
 int DiskUsage(const fs::path& root, bool json) {
     if (!RequireFolder(root)) return 2;
-    const fs::path product = root / fs::path(velacore::ToUtf8(MC_OstrelZKDirs())).relative_path();
     std::map<std::string, std::pair<uint64_t, uint64_t>> perVersion;  // bytes, files
-    std::error_code ec;
-    if (fs::is_directory(product, ec)) {
-        for (const auto& version : fs::directory_iterator(product, ec)) {
-            if (!version.is_directory()) continue;
-            auto& slot = perVersion[version.path().filename().string()];
-            velacore::RecursiveFileIterator it{velacore::Dir(version.path())};
-            velacore::File file;
-            while (it.Next(file)) {
-                try {
-                    slot.first += file.Size();
-                    ++slot.second;
-                } catch (const std::exception&) {
-                    // vanished meanwhile
-                }
-            }
-        }
+    if (const std::string problem = VersionUsage(root, perVersion); !problem.empty()) {
+        std::fprintf(stderr, "mcache: %s\n", problem.c_str());
+        return 2;
     }
     uint64_t total = 0, files = 0;
     nlohmann::json j;
     for (const auto& [version, usage] : perVersion) {
         total += usage.first;
         files += usage.second;
-        j["versions"][version] = {{"bytes", usage.first}, {"files", usage.second}};
+        j["versions"][version] = {{"bytes", usage.first},
+                                  {"files", usage.second},
+                                  {"app_version", VersionLabel(version)}};
         if (!json)
-            std::printf("%-16s %12s  %8llu files\n", version.c_str(),
+            std::printf("%-20s %12s  %8llu files\n", VersionLabel(version).c_str(),
                         Bytes(static_cast<double>(usage.first)).c_str(),
                         static_cast<unsigned long long>(usage.second));
     }
     if (json) {
         j["total"] = {{"bytes", total}, {"files", files}};
-        std::printf("%s\n", j.dump(2).c_str());
+        std::printf("%s\n", JsonText(j).c_str());
     } else {
-        std::printf("%-16s %12s  %8llu files\n", "total", Bytes(static_cast<double>(total)).c_str(),
+        std::printf("%-20s %12s  %8llu files\n", "total", Bytes(static_cast<double>(total)).c_str(),
                     static_cast<unsigned long long>(files));
     }
     return 0;
 }
 
-int PurgeRoot(const fs::path& root, bool otherVersions) {
+namespace {
+
+// Bytes of this version's folder (and of the others when `others`), without touching anything.
+int PurgeDryRun(const fs::path& root, bool others, bool json) {
+    std::map<std::string, std::pair<uint64_t, uint64_t>> perVersion;
+    if (const std::string problem = VersionUsage(root, perVersion); !problem.empty()) {
+        std::fprintf(stderr, "mcache: %s\n", problem.c_str());
+        return 2;
+    }
+    const std::string mine = velacore::StandaloneConfig::FromEnvironment().clientVersion;
+    uint64_t bytes = 0, files = 0, kept = 0;
+    for (const auto& [version, usage] : perVersion) {
+        const bool goes = others || version == mine;
+        (goes ? bytes : kept) += usage.first;
+        if (goes) files += usage.second;
+    }
+    if (json) {
+        std::printf("%s\n", JsonText({{"root", root.string()},
+                                      {"dry_run", true},
+                                      {"purged_bytes", bytes},
+                                      {"purged_files", files},
+                                      {"left_bytes", kept}})
+                                .c_str());
+    } else {
+        std::printf(
+            "would purge %s in %llu files (%s would be left%s)\n",
+            Bytes(static_cast<double>(bytes)).c_str(), static_cast<unsigned long long>(files),
+            Bytes(static_cast<double>(kept)).c_str(), others ? "" : "; other versions kept");
+    }
+    return 0;
+}
+
+// Removes, deepest first, the folders of `chain` that did not exist before and are empty.
+void RemoveCreated(const std::vector<std::pair<fs::path, bool>>& chain) {
+    for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+        std::error_code ec;
+        if (!it->second) fs::remove(it->first, ec);  // fails harmlessly when not empty
+    }
+}
+
+}  // namespace
+
+int PurgeRoot(const fs::path& root, bool otherVersions, bool dryRun, bool json) {
     if (!RequireFolder(root)) return 2;
+    if (dryRun) return PurgeDryRun(root, otherVersions, json);
+    const fs::path product = root / fs::path(velacore::ToUtf8(MC_OstrelZKDirs())).relative_path();
+    std::error_code ec;
+    if (!fs::is_directory(product, ec)) {  // no cache here: create nothing, delete nothing
+        if (json)
+            std::printf("%s\n", JsonText({{"root", root.string()},
+                                          {"dry_run", false},
+                                          {"purged_bytes", 0},
+                                          {"left_bytes", 0}})
+                                    .c_str());
+        else
+            std::printf("nothing to purge: no disk cache under %s\n", root.c_str());
+        return 0;
+    }
     auto host = velacore::StandaloneHostServices::CreateFromEnvironment();
+    const fs::path version =
+        product /
+        fs::path(velacore::ToUtf8(MC_ZKVersDir(velacore::ToUtf16(host->Config().clientVersion))))
+            .relative_path();
+    const fs::path machine = version / fs::path(velacore::ToUtf8(MC_GetMachineDirName()));
+    const std::vector<std::pair<fs::path, bool>> chain = {{version, fs::exists(version, ec)},
+                                                          {machine, fs::exists(machine, ec)}};
     velacore::SetHostServices(host);
     MC_Birth(false, static_cast<unsigned>(host->AppVersion()), false);
     int status = 0;
@@ -259,30 +368,83 @@ int PurgeRoot(const fs::path& root, bool otherVersions) {
         unsigned folders = 0;
         const uint64_t before = bag->FindDiskCacheSizeAcrossVersions(folders);
         unsigned done = 0, total = otherVersions ? std::max(1u, folders) : 1u;
-        const bool terminal = velacore::IsStderrTerminal();
-        auto progress = [terminal](unsigned d, unsigned t) {
+        const bool terminal = velacore::IsStderrTerminal() && !json;
+        std::pair<unsigned, unsigned> shown{~0u, ~0u};
+        auto progress = [terminal, &shown](unsigned d, unsigned t) {
+            if (!terminal || shown == std::make_pair(d, t)) return;
+            shown = {d, t};
             const int width = 30;
-            const int filled = t ? static_cast<int>(width * d / t) : width;
-            std::fprintf(stderr, "%s[%.*s%*s] %u/%u folders%s", terminal ? "\r" : "", filled,
-                         "##############################", width - filled, "", d, t,
-                         terminal ? "" : "\n");
+            const int filled = t ? static_cast<int>(width * std::min(d, t) / t) : width;
+            std::fprintf(stderr, "\r[%.*s%*s] %u/%u folders", filled,
+                         "##############################", width - filled, "", d, t);
         };
         bag->PurgeAllDiskCaches(progress, otherVersions, done, total);
-        progress(done, total);
+        progress(done, total);  // shown only when the purge did not report its end itself
         if (terminal) std::fprintf(stderr, "\n");
         const uint64_t after = bag->FindDiskCacheSizeAcrossVersions(folders);
-        std::printf("purged %s (%s left%s)\n", Bytes(static_cast<double>(before - std::min(before, after))).c_str(),
-                    Bytes(static_cast<double>(after)).c_str(),
-                    otherVersions ? "" : "; other versions kept");
+        const uint64_t purged = before - std::min(before, after);
+        if (json)
+            std::printf("%s\n", JsonText({{"root", root.string()},
+                                          {"dry_run", false},
+                                          {"purged_bytes", purged},
+                                          {"left_bytes", after}})
+                                    .c_str());
+        else
+            std::printf("purged %s (%s left%s)\n", Bytes(static_cast<double>(purged)).c_str(),
+                        Bytes(static_cast<double>(after)).c_str(),
+                        otherVersions ? "" : "; other versions kept");
     } catch (int code) {
-        std::fprintf(stderr, "mcache: cannot use %s as a disk-cache root (error %d)\n",
-                     root.c_str(), code);
+        std::fprintf(stderr, "mcache: cannot use %s as a disk-cache root: %s\n", root.c_str(),
+                     ErrorText(code).c_str());
         status = 2;
     }
     MC_StopAllAsyncWork();
     MC_Death();
     velacore::SetHostServices(nullptr);
+    RemoveCreated(chain);
     return status;
+}
+
+int TrimFolder(const fs::path& folder, uint64_t budget, bool dryRun, bool json) {
+    if (!RequireFolder(folder)) return 2;
+    std::vector<Entry> entries = InspectFolder(folder);
+    // Least recently used first: the oldest modification time (the cache's last-use stamp on
+    // disk) goes first.
+    std::sort(entries.begin(), entries.end(),
+              [](const Entry& a, const Entry& b) { return a.ageSeconds > b.ageSeconds; });
+    uint64_t total = 0;
+    for (const Entry& e : entries) total += e.size;
+    uint64_t left = total, freed = 0, removed = 0, failed = 0;
+    for (const Entry& e : entries) {
+        if (left <= budget) break;
+        std::error_code ec;
+        if (!dryRun && !fs::remove(e.path, ec)) {
+            ++failed;
+            std::fprintf(stderr, "mcache: cannot delete %s: %s\n", e.path.c_str(),
+                         ec ? ec.message().c_str() : "already gone");
+            continue;
+        }
+        left -= e.size;
+        freed += e.size;
+        ++removed;
+    }
+    if (json) {
+        std::printf("%s\n", JsonText({{"folder", folder.string()},
+                                      {"dry_run", dryRun},
+                                      {"budget", budget},
+                                      {"before_bytes", total},
+                                      {"deleted_files", removed},
+                                      {"deleted_bytes", freed},
+                                      {"left_bytes", left}})
+                                .c_str());
+    } else {
+        std::printf(
+            "%s %llu files, %s; %s left of %s (budget %s)\n", dryRun ? "would delete" : "deleted",
+            static_cast<unsigned long long>(removed), Bytes(static_cast<double>(freed)).c_str(),
+            Bytes(static_cast<double>(left)).c_str(), Bytes(static_cast<double>(total)).c_str(),
+            Bytes(static_cast<double>(budget)).c_str());
+    }
+    return failed ? 2 : 0;
 }
 
 }  // namespace mcache

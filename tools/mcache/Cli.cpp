@@ -1,62 +1,120 @@
-// The command line of mcache: sub-commands, options, help and exit codes.
+// The command line of mcache: sub-commands, options, help and exit codes (0 ok, 1 problems
+// found, 2 usage or run-time errors, always one line on stderr).
+#include "Cli.h"
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <limits>
+#include <stdexcept>
 
 #include "Admin.h"
 #include "Demo.h"
 #include "Output.h"
-#include "Cli.h"
+#include "mc/standalone/StandaloneHost.h"
 
 #ifndef MCACHE_VERSION
 #define MCACHE_VERSION "0.0.0"
 #endif
 
+namespace mcache {
+
 namespace {
 
-// Parses "96M", "2G", "1048576" into bytes.
-bool ParseSize(const std::string& text, uint64_t& out) {
-    char* end = nullptr;
-    const double v = std::strtod(text.c_str(), &end);
-    if (end == text.c_str() || v < 0) return false;
-    double scale = 1;
-    const std::string unit(end);
-    if (unit == "K" || unit == "KiB") scale = 1024.0;
-    else if (unit == "M" || unit == "MiB") scale = 1024.0 * 1024;
-    else if (unit == "G" || unit == "GiB") scale = 1024.0 * 1024 * 1024;
-    else if (!unit.empty()) return false;
-    out = static_cast<uint64_t>(v * scale);
+namespace fs = std::filesystem;
+
+constexpr const char* kCommands[] = {"demo", "ls", "verify", "du", "purge", "trim"};
+
+// An error the user can fix: reported as "mcache: <what>" with status 2.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// The byte-amount grammar of the whole project: 1048576, 512K, 64M, 64MB, 2g, 25% (of physical
+// memory when `percentOf` is non-zero).
+uint64_t Amount(const std::string& option, const std::string& text, uint64_t percentOf) {
+    if (!percentOf && !text.empty() && text.back() == '%')
+        throw UsageError(option + ": a percentage makes no sense here: " + text);
+    try {
+        const uint64_t bytes = velacore::ParseByteAmount(text, percentOf);
+        if (bytes == 0) throw UsageError(option + ": must be more than 0: " + text);
+        return bytes;
+    } catch (const std::invalid_argument& e) {
+        throw UsageError(option + ": not a size: " + text + " (" + e.what() + ")");
+    }
+}
+
+// Where the demo keeps its cache by default: the user's own cache directory.
+fs::path DefaultDemoFolder() {
+    if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg && *xdg == '/')
+        return fs::path(xdg) / "mcache-demo";
+    if (const char* home = std::getenv("HOME"); home && *home)
+        return fs::path(home) / ".cache" / "mcache-demo";
+    return fs::current_path() / ".mcache-demo";
+}
+
+// "mcache bogus" names the unknown command instead of CLI11's "A subcommand is required".
+bool UnknownCommand(int argc, char** argv) {
+    if (argc < 2 || argv[1][0] == '-') return false;
+    for (const char* c : kCommands)
+        if (std::string(argv[1]) == c) return false;
+    std::fprintf(stderr,
+                 "mcache: unknown command '%s' (commands: demo, ls, verify, du, purge, "
+                 "trim; see mcache --help)\n",
+                 argv[1]);
     return true;
+}
+
+MC_CachePriority PriorityByName(const std::string& name) {
+    if (name == "low") return MC_CachePriority_Low;
+    if (name == "high") return MC_CachePriority_High;
+    return MC_CachePriority_Normal;
 }
 
 }  // namespace
 
-namespace mcache {
-
 int Main(int argc, char** argv) {
+    if (UnknownCommand(argc, argv)) return 2;
     CLI::App app{"mcache — the MC cache: a demo session and disk-cache administration"};
     app.set_version_flag("--version", std::string("mcache ") + MCACHE_VERSION);
     app.require_subcommand(1);
+    app.footer(
+        "Sizes: 1048576, 512K, 64M, 64MB, 2G (steps of 1024; any case). Exit status: 0 "
+        "success, 1 problems found (verify), 2 errors. JSON output replaces bytes of file "
+        "names that are not UTF-8 with U+FFFD.");
 
-    mcache::DemoOptions demo;
-    demo.folder = std::filesystem::temp_directory_path() / "mcache-demo";
-    std::string memory = std::to_string(demo.memoryBudget >> 20) + "M";
+    DemoOptions demo;
+    std::string memory, disk = "480M", priority = "normal";
     auto* demoCmd = app.add_subcommand(
         "demo", "Simulate an interactive compositing session against the cache and summarise it");
-    demoCmd->add_option("--folder", demo.folder, "Disk-cache root folder")->capture_default_str();
+    demoCmd->add_option("--folder", demo.folder,
+                        "Disk-cache root (default: $XDG_CACHE_HOME or ~/.cache, /mcache-demo)");
     demoCmd->add_option("--frames", demo.frames, "Frames in the timeline")
-        ->check(CLI::Range(1u, 100000u))->capture_default_str();
-    demoCmd->add_option("--width", demo.width, "Frame width")->check(CLI::Range(8u, 8192u))
+        ->check(CLI::Range(1u, 100000u))
         ->capture_default_str();
-    demoCmd->add_option("--height", demo.height, "Frame height")->check(CLI::Range(8u, 8192u))
+    demoCmd->add_option("--width", demo.width, "Frame width")
+        ->check(CLI::Range(8u, 8192u))
+        ->capture_default_str();
+    demoCmd->add_option("--height", demo.height, "Frame height")
+        ->check(CLI::Range(8u, 8192u))
         ->capture_default_str();
     demoCmd->add_option("--cost", demo.cost, "Render work multiplier per frame")
-        ->check(CLI::Range(1u, 1000u))->capture_default_str();
-    demoCmd->add_option("--threads", demo.threads, "Render threads")->check(CLI::Range(1u, 64u))
+        ->check(CLI::Range(1u, 1000u))
         ->capture_default_str();
-    demoCmd->add_option("--memory-budget", memory, "Memory budget (bytes, K, M or G)")
+    demoCmd->add_option("--threads", demo.threads, "Render threads")
+        ->check(CLI::Range(1u, 64u))
         ->capture_default_str();
-    demoCmd->add_option("--disk-budget-mb", demo.diskBudgetMb, "Disk-cache budget in MiB")
+    demoCmd->add_option("--memory-budget", memory,
+                        "Memory budget: a size or a percentage of physical memory (default: "
+                        "MC_MEMORY_BUDGET, else 160M); the option wins over the environment");
+    demoCmd->add_option("--disk-budget", disk, "Disk-cache budget, in whole MiB")
+        ->capture_default_str();
+    demoCmd
+        ->add_option("--cache-priority", priority,
+                     "Frames' cache priority: normal (written when reading back beats "
+                     "rendering), high (written whenever the write queue has room), low")
+        ->check(CLI::IsMember({"low", "normal", "high"}))
         ->capture_default_str();
     demoCmd->add_option("--plugin", demo.plugin, "The statistics plug-in (.so)");
     demoCmd->add_flag("--json", demo.json, "Print the summary as JSON");
@@ -64,42 +122,73 @@ int Main(int argc, char** argv) {
     bool quiet = false;
     demoCmd->add_flag("--quiet", quiet, "No progress display");
 
-    std::filesystem::path folder;
-    bool json = false, deleteInvalid = false, otherVersions = false;
+    fs::path folder;
+    bool json = false, deleteInvalid = false, otherVersions = false, strict = false, dryRun = false;
+    std::string trimTo;
     auto* ls = app.add_subcommand("ls", "List the cache files of a disk-cache folder");
     ls->add_option("FOLDER", folder, "Disk-cache folder")->required();
     ls->add_flag("--json", json, "JSON output");
     auto* verify = app.add_subcommand("verify", "Check names and headers of every cache file");
     verify->add_option("FOLDER", folder, "Disk-cache folder")->required();
     verify->add_flag("--delete-invalid", deleteInvalid, "Delete the invalid files");
+    verify->add_flag("--strict", strict,
+                     "Also count files without a cache-file header (unframed) as invalid");
     verify->add_flag("--json", json, "JSON output");
     auto* du = app.add_subcommand("du", "Disk use of a disk-cache root, per version and in total");
     du->add_option("ROOT", folder, "Disk-cache root")->required();
     du->add_flag("--json", json, "JSON output");
-    auto* purge = app.add_subcommand("purge", "Delete this version's disk cache under ROOT");
+    const std::string thisVersion = CurrentVersionText();
+    auto* purge = app.add_subcommand(
+        "purge",
+        "Delete this version's disk cache under ROOT. This version is the application "
+        "version of the standalone host, " +
+            thisVersion + " (set by MC_CLIENT_VERSION or the configuration file)");
     purge->add_option("ROOT", folder, "Disk-cache root")->required();
     purge->add_flag("--other-versions", otherVersions, "Also delete other versions' caches");
+    purge->add_flag("--dry-run", dryRun, "Only say what would be deleted");
+    purge->add_flag("--json", json, "JSON output");
+    auto* trim = app.add_subcommand(
+        "trim", "Make a disk-cache folder fit a budget: delete least recently used files first");
+    trim->add_option("FOLDER", folder, "Disk-cache folder")->required();
+    trim->add_option("--to", trimTo, "The budget, e.g. 200M")->required();
+    trim->add_flag("--dry-run", dryRun, "Only say what would be deleted");
+    trim->add_flag("--json", json, "JSON output");
 
     try {
         app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
+    } catch (const CLI::CallForHelp& e) {
         return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::fprintf(stderr, "mcache: %s (see mcache --help)\n", e.what());
+        return 2;
     }
     try {
         if (*demoCmd) {
-            if (!ParseSize(memory, demo.memoryBudget)) {
-                std::fprintf(stderr, "mcache: --memory-budget: not a size: %s\n", memory.c_str());
-                return 2;
-            }
+            if (demo.folder.empty()) demo.folder = DefaultDemoFolder();
+            if (!memory.empty())
+                demo.memoryBudget = Amount("--memory-budget", memory, PhysicalMemory());
+            demo.diskBudgetMb = (Amount("--disk-budget", disk, 0) + (1u << 20) - 1) >> 20;
+            demo.cachePriority = PriorityByName(priority);
             demo.progress = !quiet;
-            return mcache::RunDemo(demo);
+            return RunDemo(demo);
         }
-        if (*ls) return mcache::ListFolder(folder, json);
-        if (*verify) return mcache::VerifyFolder(folder, deleteInvalid, json);
-        if (*du) return mcache::DiskUsage(folder, json);
-        if (*purge) return mcache::PurgeRoot(folder, otherVersions);
+        if (*ls) return ListFolder(folder, json);
+        if (*verify) return VerifyFolder(folder, deleteInvalid, strict, json);
+        if (*du) return DiskUsage(folder, json);
+        if (*purge) return PurgeRoot(folder, otherVersions, dryRun, json);
+        if (*trim) return TrimFolder(folder, Amount("--to", trimTo, 0), dryRun, json);
+    } catch (const UsageError& e) {
+        std::fprintf(stderr, "mcache: %s\n", e.what());
+        return 2;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "mcache: %s\n", e.what());
+        return 2;
+    } catch (int code) {
+        std::fprintf(stderr, "mcache: %s\n", ErrorText(code).c_str());
         return 2;
     }
     return 0;

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <fstream>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -63,7 +65,7 @@ void ServeFrame(PassRun& run, uint32_t number) {
     if (r == MC_CheckoutResult_CreatedNewPending) {
         double seconds = 0;
         IntrusivePtr<FramePayload> frame = FramePayload::Render(desc, &seconds);
-        frame->SetCachePriority(MC_CachePriority_Normal);
+        frame->SetCachePriority(o.cachePriority);
         stuff->SetStuffDataFromPendingRender(frame, seconds);
         run.rendered.fetch_add(1);
     } else if (r == MC_CheckoutResult_CheckedOut && stuff) {
@@ -163,6 +165,7 @@ PassStats RunPass(const std::string& name, const DemoOptions& o, DemoPlugin* plu
     sampler.SetPass(nullptr, name);
     PassStats stats;
     stats.name = name;
+    stats.start = run.startT;
     stats.requests = run.order.size();
     stats.fromMemory = run.fromMemory.load();
     stats.fromDisk = run.fromDisk.load();
@@ -171,36 +174,58 @@ PassStats RunPass(const std::string& name, const DemoOptions& o, DemoPlugin* plu
     return stats;
 }
 
-// Waits (at most 30 s) until queued disk writes have been written.
-void DrainWriteQueue() {
-    const auto deadline = Clock::now() + std::chrono::seconds(30);
-    while (MC_GetDiskPerformanceCounters().writeQueueLength != 0 && Clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-}
-
-std::shared_ptr<velacore::StandaloneHostServices> StartHost(const DemoOptions& o) {
+// The host services; an explicit --memory-budget wins over MC_MEMORY_BUDGET, which wins over
+// the default. `o.memoryBudget` is set to the budget in force.
+std::shared_ptr<velacore::StandaloneHostServices> StartHost(DemoOptions& o) {
     velacore::StandaloneConfig config = velacore::StandaloneConfig::FromEnvironment();
-    if (!config.memoryBudget) config.memoryBudget = o.memoryBudget;
+    if (o.memoryBudget)
+        config.memoryBudget = o.memoryBudget;
+    else if (!config.memoryBudget)
+        config.memoryBudget = kDefaultMemoryBudget;
+    o.memoryBudget = *config.memoryBudget;
     auto host = std::make_shared<velacore::StandaloneHostServices>(config);
     velacore::SetHostServices(host);
     return host;
 }
 
+// Everything that can be wrong before the session starts, as one line; empty when all is well.
+std::string CheckBeforeStart(const DemoOptions& o, std::unique_ptr<std::ofstream>& report) {
+    std::error_code ec;
+    std::filesystem::create_directories(o.folder, ec);
+    if (ec) return "cannot create " + o.folder.string() + ": " + ec.message();
+    if (!std::filesystem::is_directory(o.folder, ec)) return o.folder.string() + ": not a folder";
+    if (!o.reportSvg.empty()) {
+        report = std::make_unique<std::ofstream>(o.reportSvg);
+        if (!*report) return "--report: cannot write " + o.reportSvg;
+    }
+    return {};
+}
+
 }  // namespace
 
-int RunDemo(const DemoOptions& o) {
-    std::shared_ptr<velacore::StandaloneHostServices> host = StartHost(o);
-    const std::filesystem::path root = o.folder;
-    std::error_code ec;
-    std::filesystem::create_directories(root, ec);
-    if (ec) {
-        std::fprintf(stderr, "mcache demo: cannot create %s: %s\n", root.c_str(),
-                     ec.message().c_str());
+int RunDemo(DemoOptions o) {
+    std::unique_ptr<std::ofstream> report;
+    if (const std::string problem = CheckBeforeStart(o, report); !problem.empty()) {
+        std::fprintf(stderr, "mcache demo: %s\n", problem.c_str());
         return 2;
     }
+    std::shared_ptr<velacore::StandaloneHostServices> host;
+    try {
+        host = StartHost(o);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "mcache demo: %s\n", e.what());
+        return 2;
+    }
+    const std::filesystem::path root = o.folder;
     MC_Birth(true, static_cast<unsigned>(host->AppVersion()), false);
     MC_SP_Birth();
     std::unique_ptr<DemoPlugin> plugin = DemoPlugin::Load(o.plugin);
+    if (!plugin && !o.plugin.empty()) {  // asked for by name: not having it is an error
+        MC_StopAllAsyncWork();
+        MC_Death();
+        velacore::SetHostServices(nullptr);
+        return 2;
+    }
     FramePayload::RegisterFactory();
     std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
     DemoResult result;
@@ -223,22 +248,27 @@ int RunDemo(const DemoOptions& o) {
                 result.passes.push_back(RunPass(name, o, plugin.get(), sampler, seed++, t0));
                 progress.PassDone(result.passes.back());
             }
-            DrainWriteQueue();
+            if (!MC_Bag::WaitForDiskWrites(60))
+                std::fprintf(stderr, "mcache demo: disk writes still queued after 60 s\n");
             result.samples = sampler.Samples();
         }
         result.seconds = std::chrono::duration<double>(Clock::now() - t0).count();
         if (plugin) {
             result.statsComputed = plugin->Computed();
             result.statsRequests = plugin->Requests();
+            result.pluginPath = plugin->Path().string();
         }
         PrintSummary(o, result, *bag, host->AppVersion());
-        if (!o.reportSvg.empty()) WriteSvgReport(o, result, o.reportSvg);
+        if (report && !WriteSvgReport(o, result, host->AppVersion(), *report)) {
+            std::fprintf(stderr, "mcache demo: --report: cannot write %s\n", o.reportSvg.c_str());
+            status = 2;
+        }
     } catch (int code) {
-        std::fprintf(stderr, "mcache demo: the cache reported error %d\n", code);
-        status = 1;
+        std::fprintf(stderr, "mcache demo: %s\n", ErrorText(code).c_str());
+        status = 2;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "mcache demo: %s\n", e.what());
-        status = 1;
+        status = 2;
     }
     bag.reset();
     if (plugin) plugin->Shutdown();

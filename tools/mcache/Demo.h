@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "mc/MC_StuffData.h"
+
 namespace mcache {
 
 struct DemoOptions {
@@ -17,11 +19,12 @@ struct DemoOptions {
     uint32_t width = 640;
     uint32_t height = 360;
     unsigned threads = 2;
-    uint32_t cost = 12;                    // render work multiplier
-    uint64_t memoryBudget = 160ull << 20;  // bytes
+    uint32_t cost = 12;         // render work multiplier
+    uint64_t memoryBudget = 0;  // bytes; 0: MC_MEMORY_BUDGET, else kDefaultMemoryBudget
     uint64_t diskBudgetMb = 480;
-    std::filesystem::path folder;         // the disk-cache root; default: temp/mcache-demo
-    std::filesystem::path plugin;         // the statistics plug-in; empty: look beside the tool
+    MC_CachePriority cachePriority = MC_CachePriority_Normal;  // of every rendered frame
+    std::filesystem::path folder;                              // the disk-cache root
+    std::filesystem::path plugin;  // the statistics plug-in; empty: look beside the tool
     bool json = false;
     std::string reportSvg;
     bool progress = true;
@@ -30,6 +33,7 @@ struct DemoOptions {
 // Hits of one pass, by where the frame came from.
 struct PassStats {
     std::string name;
+    double start = 0;  // seconds since the session started
     uint64_t requests = 0;
     uint64_t fromMemory = 0;
     uint64_t fromDisk = 0;
@@ -51,10 +55,13 @@ struct DemoResult {
     uint64_t adoptedAtStart = 0;
     uint64_t statsComputed = 0;
     uint64_t statsRequests = 0;
+    std::string pluginPath;  // the statistics plug-in in use, empty without one
     double seconds = 0;
 };
 
+constexpr uint64_t kDefaultMemoryBudget = 160ull << 20;
+
 // Runs the demo and prints its summary. Returns the process exit status.
-int RunDemo(const DemoOptions& options);
+int RunDemo(DemoOptions options);
 
 }  // namespace mcache

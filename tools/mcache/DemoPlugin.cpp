@@ -25,8 +25,21 @@ struct DemoPlugin::Api {
 #define MCACHE_PLUGIN_DIR "."
 #endif
 
+#ifndef MCACHE_PLUGIN_RELDIR
+#define MCACHE_PLUGIN_RELDIR "../lib/mc"
+#endif
+
+// Installed: <prefix>/lib/mc beside <prefix>/bin/mcache, found from the executable's own path,
+// so a moved installation still finds it. Otherwise the build tree's plug-in.
 std::filesystem::path DefaultPluginPath() {
-    return std::filesystem::path(MCACHE_PLUGIN_DIR) / "mc_example_histogram_plugin.so";
+    constexpr const char* kName = "mc_example_histogram_plugin.so";
+    std::error_code ec;
+    const std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (!ec) {
+        const auto installed = exe.parent_path() / MCACHE_PLUGIN_RELDIR / kName;
+        if (std::filesystem::is_regular_file(installed, ec)) return installed;
+    }
+    return std::filesystem::path(MCACHE_PLUGIN_DIR) / kName;
 }
 
 DemoPlugin::DemoPlugin(std::unique_ptr<velacore::SharedLibrary> library, std::unique_ptr<Api> api)
@@ -50,10 +63,15 @@ std::unique_ptr<DemoPlugin> DemoPlugin::Load(const std::filesystem::path& reques
             return nullptr;
         }
         if (int err = api->main(&AcquireSuiteForPlugin)) {
-            std::fprintf(stderr, "mcache: the statistics plug-in failed to start (%d)\n", err);
+            std::fprintf(stderr,
+                         "mcache: the statistics plug-in failed to start: its PluginMain "
+                         "returned error %d\n",
+                         err);
             return nullptr;
         }
-        return std::unique_ptr<DemoPlugin>(new DemoPlugin(std::move(library), std::move(api)));
+        std::unique_ptr<DemoPlugin> plugin(new DemoPlugin(std::move(library), std::move(api)));
+        plugin->path_ = path;
+        return plugin;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "mcache: statistics plug-in not loaded: %s\n", e.what());
         return nullptr;
@@ -73,6 +91,8 @@ uint64_t DemoPlugin::Computed() const {
     return static_cast<uint64_t>(counters.computes);
 }
 
-void DemoPlugin::Shutdown() { api_->shutdown(); }
+void DemoPlugin::Shutdown() {
+    api_->shutdown();
+}
 
 }  // namespace mcache

@@ -17,7 +17,7 @@ class DemoPlugin {
 public:
     // Loads the plug-in (`path`, or the one installed beside the tool when empty) and calls its
     // entry point. Returns null, with a note on stderr, when it cannot be loaded: the demo then
-    // runs without statistics.
+    // runs without statistics (or, when `path` was given, stops with an error).
     static std::unique_ptr<DemoPlugin> Load(const std::filesystem::path& path);
 
     // The histogram of the frame's thumbnail, through the compute cache.
@@ -25,6 +25,7 @@ public:
     uint64_t Computed() const;
     uint64_t Requests() const { return requests_.load(); }
     void Shutdown();
+    const std::filesystem::path& Path() const { return path_; }
 
 private:
     struct Api;
@@ -33,6 +34,7 @@ private:
     std::unique_ptr<velacore::SharedLibrary> library_;
     std::unique_ptr<Api> api_;
     std::atomic<uint64_t> requests_{0};
+    std::filesystem::path path_;
 
 public:
     ~DemoPlugin();
