@@ -212,7 +212,7 @@ int DiskUsage(const fs::path& root, bool json) {
     std::error_code ec;
     if (fs::is_directory(product, ec)) {
         for (const auto& version : fs::directory_iterator(product, ec)) {
-            if (!version.is_directory()) continue;
+            if (version.is_symlink() || !version.is_directory()) continue;  // not through links
             auto& slot = perVersion[version.path().filename().string()];
             velacore::RecursiveFileIterator it{velacore::Dir(version.path())};
             velacore::File file;
