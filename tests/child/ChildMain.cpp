@@ -1,9 +1,12 @@
-// mc_test_child: the processes that the crash test starts.
+// mc_test_child: the processes that the crash and exit tests start.
 //   crash-writer ROOT SEED  writes items from several threads into a small disk budget until it
 //                           is killed (it never exits by itself)
 //   crash-check ROOT        a fresh module scans ROOT's folder: ages every other temporary past
 //                           the abandonment rule first, then checks that aged temporaries are
 //                           gone, the budget equals the folder and every item reads back
+//   exit-without-death      starts the module with a fast memory monitor and returns from main
+//                           without stopping it; exits 3 if the monitor still ran once the
+//                           module's state was destroyed
 // Exit status 0 means success; failures are explained on stderr.
 #include <signal.h>
 
@@ -151,6 +154,29 @@ int CrashCheck(const fs::path& root) {
     return failures == 0 ? 0 : 1;
 }
 
+// Exit-time check: runs after the module's static state is gone. The host stays alive (held
+// from a global, so leak checkers see it reachable) to be asked how often the monitor sampled.
+velacore::StandaloneHostServices* g_exitHost = nullptr;
+std::shared_ptr<velacore::StandaloneHostServices>* g_keptHost = nullptr;
+
+void CheckMonitorStoppedAtExit() {
+    const uint64_t before = g_exitHost->GetCounters().memorySamples;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    if (g_exitHost->GetCounters().memorySamples != before) {
+        std::fprintf(stderr, "exit-without-death: the memory monitor outlived the module\n");
+        std::_Exit(3);
+    }
+}
+
+int ExitWithoutDeath() {
+    std::atexit(CheckMonitorStoppedAtExit);  // first registered: runs after every other one
+    auto host = StartModule(std::chrono::milliseconds(1));
+    g_exitHost = host.get();
+    g_keptHost = new std::shared_ptr<velacore::StandaloneHostServices>(host);
+    while (host->GetCounters().memorySamples < 3) std::this_thread::yield();
+    return 0;  // no MC_StopAllAsyncWork, no MC_Death
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -158,6 +184,10 @@ int main(int argc, char** argv) {
     if (mode == "crash-writer" && argc == 4)
         return CrashWriter(argv[2], static_cast<uint32_t>(std::stoul(argv[3])));
     if (mode == "crash-check" && argc == 3) return CrashCheck(argv[2]);
-    std::fprintf(stderr, "usage: %s crash-writer ROOT SEED | crash-check ROOT\n", argv[0]);
+    if (mode == "exit-without-death") return ExitWithoutDeath();
+    std::fprintf(stderr,
+                 "usage: %s crash-writer ROOT SEED | crash-check ROOT | "
+                 "exit-without-death\n",
+                 argv[0]);
     return 2;
 }

@@ -1,6 +1,7 @@
 // Processes that die: a writer killed at random moments leaves a folder that a fresh process
 // adopts whole (every item reads back byte-exact, abandoned temporaries go, the budget equals
-// the folder). The work runs in mc_test_child.
+// the folder); and a host that exits without stopping the module does not leave the memory
+// monitor running against the module's destroyed state. The work runs in mc_test_child.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -54,6 +55,11 @@ TEST(CrashRecovery, WhatKilledWritersLeaveIsAdoptedWhole) {
         ASSERT_TRUE(WIFSIGNALED(status)) << "the writer ended by itself in round " << round;
         ASSERT_EQ(ExitCode(Spawn({"crash-check", root.Path().string()})), 0) << "round " << round;
     }
+}
+
+TEST(ProcessExit, MemoryMonitorStopsBeforeTheModuleStateIsDestroyed) {
+    for (int run = 0; run < 5; ++run)
+        ASSERT_EQ(ExitCode(Spawn({"exit-without-death"})), 0) << "run " << run;
 }
 
 }  // namespace
