@@ -1,10 +1,16 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite, then again under ThreadSanitizer and under
-# AddressSanitizer+UndefinedBehaviorSanitizer. Installs the Debian packages it needs first.
+# AddressSanitizer+UndefinedBehaviorSanitizer; a full run starts with the fuzz targets, each for a
+# bounded time. Installs the Debian packages it needs first. Arguments: the presets to run
+# (default: all three, after the fuzz run).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 presets=("${@:-default tsan asan}")
+if [ $# -eq 0 ]; then
+  echo "=== fuzz: 30 s per target ==="
+  scripts/fuzz.sh 30
+fi
 for preset in ${presets[*]}; do
   echo "=== ${preset}: configure and build ==="
   cmake --preset "$preset" >/dev/null

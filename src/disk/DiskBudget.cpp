@@ -4,6 +4,7 @@
 
 #include "disk/DiskLayout.h"
 #include "disk/DiskSettings.h"
+#include "disk/DiskTempSweep.h"
 #include "host/HostOps.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
@@ -44,6 +45,9 @@ bool MC_Bag::IsDiskCacheLimitedDueToDriveSpace() const {
 bool MC_Bag::EnsureDiskSpace(int64_t amount, uint64_t lastUseLimit) {
     if (GetCurrentFreeDiskSpace() >= amount) return true;
     debug::ProfileScope profile("ZK.MC_Bag::EnsureDiskSpace", 7);
+    // Temporaries counted by a scan may have been committed or abandoned since.
+    MCp_RecheckCountedTempFiles(*this);
+    if (GetCurrentFreeDiskSpace() >= amount) return true;
     std::vector<StuffPtr> items;
     {
         debug::ProfileScope copyProfile("- bag copy", 7);

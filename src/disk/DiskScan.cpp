@@ -1,7 +1,8 @@
 // Bringing cache files found in the folder into the bag: one file (ScanOneDiskCacheFile) and a
 // pass over the folder (ScanDiskCacheDir). Bad files never crash the scan and are never adopted:
 // a name of another version or not of our format is deleted, an unknown data class is left
-// alone, a file that vanished is skipped.
+// alone, a file that vanished is skipped. The walk follows no link and reads past folders it
+// cannot read; writers' temporaries it meets go to the sweep (DiskTempSweep.h).
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "disk/CacheFileFormat.h"
+#include "disk/DiskTempSweep.h"
 #include "host/HostOps.h"
 #include "lifecycle/Module.h"
 #include "mc/MC_Bag.h"
@@ -102,16 +104,22 @@ void Adopt(MC_Bag& bag, const File& file, uint64_t size, const velacore::Guid& g
     if (found->SetDiskCacheFile(file, true)) found->SyncDiskSizeWithBag(ClampToU32(size));
 }
 
-// The cache files under `dir` created at or after `mark` (0: all of them). Sets `stopped` when
-// the module's stop request cut the walk short.
-std::vector<File> CollectCacheFiles(const velacore::Dir& dir, uint64_t mark, bool& stopped) {
+// The cache files under `dir` created at or after `mark` (0: all of them), and every writer's
+// temporary into `temps`. Sets `stopped` when the module's stop request cut the walk short.
+std::vector<File> CollectCacheFiles(const velacore::Dir& dir, uint64_t mark, bool& stopped,
+                                    std::vector<File>& temps) {
     std::vector<File> files;
-    velacore::RecursiveFileIterator walk(dir, IsCacheFile);
+    velacore::RecursiveFileIterator walk(
+        dir, [](const File& f) { return IsCacheFile(f) || MCp_IsCacheTempFile(f); });
     File file;
     while (walk.Next(file)) {
         if (MCp_StopRequested()) {
             stopped = true;
             break;
+        }
+        if (MCp_IsCacheTempFile(file)) {
+            temps.push_back(file);
+            continue;
         }
         if (mark != 0) {
             try {
@@ -167,13 +175,14 @@ void MC_Bag::ScanDiskCacheDir() {
     }
     const uint64_t passStart = NowNanos();
     bool stopped = false;
-    std::vector<File> files;
+    std::vector<File> files, temps;
     try {
-        files = CollectCacheFiles(dir, mark, stopped);
+        files = CollectCacheFiles(dir, mark, stopped, temps);
     } catch (...) {
         if (g_scanTrace.Enabled()) g_scanTrace.Write("ScanDiskCacheDir: walk failed\n");
         return;
     }
+    MCp_SweepTempFiles(*this, temps);
     for (const File& file : files) {
         if (MCp_StopRequested()) {
             stopped = true;

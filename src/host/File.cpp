@@ -1,6 +1,7 @@
 // File, Dir and the free file helpers, all through GetFileSystem().
 #include "mc/host/File.h"
 
+#include "host/HostOps.h"
 #include "mc/host/Errors.h"
 #include "mc/host/FileSystem.h"
 #include "mc/host/TextConvert.h"
@@ -123,7 +124,7 @@ File Dir::GetFile(std::u16string_view name) const {
 std::vector<File> Dir::ListFiles() const {
     std::vector<File> files;
     for (const DirectoryEntry& entry : GetFileSystem().ListDirectory(path_)) {
-        if (!entry.isDirectory) files.emplace_back(path_ / Utf8ToPath(entry.name));
+        if (entry.isRegularFile) files.emplace_back(path_ / Utf8ToPath(entry.name));
     }
     return files;
 }
@@ -138,6 +139,15 @@ std::vector<Dir> Dir::ListSubdirs() const {
 
 // --- RecursiveFileIterator ------------------------------------------------------------------
 
+namespace {
+
+// One log line for an entry the walk leaves out (a link, a FIFO, a folder it cannot read).
+void SkipEntry(const std::filesystem::path& path, std::string_view reason) {
+    ALOG_Log(10, "MC", "Walk", "skipping " + PathToUtf8(path) + ": " + std::string(reason));
+}
+
+}  // namespace
+
 RecursiveFileIterator::RecursiveFileIterator(const Dir& root, Filter filter)
     : filter_(std::move(filter)) {
     pendingFolders_.push_back({root.GetFullPath(), 0});
@@ -148,7 +158,12 @@ bool RecursiveFileIterator::Next(File& out) {
         while (!currentFiles_.empty()) {
             File file(currentFolder_ / Utf8ToPath(currentFiles_.back()));
             currentFiles_.pop_back();
-            if (!file.Exists()) continue;  // deleted since the folder was read
+            try {
+                if (!file.Exists()) continue;  // deleted since the folder was read
+            } catch (const HostError& e) {
+                SkipEntry(file.GetFullPath(), e.what());
+                continue;
+            }
             if (filter_ && !filter_(file)) continue;
             out = std::move(file);
             return true;
@@ -166,11 +181,17 @@ bool RecursiveFileIterator::LoadNextFolder() {
             entries = GetFileSystem().ListDirectory(folder.path);
         } catch (const FileNotFoundError&) {
             continue;  // deleted since its parent was read
+        } catch (const HostError& e) {
+            if (folder.depth == 0) throw;
+            SkipEntry(folder.path, e.what());
+            continue;
         }
         currentFiles_.clear();
         for (DirectoryEntry& entry : entries) {
-            if (!entry.isDirectory) {
+            if (entry.isRegularFile) {
                 currentFiles_.push_back(std::move(entry.name));
+            } else if (!entry.isDirectory) {
+                SkipEntry(folder.path / Utf8ToPath(entry.name), "not a regular file or folder");
             } else if (folder.depth < kMaxDepth) {
                 pendingFolders_.push_back({folder.path / Utf8ToPath(entry.name), folder.depth + 1});
             }

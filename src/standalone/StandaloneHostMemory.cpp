@@ -2,17 +2,48 @@
 #include "standalone/StandaloneHostMemory.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <utility>
+#include <vector>
 
 namespace velacore {
+namespace {
+
+// The monitors alive in the process. Never destroyed, so that it outlives every exit handler.
+struct LiveMonitors {
+    std::mutex mutex;
+    std::vector<StandaloneMemoryMonitor*> monitors;
+};
+
+LiveMonitors& Live() {
+    static LiveMonitors* live = new LiveMonitors;
+    return *live;
+}
+
+// Exit handler: stops the thread of every live monitor. Registered at each thread start, so it
+// runs before the destructors of the statics that existed then (the client's among them).
+void StopMonitorsAtExit() {
+    LiveMonitors& live = Live();
+    std::lock_guard lock(live.mutex);
+    for (StandaloneMemoryMonitor* monitor : live.monitors) monitor->SetClient(nullptr, nullptr);
+}
+
+}  // namespace
 
 StandaloneMemoryMonitor::StandaloneMemoryMonitor(uint64_t budget, uint64_t lowWater,
                                                  std::chrono::milliseconds interval)
     : budget_(budget),
       lowWater_(std::min(lowWater, budget)),
-      interval_(std::max(interval, std::chrono::milliseconds(1))) {}
+      interval_(std::max(interval, std::chrono::milliseconds(1))) {
+    std::lock_guard lock(Live().mutex);
+    Live().monitors.push_back(this);
+}
 
 StandaloneMemoryMonitor::~StandaloneMemoryMonitor() {
+    {
+        std::lock_guard lock(Live().mutex);
+        std::erase(Live().monitors, this);
+    }
     std::thread finished;
     {
         std::lock_guard lock(mutex_);
@@ -45,6 +76,7 @@ void StandaloneMemoryMonitor::SetClient(Usage usage, Purge purge) {
         finished = std::move(thread_);
         if (start) thread_ = std::thread([this, g = generation_] { Run(g); });
     }
+    if (start) std::atexit(StopMonitorsAtExit);
     wake_.notify_all();
     if (finished.joinable()) finished.join();
 }

@@ -1,6 +1,9 @@
 // StandaloneMemoryMonitor: the standalone host's memory pressure loop. A client gives it a usage
 // source and a purge hook; a thread samples usage every interval and, above the budget, records
 // how much to purge (down to the low-water mark) and calls the purge hook with no lock held.
+// Process exit stops every monitor's thread before the static objects that were made before the
+// thread started are destroyed, so a host that exits without stopping its client never has the
+// thread sample a destroyed client.
 // Thread-safety: every member may be called from any thread, including from the purge hook.
 #pragma once
 

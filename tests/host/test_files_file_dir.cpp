@@ -254,12 +254,17 @@ TEST_F(RecursiveWalk, MissingOrEmptyRootYieldsNothing) {
     EXPECT_FALSE(empty.Next(file));
 }
 
-TEST_F(RecursiveWalk, OtherListingErrorsSurface) {
+TEST_F(RecursiveWalk, AnUnreadableRootThrowsAnUnreadableFolderIsSkipped) {
     auto fault = std::make_shared<FaultInjectingFileSystem>();
     ScopedFileSystem scoped(fault);
+    fault->FailNth(FsOp::kListDirectory, 1, Fault::kIoError);
+    RecursiveFileIterator unreadable(root_);
+    EXPECT_THROW(Walk(unreadable), velacore::IOError);
     fault->FailNth(FsOp::kListDirectory, 2, Fault::kIoError);
     RecursiveFileIterator it(root_);
-    EXPECT_THROW(Walk(it), velacore::IOError);
+    const std::multiset<std::string> found = Walk(it);
+    EXPECT_EQ(fault->FaultCount(FsOp::kListDirectory), 2u);
+    EXPECT_TRUE(std::includes(all_.begin(), all_.end(), found.begin(), found.end()));
 }
 
 }  // namespace

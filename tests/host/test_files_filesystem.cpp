@@ -36,10 +36,12 @@ int ErrnoOf(const std::function<void()>& action) {
     return 0;
 }
 
-std::map<std::string, bool> ListingOf(const std::filesystem::path& path) {
-    std::map<std::string, bool> result;
+// Name -> 'd' (folder), 'f' (regular file) or '-' (anything else, links included).
+std::map<std::string, char> ListingOf(const std::filesystem::path& path) {
+    std::map<std::string, char> result;
     for (const auto& entry : Fs().ListDirectory(path)) {
-        EXPECT_TRUE(result.emplace(entry.name, entry.isDirectory).second) << entry.name;
+        const char kind = entry.isDirectory ? 'd' : entry.isRegularFile ? 'f' : '-';
+        EXPECT_TRUE(result.emplace(entry.name, kind).second) << entry.name;
     }
     return result;
 }
@@ -162,10 +164,10 @@ TEST(FileSystemFolders, ListDirectoryReportsUtf8NamesAndKinds) {
     Fs().CreateFile(dir / ".hidden", true);
     std::filesystem::create_directory_symlink(dir / "\xE6\x97\xA5\xE6\x9C\xAC", dir / "link");
 
-    const std::map<std::string, bool> expected = {{"caf\xC3\xA9.zkcache", false},
-                                                  {"\xE6\x97\xA5\xE6\x9C\xAC", true},
-                                                  {".hidden", false},
-                                                  {"link", true}};
+    const std::map<std::string, char> expected = {{"caf\xC3\xA9.zkcache", 'f'},
+                                                  {"\xE6\x97\xA5\xE6\x9C\xAC", 'd'},
+                                                  {".hidden", 'f'},
+                                                  {"link", '-'}};
     EXPECT_EQ(ListingOf(dir.Path()), expected);
     EXPECT_TRUE(Fs().ListDirectory(dir / "link").empty());
 }

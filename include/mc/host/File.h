@@ -84,7 +84,8 @@ class MCHOST_API Dir {
     // The folder / file `name` (UTF-16, a single component) inside this one.
     Dir GetSubdir(std::u16string_view name) const;
     File GetFile(std::u16string_view name) const;
-    // The files / folders directly inside, in no particular order. Throw.
+    // The regular files / real folders directly inside, in no particular order; symbolic links
+    // and other entries are left out. Throw.
     std::vector<File> ListFiles() const;
     std::vector<Dir> ListSubdirs() const;
 
@@ -94,10 +95,12 @@ class MCHOST_API Dir {
     std::filesystem::path path_;
 };
 
-// Depth-first walk over every file under a folder, optionally filtered. Folders are read when
-// the walk reaches them; a folder or file that vanished by then is skipped silently, and a
-// missing root yields nothing. Other failures throw. Folders more than kMaxDepth levels below
-// the root are not entered (a guard against cycles of symbolic links).
+// Depth-first walk over every regular file under a folder, optionally filtered. Symbolic links
+// are never followed (neither into folders nor to files), and FIFOs, sockets and devices are
+// not yielded. Folders are read when the walk reaches them; a folder or file that vanished by
+// then is skipped silently, and a missing root yields nothing. A folder below the root that
+// cannot be read is skipped with one line in the host log and the walk goes on; only a root
+// that cannot be read throws. Folders more than kMaxDepth levels below the root are not entered.
 class MCHOST_API RecursiveFileIterator {
   public:
     using Filter = std::function<bool(const File&)>;

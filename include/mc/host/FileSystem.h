@@ -60,26 +60,33 @@ class MCHOST_API ReadableFile {
     virtual uint64_t Size() = 0;
 };
 
-// One entry of a folder listing.
+// One entry of a folder listing. Symbolic links are never followed: a link (to a folder or
+// not) is neither a folder nor a regular file here, and neither are FIFOs, sockets or devices.
 struct DirectoryEntry {
     std::string name;  // UTF-8, without the folder
     bool isDirectory = false;
+    bool isRegularFile = false;
 };
 
 class MCHOST_API FileSystem {
   public:
     virtual ~FileSystem();
 
-    // Opens an EXISTING file for sequential write-through writing from offset 0; the previous
-    // content is discarded. Uses direct I/O where the file system allows it, else buffered
-    // writes made durable at Close. Returns the open file, owned by the caller.
+    // Opens an EXISTING regular file for sequential write-through writing from offset 0; the
+    // previous content is discarded. A symbolic link or a non-regular file throws IOError. Uses
+    // direct I/O where the file system allows it, else buffered writes made durable at Close.
+    // Returns the open file, owned by the caller.
     virtual std::unique_ptr<WritableFile> OpenForDirectWrite(const std::filesystem::path& path) = 0;
 
-    // Opens an existing file for reading from offset 0. Returns the open file, owned by the caller.
+    // Opens an existing regular file for reading from offset 0, without blocking and without
+    // following a symbolic link in the last component: a link, FIFO, device or folder throws
+    // IOError. Returns the open file, owned by the caller.
     virtual std::unique_ptr<ReadableFile> OpenForRead(const std::filesystem::path& path) = 0;
 
-    // Creates an empty file. When it already exists: throws IOError (EEXIST) if failIfExists,
-    // else truncates it to empty. A missing parent folder throws FileNotFoundError.
+    // Creates an empty file, readable by everyone and writable by its owner only (at most 0644,
+    // less the umask). When it already exists: throws IOError (EEXIST) if failIfExists, else
+    // truncates it to empty; a symbolic link in its place throws IOError. A missing parent
+    // folder throws FileNotFoundError.
     virtual void CreateFile(const std::filesystem::path& path, bool failIfExists) = 0;
 
     // Deletes a file (not a folder).
@@ -88,14 +95,15 @@ class MCHOST_API FileSystem {
     // Renames `from` to `to` atomically, replacing an existing file at `to`.
     virtual void Rename(const std::filesystem::path& from, const std::filesystem::path& to) = 0;
 
-    // The file's length in bytes.
+    // The length in bytes of a regular file; a symbolic link (not followed) or any other kind
+    // of entry throws IOError.
     virtual uint64_t FileSize(const std::filesystem::path& path) = 0;
 
     // Birth time where the file system records it, else the modification time; nanoseconds
-    // since the Unix epoch.
+    // since the Unix epoch. Of the entry itself: a symbolic link is not followed.
     virtual int64_t CreationTime(const std::filesystem::path& path) = 0;
 
-    // Last modification time, nanoseconds since the Unix epoch.
+    // Last modification time, nanoseconds since the Unix epoch (a link is not followed).
     virtual int64_t ModificationTime(const std::filesystem::path& path) = 0;
 
     // Whether anything exists at the path (false when missing; other failures throw IOError).
@@ -104,7 +112,8 @@ class MCHOST_API FileSystem {
     // Whether the path is a folder (false when missing or not a folder).
     virtual bool IsDirectory(const std::filesystem::path& path) = 0;
 
-    // Creates one folder level. Succeeds if the folder already exists; a file in its place
+    // Creates one folder level, writable by its owner only (at most 0755, less the umask).
+    // Succeeds if the folder already exists; a file in its place
     // throws IOError (EEXIST); a missing parent throws FileNotFoundError.
     virtual void CreateDirectory(const std::filesystem::path& path) = 0;
 
@@ -115,7 +124,8 @@ class MCHOST_API FileSystem {
     // Entries that vanish meanwhile are ignored.
     virtual void RemoveDirectoryRecursive(const std::filesystem::path& path) = 0;
 
-    // The entries of a folder (without "." and ".."), in no particular order.
+    // The entries of a folder (without "." and ".."), in no particular order. Links inside are
+    // listed, not followed (see DirectoryEntry); the folder itself may be reached through one.
     virtual std::vector<DirectoryEntry> ListDirectory(const std::filesystem::path& path) = 0;
 
     // The efficient I/O size of the file system holding the path (at least 512).

@@ -36,9 +36,9 @@ class DirStream {
     DIR* dir_;
 };
 
-// Reads every entry of an open folder. `follow` decides whether a link to a folder counts as a
-// folder (listing) or as a plain entry (removal).
-std::vector<DirectoryEntry> ReadEntries(DIR* dir, bool follow, const std::filesystem::path& path) {
+// Reads every entry of an open folder. Links are never followed: only what is itself a folder
+// or a regular file counts as one.
+std::vector<DirectoryEntry> ReadEntries(DIR* dir, const std::filesystem::path& path) {
     std::vector<DirectoryEntry> entries;
     for (;;) {
         errno = 0;
@@ -49,13 +49,14 @@ std::vector<DirectoryEntry> ReadEntries(DIR* dir, bool follow, const std::filesy
         }
         if (IsDotOrDotDot(entry->d_name)) continue;
         bool isDirectory = entry->d_type == DT_DIR;
-        const bool needStat = entry->d_type == DT_UNKNOWN || (follow && entry->d_type == DT_LNK);
+        bool isRegular = entry->d_type == DT_REG;
         struct stat st {};
-        if (needStat &&
-            ::fstatat(::dirfd(dir), entry->d_name, &st, follow ? 0 : AT_SYMLINK_NOFOLLOW) == 0) {
+        if (entry->d_type == DT_UNKNOWN &&
+            ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
             isDirectory = S_ISDIR(st.st_mode);
+            isRegular = S_ISREG(st.st_mode);
         }
-        entries.push_back({entry->d_name, isDirectory});
+        entries.push_back({entry->d_name, isDirectory, isRegular});
     }
 }
 
@@ -74,7 +75,7 @@ void RemoveTree(int parentFd, const char* name, const std::filesystem::path& pat
         ThrowFsError(err, "open folder", path);
     }
     DirStream dir(raw);
-    for (const DirectoryEntry& entry : ReadEntries(dir.Get(), false, path)) {
+    for (const DirectoryEntry& entry : ReadEntries(dir.Get(), path)) {
         const std::filesystem::path child = path / entry.name;
         if (entry.isDirectory) {
             RemoveTree(fd, entry.name.c_str(), child, false);
@@ -90,7 +91,7 @@ void RemoveTree(int parentFd, const char* name, const std::filesystem::path& pat
 }  // namespace
 
 void PosixFileSystem::CreateDirectory(const std::filesystem::path& path) {
-    if (::mkdir(path.c_str(), 0777) == 0) return;
+    if (::mkdir(path.c_str(), 0755) == 0) return;
     const int err = errno;
     if (err == EEXIST && IsDirectory(path)) return;
     ThrowFsError(err, "create folder", path);
@@ -108,7 +109,7 @@ std::vector<DirectoryEntry> PosixFileSystem::ListDirectory(const std::filesystem
     DIR* raw = ::opendir(path.c_str());
     if (raw == nullptr) ThrowLastFsError("open folder", path);
     DirStream dir(raw);
-    return ReadEntries(dir.Get(), true, path);
+    return ReadEntries(dir.Get(), path);
 }
 
 }  // namespace velacore

@@ -28,6 +28,13 @@ struct stat StatOrThrow(const std::filesystem::path& path) {
     return st;
 }
 
+// The entry itself, a symbolic link not followed.
+struct stat LstatOrThrow(const std::filesystem::path& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0) ThrowLastFsError("lstat", path);
+    return st;
+}
+
 int64_t ToNanos(const struct timespec& ts) {
     return static_cast<int64_t>(ts.tv_sec) * kNanosPerSecond + ts.tv_nsec;
 }
@@ -35,8 +42,9 @@ int64_t ToNanos(const struct timespec& ts) {
 }  // namespace
 
 void PosixFileSystem::CreateFile(const std::filesystem::path& path, bool failIfExists) {
-    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (failIfExists ? O_EXCL : O_TRUNC);
-    const int fd = RetryOnInterrupt([&] { return ::open(path.c_str(), flags, 0666); });
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK |
+                      (failIfExists ? O_EXCL : O_TRUNC);
+    const int fd = RetryOnInterrupt([&] { return ::open(path.c_str(), flags, 0644); });
     if (fd < 0) ThrowLastFsError("create file", path);
     if (::close(fd) != 0 && errno != EINTR) ThrowLastFsError("close", path);
 }
@@ -53,13 +61,16 @@ void PosixFileSystem::Rename(const std::filesystem::path& from, const std::files
 }
 
 uint64_t PosixFileSystem::FileSize(const std::filesystem::path& path) {
-    return static_cast<uint64_t>(StatOrThrow(path).st_size);
+    const struct stat st = LstatOrThrow(path);
+    if (!S_ISREG(st.st_mode)) ThrowFsError(EINVAL, "size of a non-regular file", path);
+    return static_cast<uint64_t>(st.st_size);
 }
 
 int64_t PosixFileSystem::CreationTime(const std::filesystem::path& path) {
 #ifdef STATX_BTIME
     struct statx stx {};
-    if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME | STATX_MTIME, &stx) == 0) {
+    if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME | STATX_MTIME, &stx) ==
+        0) {
         const struct statx_timestamp& ts =
             (stx.stx_mask & STATX_BTIME) ? stx.stx_btime : stx.stx_mtime;
         return static_cast<int64_t>(ts.tv_sec) * kNanosPerSecond + ts.tv_nsec;
@@ -70,7 +81,7 @@ int64_t PosixFileSystem::CreationTime(const std::filesystem::path& path) {
 }
 
 int64_t PosixFileSystem::ModificationTime(const std::filesystem::path& path) {
-    return ToNanos(StatOrThrow(path).st_mtim);
+    return ToNanos(LstatOrThrow(path).st_mtim);
 }
 
 bool PosixFileSystem::Exists(const std::filesystem::path& path) {

@@ -122,8 +122,27 @@ class PosixReadableFile final : public ReadableFile {
     uint64_t offset_ = 0;
 };
 
+// Opens `path` without following a link in its last component and without blocking (a FIFO
+// would block until a writer came), checks that it is a regular file, then makes the descriptor
+// blocking again. Returns -1 with errno set on failure.
 int OpenFile(const std::filesystem::path& path, int flags) {
-    return RetryOnInterrupt([&] { return ::open(path.c_str(), flags); });
+    const int fd =
+        RetryOnInterrupt([&] { return ::open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK); });
+    if (fd < 0) return fd;
+    struct stat st {};
+    int err = 0;
+    if (::fstat(fd, &st) != 0) {
+        err = errno;
+    } else if (!S_ISREG(st.st_mode)) {
+        err = EINVAL;
+    } else {
+        const int fl = ::fcntl(fd, F_GETFL);
+        if (fl == -1 || ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) == -1) err = errno;
+    }
+    if (err == 0) return fd;
+    ::close(fd);
+    errno = err;
+    return -1;
 }
 
 }  // namespace

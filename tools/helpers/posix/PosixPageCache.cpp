@@ -7,7 +7,8 @@
 namespace velacore {
 
 bool DropFileFromPageCache(const std::filesystem::path& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Never blocks on a FIFO and never follows a link.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) return false;
     bool ok = ::fdatasync(fd) == 0;  // only clean pages can be dropped
 #ifdef POSIX_FADV_DONTNEED

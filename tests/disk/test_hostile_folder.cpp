@@ -1,0 +1,254 @@
+// The disk-cache folder as hostile ground. Whatever is planted beside one valid cache file (links
+// out of the folder, link loops, a folder that cannot be listed, FIFOs named like cache files,
+// writers' leftovers), the scan adopts exactly the valid file and never blocks, the budget
+// counts exactly what the folder holds, read-back opens only regular files, and neither the
+// scan, the read-back, the budget purge nor the purge of every version's folder touches
+// anything outside the root. Also: what the cache creates is never group- or world-writable.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <map>
+#include <set>
+#include <string>
+
+#include "mc/host/Errors.h"
+#include "mc/host/TextConvert.h"
+#include "test_format_util.h"
+#include "test_writer_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using diskbtest::DiskCacheTest;
+using velacore::File;
+
+constexpr unsigned kApp = 256;  // the fixture's application version
+constexpr uint32_t kValidKey = 1;
+
+// Refuses to list chosen folders as a folder without read permission does (root reads every
+// folder, so permissions alone cannot plant one).
+class DeniedListingFileSystem : public velacore::FileSystemWrapper {
+public:
+    using FileSystemWrapper::FileSystemWrapper;
+    std::vector<velacore::DirectoryEntry> ListDirectory(const fs::path& path) override {
+        if (denied.count(path))
+            throw velacore::IOError("open folder '" + path.string() + "': denied", EACCES);
+        return FileSystemWrapper::ListDirectory(path);
+    }
+    std::set<fs::path> denied;
+};
+
+// Every entry under `root`, links not followed: relative path -> kind and content.
+std::map<std::string, std::string> Snapshot(const fs::path& root) {
+    std::map<std::string, std::string> out;
+    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
+         ++it) {
+        const auto status = it->symlink_status();
+        std::string& slot = out[fs::relative(it->path(), root).string()];
+        if (fs::is_symlink(status))
+            slot = "link:" + fs::read_symlink(it->path()).string();
+        else if (fs::is_regular_file(status)) {
+            const auto bytes = mctest::ReadWholeFile(it->path());
+            slot = "file:" + std::string(bytes.begin(), bytes.end());
+        } else
+            slot = "other";
+    }
+    return out;
+}
+
+// Bytes of the regular files under `root`, links not followed.
+uint64_t RegularBytes(const fs::path& root) {
+    uint64_t total = 0;
+    for (const auto& e : fs::recursive_directory_iterator(root))
+        if (fs::is_regular_file(e.symlink_status())) total += fs::file_size(e.path());
+    return total;
+}
+
+fs::path CacheName(uint32_t key, unsigned app = kApp) {
+    return velacore::ToUtf8(BuildCacheFileName(mctest::KeyGuid(key),
+                                               mctest::TestPayload::kMatchname, app,
+                                               disktest::PayloadHeader(key, 0)));
+}
+
+// Two hex digits: the sub-folder a key's files go to.
+std::string SubOf(uint32_t key) {
+    return CacheName(key).string().substr(0, 2);
+}
+
+void Fifo(const fs::path& path) {
+    fs::create_directories(path.parent_path());
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0) << path;
+}
+
+void SetAge(const fs::path& path, std::chrono::seconds age) {
+    const auto when = fs::file_time_type::clock::now() - age;
+    fs::last_write_time(path, when);
+}
+
+struct Planted {
+    fs::path cache;    // the disk-cache folder
+    fs::path product;  // the folder of every version's folder
+    fs::path outside;  // beside the root: must never be touched
+    fs::path valid;    // the one valid cache file
+    std::set<fs::path>* denied;
+    std::vector<fs::path> fifos;
+};
+
+struct HostileCase {
+    const char* name;
+    std::function<void(Planted&)> plant;
+    std::function<void(Planted&)> beforeRead;  // may be empty
+    bool readsBack = true;                     // the valid file's item becomes resident
+};
+
+const HostileCase kCases[] = {
+    {"LinkedSubfolders",
+     [](Planted& p) {
+         // Out there: a file of another version (a scan deletes those) and a valid one.
+         for (auto [key, app] : {std::pair{2u, kApp + 1}, std::pair{3u, kApp}}) {
+             disktest::WriteTestCacheFile(velacore::Dir(p.outside), key, 0, app, 64);
+             fs::create_directory_symlink(p.outside / SubOf(key), p.cache / SubOf(key));
+         }
+     },
+     {},
+     true},
+    {"LinkedCacheFile",
+     [](Planted& p) {
+         mctest::WriteWholeFile(p.outside / "victim", disktest::CacheFileContent(4, 64, kApp));
+         fs::create_directories(p.cache / SubOf(4));
+         fs::create_symlink(p.outside / "victim", p.cache / SubOf(4) / CacheName(4));
+     },
+     {},
+     true},
+    {"LinkedVersionFolder",
+     [](Planted& p) {
+         const fs::path theirs = p.outside / "9.0" / p.cache.filename();
+         fs::create_directories(theirs);
+         disktest::WriteTestCacheFile(velacore::Dir(theirs), 5, 0, kApp, 64);
+         fs::create_directory_symlink(p.outside / "9.0", p.product / "9.0");
+     },
+     {},
+     true},
+    {"LinkLoops",
+     [](Planted& p) {
+         fs::create_symlink("self", p.cache / "self");
+         fs::create_directory_symlink(p.cache, p.cache / "up");
+     },
+     {},
+     true},
+    {"UnreadableFolder",
+     [](Planted& p) {
+         fs::create_directories(p.cache / "sealed");
+         p.denied->insert(p.cache / "sealed");
+     },
+     {},
+     true},
+    {"FifoNamedLikeACacheFile",
+     [](Planted& p) {
+         const fs::path fifo = p.cache / SubOf(6) / CacheName(6);
+         Fifo(fifo);
+         p.fifos.push_back(fifo);
+     },
+     {},
+     true},
+    {"FifoInPlaceOfAnAdoptedFile",
+     {},
+     [](Planted& p) {
+         fs::remove(p.valid);
+         Fifo(p.valid);
+         p.fifos.push_back(p.valid);
+     },
+     false},
+    {"WritersLeftovers",
+     [](Planted& p) {
+         // A crashed writer's temporary from long ago, and a young one a live writer may own.
+         const fs::path old = p.cache / SubOf(7) / (CacheName(7).string() + ".tmp");
+         const fs::path young = p.cache / SubOf(8) / (CacheName(8).string() + ".tmp");
+         mctest::WriteWholeFile((fs::create_directories(old.parent_path()), old),
+                                std::vector<uint8_t>(1000, 7));
+         mctest::WriteWholeFile((fs::create_directories(young.parent_path()), young),
+                                std::vector<uint8_t>(3000, 8));
+         SetAge(old, std::chrono::minutes(11));
+     },
+     {},
+     true},
+};
+
+void PrintTo(const HostileCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class HostileFolder : public DiskCacheTest, public ::testing::WithParamInterface<HostileCase> {
+protected:
+    // Runs `fn` on another thread; when it is still running after a generous while, fails and
+    // opens every planted FIFO for writing, which releases a reader stuck opening one.
+    template <typename Fn>
+    auto Bounded(Fn fn, const Planted& p) {
+        auto result = std::async(std::launch::async, fn);
+        if (result.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+            ADD_FAILURE() << "blocked";
+            for (const fs::path& fifo : p.fifos)
+                ::close(::open(fifo.c_str(), O_WRONLY | O_NONBLOCK));
+        }
+        return result.get();
+    }
+
+    mctest::TempDir outside_{"mc-outside"};
+};
+
+TEST_P(HostileFolder, OnlyTheValidFileIsAdoptedAndNothingOutsideIsTouched) {
+    auto denying = std::make_shared<DeniedListingFileSystem>(fs_);
+    mctest::ScopedFileSystem scopedDenying(denying);
+    Planted p{Folder().GetFullPath(), {}, outside_.Path(), {}, &denying->denied, {}};
+    p.product = p.cache.parent_path().parent_path();
+    p.valid = disktest::WriteTestCacheFile(Folder(), kValidKey, 0, kApp, 100).GetFullPath();
+    if (GetParam().plant) GetParam().plant(p);
+    const auto outsideBefore = Snapshot(p.outside);
+
+    Bounded([&] { bag_->ScanDiskCacheDir(); }, p);
+    const auto items = bag_->SnapshotItems();
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0]->GetGuid(), mctest::KeyGuid(kValidKey));
+    EXPECT_EQ(static_cast<uint64_t>(bag_->GetCurrentDiskCacheSize()), RegularBytes(p.cache));
+    for (const auto& e : fs::recursive_directory_iterator(p.cache)) {
+        if (e.path().extension() != ".tmp") continue;
+        EXPECT_LT(fs::file_time_type::clock::now() - e.last_write_time(), std::chrono::minutes(10))
+            << e.path();
+    }
+
+    if (GetParam().beforeRead) GetParam().beforeRead(p);
+    EXPECT_EQ(Bounded([&] { return items[0]->EnsureInMemory(); }, p), GetParam().readsBack);
+
+    bag_->EnsureDiskSpace(bag_->GetCurrentMaxDiskCacheSize(), std::numeric_limits<uint64_t>::max());
+    unsigned done = 0, total = 2;
+    bag_->PurgeAllDiskCaches({}, true, done, total);
+    EXPECT_EQ(Snapshot(p.outside), outsideBefore);
+}
+
+INSTANTIATE_TEST_SUITE_P(Planted, HostileFolder, ::testing::ValuesIn(kCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// Folders and files the cache creates stay closed to other users whatever the umask.
+TEST_F(DiskCacheTest, CreatedFoldersAndFilesAreNotWritableByOthers) {
+    mctest::TempDir root("mc-umask");
+    const mode_t previous = ::umask(0);
+    bag_->SetDiskCacheInfo(root.AsDir(), 64);
+    WriteNow(NewItemInBag(9, 5000));
+    ::umask(previous);
+    size_t files = 0;
+    for (const auto& e : fs::recursive_directory_iterator(root.Path())) {
+        files += e.is_regular_file();
+        EXPECT_EQ(
+            fs::status(e.path()).permissions() & (fs::perms::group_write | fs::perms::others_write),
+            fs::perms::none)
+            << e.path();
+    }
+    EXPECT_EQ(files, 1u);
+}
+
+}  // namespace
