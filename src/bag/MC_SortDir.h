@@ -18,15 +18,18 @@ public:
 
     MC_SortDir();
 
-    // Sweeps superseded and dead entries of the item's GUID group, inserts the item and points
-    // it at this directory.
-    void AddStuff(const StuffPtr& stuff);
+    // Sweeps dead entries of the item's GUID group and, with `displace`, the entries the item
+    // supersedes; inserts the item and points it at this directory.
+    void AddStuff(const StuffPtr& stuff, bool displace = true);
     // Erases the item's entry and clears its directory. Does nothing for an item in no
     // directory; throws 3 for another directory's item or a writeable checked-out one.
     void RemoveStuff(const StuffPtr& stuff);
     // See MC_Bag::FindAndCheckout.
     MC_CheckoutResult FindAndCheckout(const StuffPtr& request, int flags, StuffPtr* found,
                                       bool* foundHasDiskFile);
+    // The first settled (not pending) entry identical to `request`, or null. The caller holds
+    // the cache lock for as long as it relies on the answer.
+    StuffPtr FindIdentical(const StuffPtr& request) const;
     // Entries in the index; the caller holds the cache lock or accepts a racy figure.
     size_t Size() const { return index_.size(); }
 
@@ -40,7 +43,7 @@ private:
     using Index = boost::unordered_multiset<StuffPtr, GuidHash, GuidEqual>;
     struct Attempt;
 
-    void SweepSuperseded(const StuffPtr& stuff);
+    void SweepSuperseded(const StuffPtr& stuff, bool displace);
     void RemoveEntry(const StuffPtr& entry);
     MC_CheckoutResult SearchGroup(const StuffPtr& request, int flags, Attempt& attempt);
     StuffPtr CreatePending(const StuffPtr& request, int flags);
