@@ -313,7 +313,14 @@ void MC_Stuff::RemoveFromBagAndSortDir() {
     IntrusivePtr<MC_Stuff> self(this);
     MCp_ScLock lock;
     ScopedWriteLockWrapper w(lock_);
-    if (std::shared_ptr<MC_SortDir> dir = sortDir_.lock()) dir->RemoveStuff(self);
+    if (std::shared_ptr<MC_SortDir> dir = sortDir_.lock()) {
+        // A writeable holder (who got the item after a Remove check-in let go of it) has it out
+        // of the index already; forgetting the directory keeps its check-in from adding it back.
+        if (checkedOutWriteable_)
+            sortDir_.reset();
+        else
+            dir->RemoveStuff(self);
+    }
     if (std::shared_ptr<MC_Bag> bag = bag_.lock()) bag->RemoveStuff(self);
     // A holder's payload is never freed under it: the last check-in frees it.
     if (GetCheckoutCount() != 0) {
