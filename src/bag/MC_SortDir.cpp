@@ -38,6 +38,7 @@ struct MC_SortDir::Attempt {
 void MC_SortDir::AddStuff(const StuffPtr& stuff, bool displace) {
     debug::ProfileScope profile("ZK.MC_SortDir::AddStuff", 6);
     MCp_ScLock lock;
+    TakeBack(stuff);
     SweepSuperseded(stuff, displace);
     index_.insert(stuff);
     stuff->SetSortDir(shared_from_this());
@@ -102,15 +103,33 @@ void MC_SortDir::RemoveStuff(const StuffPtr& stuff) {
     stuff->SetSortDir(nullptr);
 }
 
+void MC_SortDir::HoldOut(const StuffPtr& stuff) {
+    MCp_ScLock lock;
+    heldOut_.insert(stuff);
+}
+
+void MC_SortDir::TakeBack(const StuffPtr& stuff) {
+    MCp_ScLock lock;
+    auto [first, last] = heldOut_.equal_range(stuff);
+    for (auto it = first; it != last; ++it) {
+        if (*it == stuff) {
+            heldOut_.erase(it);
+            return;
+        }
+    }
+}
+
 MC_SortDir::StuffPtr MC_SortDir::FindIdentical(const StuffPtr& request) const {
     MCp_ScLock lock;
     const IntrusivePtr<MC_StuffData> reqKey = request->GetFindKeyData();
     if (!reqKey) return nullptr;
-    auto [first, last] = index_.equal_range(request);
-    for (auto it = first; it != last; ++it) {
-        if ((*it)->IsPendingRender()) continue;
-        const IntrusivePtr<MC_StuffData> key = (*it)->GetFindKeyData();
-        if (key && key->IdenticalRequest(reqKey)) return *it;
+    for (const Index* set : {&index_, &heldOut_}) {
+        auto [first, last] = set->equal_range(request);
+        for (auto it = first; it != last; ++it) {
+            if ((*it)->IsPendingRender()) continue;
+            const IntrusivePtr<MC_StuffData> key = (*it)->GetFindKeyData();
+            if (key && key->IdenticalRequest(reqKey)) return *it;
+        }
     }
     return nullptr;
 }

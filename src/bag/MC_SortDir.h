@@ -27,8 +27,12 @@ public:
     // See MC_Bag::FindAndCheckout.
     MC_CheckoutResult FindAndCheckout(const StuffPtr& request, int flags, StuffPtr* found,
                                       bool* foundHasDiskFile);
-    // The first settled (not pending) entry identical to `request`, or null. The caller holds
-    // the cache lock for as long as it relies on the answer.
+    // Keeps an item that is out of the index for a writeable check-out findable by
+    // FindIdentical; AddStuff (its return) and TakeBack end that.
+    void HoldOut(const StuffPtr& stuff);
+    void TakeBack(const StuffPtr& stuff);
+    // The first settled (not pending) entry identical to `request`, or null, among the indexed
+    // items and those held out. The caller holds the cache lock while it relies on the answer.
     StuffPtr FindIdentical(const StuffPtr& request) const;
     // Entries in the index; the caller holds the cache lock or accepts a racy figure.
     size_t Size() const { return index_.size(); }
@@ -49,4 +53,5 @@ private:
     StuffPtr CreatePending(const StuffPtr& request, int flags);
 
     Index index_;
+    Index heldOut_;  // checked out writeable, out of the index
 };

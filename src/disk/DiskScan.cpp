@@ -65,24 +65,32 @@ void DeleteQuietly(const File& file) {
 
 // Gives `file` to the item identical to the file's own (same GUID, `IdenticalRequest` true), or
 // to a new item around `data`. An item that merely satisfies the file's item is not the file's:
-// it keeps its own state, and the new item joins it in the directory without displacing it. Runs
-// under the cache lock so that two scans of the same file cannot both add it, and so that no
-// budget purge sees the item before its size is accounted.
+// it keeps its own state, and the new item joins it in the directory without displacing it. The
+// search and the addition run under the cache lock so that two scans of the same file cannot
+// both add it, and so that no budget purge sees the item before its size is accounted.
 void Adopt(MC_Bag& bag, const File& file, uint64_t size, const velacore::Guid& guid,
            IntrusivePtr<MC_StuffData> data) {
     IntrusivePtr<MC_Stuff> item = MC_Stuff::CreateNew(std::move(data), 0.0);
     item->SetDiskCacheFile(file, false);
     item->SetGuid(guid);
 
-    MCp_ScLock lock;
-    const std::shared_ptr<MC_SortDir> dir = bag.GetSortDir();
-    if (IntrusivePtr<MC_Stuff> same = dir->FindIdentical(item)) {
-        if (same->SetDiskCacheFile(file, true)) same->SyncDiskSizeWithBag(ClampToU32(size));
-        return;
+    IntrusivePtr<MC_Stuff> same;
+    {
+        MCp_ScLock lock;
+        const std::shared_ptr<MC_SortDir> dir = bag.GetSortDir();
+        same = dir->FindIdentical(item);
+        if (!same) {
+            bag.AddStuff(item);
+            dir->AddStuff(item, false);
+            item->SyncDiskSizeWithBag(ClampToU32(size));
+            return;
+        }
     }
-    bag.AddStuff(item);
-    dir->AddStuff(item, false);
-    item->SyncDiskSizeWithBag(ClampToU32(size));
+    // Under the item's lock, which its own deletions take too: a file it deleted since the scan
+    // listed it is not attached again, and a deletion after this sees the size accounted.
+    velacore::ScopedWriteLockWrapper w(same->GetLock());
+    if (!same->IsOnDisk() && file.Exists() && same->SetDiskCacheFile(file, true))
+        same->SyncDiskSizeWithBag(ClampToU32(size));
 }
 
 // The cache files under `dir` created at or after `mark` (0: all of them). Sets `stopped` when

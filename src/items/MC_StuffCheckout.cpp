@@ -316,9 +316,10 @@ void MC_Stuff::RemoveFromBagAndSortDir() {
     if (std::shared_ptr<MC_SortDir> dir = sortDir_.lock()) {
         // A writeable holder (who got the item after a Remove check-in let go of it) has it out
         // of the index already; forgetting the directory keeps its check-in from adding it back.
-        if (checkedOutWriteable_)
+        if (checkedOutWriteable_) {
+            dir->TakeBack(self);
             sortDir_.reset();
-        else
+        } else
             dir->RemoveStuff(self);
     }
     if (std::shared_ptr<MC_Bag> bag = bag_.lock()) bag->RemoveStuff(self);
@@ -334,6 +335,8 @@ void MC_Stuff::RemoveFromBagAndSortDir() {
 void MC_Stuff::TempRemoveFromSortDir(const MCp_ScLock&, const ScopedWriteLockWrapper&) {
     std::shared_ptr<MC_SortDir> dir = GetSortDir();
     if (!dir) return;
-    dir->RemoveStuff(IntrusivePtr<MC_Stuff>(this));
+    IntrusivePtr<MC_Stuff> self(this);
+    dir->RemoveStuff(self);
     SetSortDir(dir);
+    dir->HoldOut(self);  // still found by scan-back, which must not give its file to a twin
 }
