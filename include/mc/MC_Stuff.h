@@ -190,7 +190,7 @@ private:
     void PurgeAfterLastCheckin();
     void SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> data, double computeTime);
     void CheckinRecency(int flags, bool wasWriteable, const std::shared_ptr<MC_SortDir>& dir);
-    void CheckinDiskStep(int flags, bool wasWriteable, double computeTime);
+    void CheckinDiskStep(int flags, bool wasWriteable, double computeTime, bool renderDone);
     void ThrowIfCheckedOutLessThan(int n);
     void ThrowIfCheckedOutMoreThan(int n);
     void ThrowIfCheckedOutWriteable();
@@ -228,9 +228,9 @@ private:
     std::atomic<uint32_t> diskSizeReported_{0};
     std::atomic<bool> taggedToWrite_{false};
     std::atomic<bool> writeInProgress_{false};
-    std::atomic<bool> writeConsidered_{false};     // the write decision ran for the current data
-    std::atomic<bool> purgeAtLastCheckin_{false};  // left its bag while checked out
-    std::atomic<int32_t> purgeGuard_{0};           // 0 idle, 2 purging, 1 writing
+    std::atomic<bool> renderAwaitsCheckin_{false};  // completed under a writeable check-out
+    std::atomic<bool> purgeAtLastCheckin_{false};   // left its bag while checked out
+    std::atomic<int32_t> purgeGuard_{0};            // 0 idle, 2 purging, 1 writing
     double computeTime_ = 0.0;
     double cachedComputeTimeSavings_ = 0.0;
     mutable velacore::MultiTenantRecursiveMutex lock_;

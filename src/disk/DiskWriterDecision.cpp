@@ -77,7 +77,6 @@ void MC_Stuff::MaybeWriteToDisk() {
     if (!MCp_DiskExecutor() || !(computeTime > 0.0)) return;
     if (!data || !bag || !IsInMemory() || IsOnDisk()) return;
     if (!bag->IsDiskCacheEnabled() || !data->CanDiskCache()) return;
-    writeConsidered_.store(true);  // a writeable check-in of this data does not weigh it again
     bool queueFull = false, low = false;
     if (WorthWritingToDiskCache(computeTime, nullptr, &queueFull, &low)) {
         WriteToDiskAsyncOnDiskThread(IntrusivePtr<MC_Stuff>(this));

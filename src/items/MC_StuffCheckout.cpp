@@ -106,7 +106,6 @@ MC_CheckoutResult MC_Stuff::CheckoutForWrite(int flags) {
             throw;
         }
         checkedOutWriteable_ = true;
-        writeConsidered_.store(false);
     }
     if (readBack && !IsInMemory() && IsOnDisk()) {
         bool resident = false;
@@ -177,12 +176,15 @@ void MC_Stuff::Checkin(int flags, double computeTime) {
             if (std::shared_ptr<MC_Bag> bag = LockBag()) bag->UpdateWithNewLastUsedTime(self, lock);
         }
     }
+    // A render completed under this writeable check-out waited for it to end (the writer cannot
+    // take an item held writeable); it is weighed here, once.
+    const bool renderDone = renderAwaitsCheckin_.exchange(false);
     if (flags & MC_CheckinFlag_Remove) {
         RemoveFromBagAndSortDir();
     } else if (flags & MC_CheckinFlag_Purge) {
         FreeUpAsMuchAsPossible(true, nullptr);
     } else {
-        CheckinDiskStep(flags, wasWriteable, computeTime);
+        CheckinDiskStep(flags, wasWriteable, computeTime, renderDone);
     }
     if (lastOut && purgeAtLastCheckin_.load()) PurgeAfterLastCheckin();
     if (decremented) MCp_GetCounters().activeCheckouts.fetch_sub(1);
@@ -200,10 +202,9 @@ void MC_Stuff::PurgeAfterLastCheckin() {
 
 // The disk-write step of a check-in: forced writes go to the disk executor at once; writeable
 // check-ins ask whether the item is worth writing.
-void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime) {
+void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime,
+                               bool renderDone) {
     if (!(flags & MC_CheckinFlag_ForceWriteToDisk) && !wasWriteable) return;  // nothing to decide
-    // A render completed under this check-out was weighed when its data arrived.
-    const bool weighed = writeConsidered_.exchange(false);
     IntrusivePtr<MC_StuffData> data = GetDataPtr();
     if (!data || !data->IsInMemory() || !data->CanDiskCache()) return;
     IntrusivePtr<MC_Stuff> self(this);
@@ -212,7 +213,11 @@ void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime)
             exec->Post([self] { MC_Stuff::WriteToDiskAsync(self, nullptr); });
         return;
     }
-    if (!wasWriteable || weighed) return;
+    if (!wasWriteable) return;
+    if (renderDone) {
+        MaybeWriteToDisk();  // on the render's own compute time, like any completed render
+        return;
+    }
     if (!MCp_DiskExecutor()) return;  // writer stopped: nothing is queued or counted
     std::shared_ptr<MC_Bag> bag = LockBag();
     if (!bag || !bag->IsDiskCacheEnabled()) return;
@@ -254,7 +259,6 @@ void MC_Stuff::ConvertToWriteable() {
         ThrowIfCheckedOutLessThan(1);
         TempRemoveFromSortDir(lock, w);
         checkedOutWriteable_ = true;
-        writeConsidered_.store(false);
     }
     DeleteDiskCacheFile();  // the payload is about to change
 }
@@ -278,7 +282,10 @@ void MC_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> dat
     }
     if (data) {
         SyncMemorySizeWithBag(data->GetApproximateMemorySize());
-        MaybeWriteToDisk();
+        if (IsCheckedOutWriteable())
+            renderAwaitsCheckin_.store(true);
+        else
+            MaybeWriteToDisk();
         ScopedWriteLockWrapper w(lock_);
         findKeyData_.reset();
     } else {
