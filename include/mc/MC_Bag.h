@@ -48,7 +48,8 @@ public:
                                       bool updateMediaMap);
     // Removes every item (module shut-down).
     void ClearBagAndSortDir();
-    // Moves the item to the most recently used end.
+    // Stamps the item as used now; it moves to the most recently used end when the host's
+    // top-level runner runs the task this hands it (at once, or later on any thread).
     void UpdateWithNewLastUsedTime(const StuffPtr& stuff, const MCp_ScLock& lock);
     // Re-stamps the item and re-syncs its size after its payload changed; keeps its position.
     void AccountForStuffDataModification(const StuffPtr& stuff);
@@ -128,6 +129,7 @@ private:
 
     void AddStuffGuts(const StuffPtr& stuff, const MCp_ScLock& lock, bool updateMediaMap);
     void RemoveStuffGuts(const StuffPtr& stuff, const MCp_ScLock& lock, bool updateMediaMap);
+    static void RelinkAtUseTime(const std::weak_ptr<MC_Bag>& bag, const StuffPtr& stuff);
     void TrackLastPurgedUsedTime(uint64_t t) { lastPurgedUsedTime_.store(t); }
     void TraceMediaMapChange(const char* what, const StuffPtr& stuff);
 

@@ -103,7 +103,8 @@ public:
     bool ShouldAllowPurge() const;
 
     // --- check-out and check-in ---
-    // Returns 0 (failed, nothing changed) or 1. Without flag 0x01 the check-out is writeable.
+    // Returns 0 (failed, nothing changed) or 1. Without flag 0x01 the check-out is writeable;
+    // a disk-only payload is read back only once every refusal has been ruled out.
     MC_CheckoutResult Checkout(int flags);
     // Ends one check-out. computeTime only feeds the disk-write decision.
     void Checkin(int flags, double computeTime);
@@ -123,7 +124,8 @@ public:
     void AddToBagAndSortDir(const std::shared_ptr<MC_Bag>& bag);
     // Adds and checks out under one cache lock so that no purge takes the item first.
     MC_CheckoutResult AddToBagAndSortDirAndCheckout(const std::shared_ptr<MC_Bag>& bag, int flags);
-    // Leaves bag and sort directory and drops the payload's memory.
+    // Leaves bag and sort directory and drops the payload's memory; while others hold the item
+    // checked out, the memory goes at the last check-in.
     void RemoveFromBagAndSortDir();
     // Report this item's sizes to its bag (or the global bag when it has none).
     void SyncMemorySizeWithBag(uint32_t size);
@@ -147,6 +149,7 @@ public:
                                  std::shared_ptr<MC_ScCheckout> receipt);
     void PrepAndWrite(const std::shared_ptr<MC_Bag>& bag);
     // Makes the payload resident, reading it back when needed. Returns whether it is resident.
+    // Throws the host's code when it refuses quiet-errors mode for the read.
     bool EnsureInMemory();
     bool PrepAndRead(velacore::ScopedUpgradeLockWrapper& upgradeLock);
     // A hold on the disk file; empty when `onlyIfOnDisk` and the item has no file.
@@ -185,9 +188,11 @@ private:
 
     MC_CheckoutResult CheckoutForWrite(int flags);
     MC_CheckoutResult CheckoutLocked(int flags, bool writeable, bool acceptPending);
+    void UndoWriteableCheckout();
+    void PurgeAfterLastCheckin();
     void SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> data, double computeTime);
     void CheckinRecency(int flags, bool wasWriteable, const std::shared_ptr<MC_SortDir>& dir);
-    void CheckinDiskStep(int flags, bool wasWriteable, double computeTime);
+    void CheckinDiskStep(int flags, bool wasWriteable, double computeTime, bool renderDone);
     void ThrowIfCheckedOutLessThan(int n);
     void ThrowIfCheckedOutMoreThan(int n);
     void ThrowIfCheckedOutWriteable();
@@ -225,7 +230,9 @@ private:
     std::atomic<uint32_t> diskSizeReported_{0};
     std::atomic<bool> taggedToWrite_{false};
     std::atomic<bool> writeInProgress_{false};
-    std::atomic<int32_t> purgeGuard_{0};  // 0 idle, 2 purging, 1 writing
+    std::atomic<bool> renderAwaitsCheckin_{false};  // completed under a writeable check-out
+    std::atomic<bool> purgeAtLastCheckin_{false};   // left its bag while checked out
+    std::atomic<int32_t> purgeGuard_{0};            // 0 idle, 2 purging, 1 writing
     double computeTime_ = 0.0;
     double cachedComputeTimeSavings_ = 0.0;
     mutable velacore::MultiTenantRecursiveMutex lock_;

@@ -100,37 +100,40 @@ void MC_Bag::TraceMediaMapChange(const char* what, const StuffPtr& stuff) {
                           std::to_string(MCp_MediaMapEntryCount()) + "\n");
 }
 
-// Moves the item to the young end. The node is re-linked, not reallocated, so a hit costs no
-// allocation; membership is verified and the media map refreshed as on remove and add.
-void MC_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const MCp_ScLock& lock) {
+// Stamps the item as used now and has the host's top-level runner move it to the young end. The
+// runner may run the task later, on any thread: the task owns the item, reaches the bag through a
+// weak reference and takes the cache lock itself. Until it runs, the item keeps its old place, so
+// it stays purgeable and removable; a task that finds the item out of this bag, or the bag gone,
+// does nothing.
+void MC_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const MCp_ScLock&) {
     debug::ProfileScope profile("ZK.MC_Bag::UpdateWithNewLastUsedTime", 7);
+    if (stuff->LockBag().get() != this) MCp_FailVerification("stuff not in the right bag");
+    stuff->UpdateLastUsedTimeToNow();
+    config::ExecuteTopLevelFunction(
+        [bag = weak_from_this(), stuff] { MC_Bag::RelinkAtUseTime(bag, stuff); });
+}
+
+// Re-inserts the item under its current use time (removal and addition proper, without
+// reallocating the node) and re-syncs its size.
+void MC_Bag::RelinkAtUseTime(const std::weak_ptr<MC_Bag>& weakBag, const StuffPtr& stuff) {
+    MCp_ScLock lock;
+    const std::shared_ptr<MC_Bag> bag = weakBag.lock();
+    if (!bag) return;
     MC_MruSet::iterator it;
     {
         ScopedReadLockWrapper r(stuff->lock_);
-        if (stuff->bag_.lock().get() != this) {
-            r.Unlock();
-            MCp_FailVerification("stuff not in the right bag");
-        }
+        if (stuff->bag_.lock() != bag || !stuff->hasBagIt_) return;  // left it meanwhile
         it = stuff->bagIt_;
     }
     const bool mirror = MCp_MediaMapEnabled();
     if (mirror) MCp_MediaMapErase(stuff);
-    auto node = mru_.extract(it);
-    stuff->UpdateLastUsedTimeToNow();
-    struct Relink {
-        MC_Bag* bag;
-        MC_MruSet::node_type* handle;
-        const StuffPtr* stuff;
-        bool mirror;
-    } relink{this, &node, &stuff, mirror};
-    const Relink* ctx = &relink;
-    config::ExecuteTopLevelFunction([ctx] {
-        ctx->handle->value().stamp = (*ctx->stuff)->GetLastUseTime();
-        auto pos = ctx->bag->mru_.insert(std::move(*ctx->handle));
-        (*ctx->stuff)->SetBagAndIterator(ctx->bag->weak_from_this(), pos, true);
-        if (ctx->mirror && (*ctx->stuff)->IsInMemory()) MCp_MediaMapRegister(*ctx->stuff);
-    });
-    (void)lock;
+    auto node = bag->mru_.extract(it);
+    node.value().stamp = stuff->GetLastUseTime();
+    auto pos = bag->mru_.insert(std::move(node));
+    stuff->SetBagAndIterator(bag, pos, true);
+    if (mirror && stuff->IsInMemory()) MCp_MediaMapRegister(stuff);
+    if (IntrusivePtr<MC_StuffData> data = stuff->GetDataPtr())
+        stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
 }
 
 void MC_Bag::AccountForStuffDataModification(const StuffPtr& stuff) {

@@ -35,24 +35,29 @@ struct MC_SortDir::Attempt {
     }
 };
 
-void MC_SortDir::AddStuff(const StuffPtr& stuff) {
+void MC_SortDir::AddStuff(const StuffPtr& stuff, bool displace) {
     debug::ProfileScope profile("ZK.MC_SortDir::AddStuff", 6);
     MCp_ScLock lock;
-    SweepSuperseded(stuff);
+    TakeBack(stuff);
+    SweepSuperseded(stuff, displace);
     index_.insert(stuff);
     stuff->SetSortDir(shared_from_this());
 }
 
-void MC_SortDir::SweepSuperseded(const StuffPtr& stuff) {
-    const IntrusivePtr<MC_StuffData> newKey = stuff->GetFindKeyData();
+void MC_SortDir::SweepSuperseded(const StuffPtr& stuff, bool displace) {
+    const IntrusivePtr<MC_StuffData> newKey = displace ? stuff->GetFindKeyData() : nullptr;
     auto [first, last] = index_.equal_range(stuff);
     std::vector<StuffPtr> doomed;
     for (auto it = first; it != last; ++it) {
         const StuffPtr& e = *it;
         if (e == stuff) continue;
         const bool dead = !e->IsInMemory() && !e->IsOnDisk() && !e->IsPendingRender();
-        const IntrusivePtr<MC_StuffData> eKey = e->GetFindKeyData();
-        if (dead || (newKey && eKey && newKey->CanSatisfyRequest(eKey))) doomed.push_back(e);
+        if (dead) {
+            doomed.push_back(e);
+            continue;
+        }
+        const IntrusivePtr<MC_StuffData> eKey = newKey ? e->GetFindKeyData() : nullptr;
+        if (newKey && eKey && newKey->CanSatisfyRequest(eKey)) doomed.push_back(e);
     }
     for (const StuffPtr& e : doomed) {
         MCp_GetCounters().supersededSweeps.fetch_add(1);
@@ -96,6 +101,37 @@ void MC_SortDir::RemoveStuff(const StuffPtr& stuff) {
         }
     }
     stuff->SetSortDir(nullptr);
+}
+
+void MC_SortDir::HoldOut(const StuffPtr& stuff) {
+    MCp_ScLock lock;
+    heldOut_.insert(stuff);
+}
+
+void MC_SortDir::TakeBack(const StuffPtr& stuff) {
+    MCp_ScLock lock;
+    auto [first, last] = heldOut_.equal_range(stuff);
+    for (auto it = first; it != last; ++it) {
+        if (*it == stuff) {
+            heldOut_.erase(it);
+            return;
+        }
+    }
+}
+
+MC_SortDir::StuffPtr MC_SortDir::FindIdentical(const StuffPtr& request) const {
+    MCp_ScLock lock;
+    const IntrusivePtr<MC_StuffData> reqKey = request->GetFindKeyData();
+    if (!reqKey) return nullptr;
+    for (const Index* set : {&index_, &heldOut_}) {
+        auto [first, last] = set->equal_range(request);
+        for (auto it = first; it != last; ++it) {
+            if ((*it)->IsPendingRender()) continue;
+            const IntrusivePtr<MC_StuffData> key = (*it)->GetFindKeyData();
+            if (key && key->IdenticalRequest(reqKey)) return *it;
+        }
+    }
+    return nullptr;
 }
 
 // Two passes over the request's GUID group: identical candidates, then satisfying ones.
@@ -181,7 +217,14 @@ MC_CheckoutResult MC_SortDir::FindAndCheckout(const StuffPtr& request, int flags
             continue;
         }
         if (result == MC_CheckoutResult_CheckedOut && !noBringBack && item) {
-            if (!item->EnsureInMemory()) {
+            bool resident = false;
+            try {
+                resident = item->EnsureInMemory();
+            } catch (...) {
+                item->Checkin(MC_CheckinFlag_DontUpdateLastUsed, 0.0);
+                throw;
+            }
+            if (!resident) {
                 item->Checkin(0, 0.0);
                 attempt.tried.push_back(item);
                 continue;

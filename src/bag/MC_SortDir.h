@@ -18,15 +18,22 @@ public:
 
     MC_SortDir();
 
-    // Sweeps superseded and dead entries of the item's GUID group, inserts the item and points
-    // it at this directory.
-    void AddStuff(const StuffPtr& stuff);
+    // Sweeps dead entries of the item's GUID group and, with `displace`, the entries the item
+    // supersedes; inserts the item and points it at this directory.
+    void AddStuff(const StuffPtr& stuff, bool displace = true);
     // Erases the item's entry and clears its directory. Does nothing for an item in no
     // directory; throws 3 for another directory's item or a writeable checked-out one.
     void RemoveStuff(const StuffPtr& stuff);
     // See MC_Bag::FindAndCheckout.
     MC_CheckoutResult FindAndCheckout(const StuffPtr& request, int flags, StuffPtr* found,
                                       bool* foundHasDiskFile);
+    // Keeps an item that is out of the index for a writeable check-out findable by
+    // FindIdentical; AddStuff (its return) and TakeBack end that.
+    void HoldOut(const StuffPtr& stuff);
+    void TakeBack(const StuffPtr& stuff);
+    // The first settled (not pending) entry identical to `request`, or null, among the indexed
+    // items and those held out. The caller holds the cache lock while it relies on the answer.
+    StuffPtr FindIdentical(const StuffPtr& request) const;
     // Entries in the index; the caller holds the cache lock or accepts a racy figure.
     size_t Size() const { return index_.size(); }
 
@@ -40,10 +47,11 @@ private:
     using Index = boost::unordered_multiset<StuffPtr, GuidHash, GuidEqual>;
     struct Attempt;
 
-    void SweepSuperseded(const StuffPtr& stuff);
+    void SweepSuperseded(const StuffPtr& stuff, bool displace);
     void RemoveEntry(const StuffPtr& entry);
     MC_CheckoutResult SearchGroup(const StuffPtr& request, int flags, Attempt& attempt);
     StuffPtr CreatePending(const StuffPtr& request, int flags);
 
     Index index_;
+    Index heldOut_;  // checked out writeable, out of the index
 };

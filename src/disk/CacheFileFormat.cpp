@@ -3,8 +3,9 @@
 
 #include <algorithm>
 #include <bit>
-#include <charconv>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 
 #include "lifecycle/Messages.h"
 #include "mc/host/BinaryText.h"
@@ -39,19 +40,17 @@ std::u16string Widen(std::string_view ascii) {
     return std::u16string(ascii.begin(), ascii.end());
 }
 
-// The version field: hexadecimal digits only (either case), at least one, fitting in 32 bits.
-// Anything else never matches a bag's version.
+// The version field, read as strtoull reads base 16: leading blanks, a sign and a "0x" prefix
+// are taken, and whatever follows the digits is ignored. It counts only when at least one
+// character was consumed, nothing overflowed, and the value fits in 32 bits.
 bool ParseVersionField(std::u16string_view field, uint32_t& version) {
-    if (field.empty()) return false;
-    std::string narrow;
-    narrow.reserve(field.size());
-    for (char16_t c : field) {
-        if (c > 0x7F) return false;
-        narrow.push_back(static_cast<char>(c));
-    }
-    const char* end = narrow.data() + narrow.size();
-    const auto [ptr, ec] = std::from_chars(narrow.data(), end, version, 16);
-    return ec == std::errc() && ptr == end;
+    const std::string narrow = velacore::ToUtf8(field);
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long value = std::strtoull(narrow.c_str(), &end, 16);
+    if (end == narrow.c_str() || errno != 0 || value > 0xFFFFFFFFull) return false;
+    version = static_cast<uint32_t>(value);
+    return true;
 }
 
 // Splits off the text up to the next full stop; false when there is none.

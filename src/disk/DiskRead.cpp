@@ -29,19 +29,16 @@ debug::TraceSite g_readFailedTrace("DiskCache", 6);
 constexpr size_t kReadBufferSize = 2097152;  // 2 MiB
 constexpr size_t kReadBlockSize = 4096;
 
-// Quiet error reports on this thread for the scope (when the host agreed to it).
+// Quiet error reports on this thread for the scope. A host that refuses quiet mode has its code
+// thrown at once: nothing is read.
 class ScQuietErrors {
   public:
-    ScQuietErrors() : on_(U_StartQuietErrorsOnCurrentThread(1) == 0) {}
-    ~ScQuietErrors() {
-        if (on_) U_EndQuietErrorsOnCurrentThread();
+    ScQuietErrors() {
+        if (int rc = U_StartQuietErrorsOnCurrentThread(1)) throw rc;
     }
+    ~ScQuietErrors() { U_EndQuietErrorsOnCurrentThread(); }
     ScQuietErrors(const ScQuietErrors&) = delete;
     ScQuietErrors& operator=(const ScQuietErrors&) = delete;
-    bool On() const { return on_; }
-
-  private:
-    bool on_;
 };
 
 // Reads up to one header's worth of bytes (fewer only at the end of the file).
@@ -83,8 +80,6 @@ bool MC_Stuff::EnsureInMemory() {
         ScopedUpgradeLockWrapper up(lock_);
         if (!IsInMemory() && IsOnDisk()) {
             ScQuietErrors quiet;
-            // A host that refuses quiet mode gets no read; the caller renders again.
-            if (!quiet.On()) return false;
             if (g_prepTrace.Enabled()) g_prepTrace.Write("MC_Stuff::EnsureInMemory pre-prep");
             try {
                 readTookPlace = PrepAndRead(up);

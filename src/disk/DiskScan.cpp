@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bag/MC_SortDir.h"
 #include "disk/CacheFileFormat.h"
 #include "disk/DiskTempSweep.h"
 #include "host/HostOps.h"
@@ -46,25 +47,6 @@ public:
     ScQuietErrors& operator=(const ScQuietErrors&) = delete;
 };
 
-// Checks in an item the scan checked out, without counting the look as a use.
-class ScScanCheckin {
-public:
-    ScScanCheckin() = default;
-    ~ScScanCheckin() {
-        try {
-            if (stuff_) stuff_->Checkin(MC_CheckinFlag_DontUpdateLastUsed, 0.0);
-        } catch (...) {
-            // a failing check-in must not undo the adoption
-        }
-    }
-    ScScanCheckin(const ScScanCheckin&) = delete;
-    ScScanCheckin& operator=(const ScScanCheckin&) = delete;
-    void Set(IntrusivePtr<MC_Stuff> stuff) { stuff_ = std::move(stuff); }
-
-private:
-    IntrusivePtr<MC_Stuff> stuff_;
-};
-
 uint64_t NowNanos() {
     const auto since = std::chrono::system_clock::now().time_since_epoch();
     return static_cast<uint64_t>(
@@ -83,25 +65,34 @@ void DeleteQuietly(const File& file) {
     }
 }
 
-// Gives `file` to a new item around `data`, or to an equal item already in `bag`. Runs under
-// the cache lock so that two scans of the same file cannot both add it, and so that no budget
-// purge sees the item before its size is accounted.
+// Gives `file` to the item identical to the file's own (same GUID, `IdenticalRequest` true), or
+// to a new item around `data`. An item that merely satisfies the file's item is not the file's:
+// it keeps its own state, and the new item joins it in the directory without displacing it. The
+// search and the addition run under the cache lock so that two scans of the same file cannot
+// both add it, and so that no budget purge sees the item before its size is accounted.
 void Adopt(MC_Bag& bag, const File& file, uint64_t size, const velacore::Guid& guid,
-           IntrusivePtr<MC_StuffData> data, ScScanCheckin& checkin) {
+           IntrusivePtr<MC_StuffData> data) {
     IntrusivePtr<MC_Stuff> item = MC_Stuff::CreateNew(std::move(data), 0.0);
     item->SetDiskCacheFile(file, false);
     item->SetGuid(guid);
 
-    MCp_ScLock lock;
-    IntrusivePtr<MC_Stuff> found;
-    const int flags = MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_NoDiskRead;
-    if (bag.FindAndCheckout(item, flags, &found, nullptr) == MC_CheckoutResult_Failed || !found) {
-        item->AddToBagAndSortDir(bag.shared_from_this());
-        item->SyncDiskSizeWithBag(ClampToU32(size));
-        return;
+    IntrusivePtr<MC_Stuff> same;
+    {
+        MCp_ScLock lock;
+        const std::shared_ptr<MC_SortDir> dir = bag.GetSortDir();
+        same = dir->FindIdentical(item);
+        if (!same) {
+            bag.AddStuff(item);
+            dir->AddStuff(item, false);
+            item->SyncDiskSizeWithBag(ClampToU32(size));
+            return;
+        }
     }
-    checkin.Set(found);
-    if (found->SetDiskCacheFile(file, true)) found->SyncDiskSizeWithBag(ClampToU32(size));
+    // Under the item's lock, which its own deletions take too: a file it deleted since the scan
+    // listed it is not attached again, and a deletion after this sees the size accounted.
+    velacore::ScopedWriteLockWrapper w(same->GetLock());
+    if (!same->IsOnDisk() && file.Exists() && same->SetDiskCacheFile(file, true))
+        same->SyncDiskSizeWithBag(ClampToU32(size));
 }
 
 // The cache files under `dir` created at or after `mark` (0: all of them), and every writer's
@@ -144,14 +135,13 @@ void MC_Bag::ScanOneDiskCacheFile(const File& file) {
     } catch (const velacore::HostError&) {
         return;
     }
-    ScScanCheckin checkin;  // outlives the cache lock taken in Adopt
     try {
         ParsedCacheFileName parsed = ParseCacheFileName(file, GetAppVersion());
         const std::string matchname = velacore::ToUtf8(parsed.matchname);
         IntrusivePtr<MC_StuffData> data =
             MC_StuffData::CreateSubclass(matchname.c_str(), parsed.header);
         if (!data) return;  // no data class for it here: leave the file for someone who knows it
-        Adopt(*this, file, size, parsed.guid, std::move(data), checkin);
+        Adopt(*this, file, size, parsed.guid, std::move(data));
     } catch (int code) {
         if (g_scanTrace.Enabled())
             g_scanTrace.Write("ScanOneDiskCacheFile: deleting " + file.GetFullPathUtf8() +

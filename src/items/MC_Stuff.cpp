@@ -74,8 +74,10 @@ void MC_Stuff::UpdateWithNewGuid(const Guid& guid) {
     }
     IntrusivePtr<MC_Stuff> self(this);
     MCp_ScLock lock;
-    if (IsCheckedOutWriteable()) {
-        SetGuid(guid);  // already out of the directory; check-in re-adds it
+    if (IsCheckedOutWriteable()) {  // already out of the index; check-in re-adds it
+        dir->TakeBack(self);
+        SetGuid(guid);
+        dir->HoldOut(self);
         return;
     }
     dir->RemoveStuff(self);

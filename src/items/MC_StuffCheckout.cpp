@@ -45,7 +45,12 @@ MC_CheckoutResult MC_Stuff::CheckoutLocked(int flags, bool writeable, bool accep
     checkoutCount_.fetch_add(1);
     bool resident = inMemory;
     if (!resident && diskFile_ && !(flags & MC_CheckoutFlag_NoDiskRead)) {
-        resident = EnsureInMemory();
+        try {
+            resident = EnsureInMemory();
+        } catch (...) {
+            checkoutCount_.fetch_sub(1);
+            throw;
+        }
         if (!resident) {
             checkoutCount_.fetch_sub(1);
             return MC_CheckoutResult_Failed;
@@ -79,35 +84,61 @@ MC_CheckoutResult MC_Stuff::Checkout(int flags) {
     return result;
 }
 
+// Every refusal is decided under the locks before anything is read: the item is claimed first
+// (writeable, out of its sort directory), and only then is a disk-only payload read back, outside
+// the cache lock. A read that leaves nothing to check out gives the claim back.
 MC_CheckoutResult MC_Stuff::CheckoutForWrite(int flags) {
-    // Read back from disk before the cache lock is taken: no file I/O under it.
-    if (!(flags & (MC_CheckoutFlag_NoDiskRead | MC_CheckoutFlag_MemoryOnly)) && IsOnDisk() &&
-        !IsInMemory() && !MCp_ScLock::IsHeldByCurrentThread())
-        EnsureInMemory();
+    const bool readBack = !(flags & (MC_CheckoutFlag_NoDiskRead | MC_CheckoutFlag_MemoryOnly));
     const bool acceptPending =
         (flags & MC_CheckoutFlag_WaitIfPending) ||
         ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
          !ScNotifyHoldingMutexLock::IsHoldingLock());
-    const bool writeable = !(flags & MC_CheckoutFlag_ReadOnly);
     MC_CheckoutResult result;
     {
         MCp_ScLock lock;
         ScopedWriteLockWrapper w(lock_);
-        result = CheckoutLocked(flags, writeable, acceptPending);
-        if (result != MC_CheckoutResult_Failed && writeable) {
-            try {
-                TempRemoveFromSortDir(lock, w);
-            } catch (...) {
-                checkoutCount_.fetch_sub(1);
-                throw;
-            }
-            checkedOutWriteable_ = true;
+        result = CheckoutLocked(flags | MC_CheckoutFlag_NoDiskRead, true, acceptPending);
+        if (result == MC_CheckoutResult_Failed) return result;
+        try {
+            TempRemoveFromSortDir(lock, w);
+        } catch (...) {
+            checkoutCount_.fetch_sub(1);
+            throw;
+        }
+        checkedOutWriteable_ = true;
+    }
+    if (readBack && !IsInMemory() && IsOnDisk()) {
+        bool resident = false;
+        try {
+            resident = EnsureInMemory();
+        } catch (...) {
+            UndoWriteableCheckout();
+            throw;
+        }
+        if (!resident && !IsPendingRender() && !(flags & MC_CheckoutFlag_AllowNoData)) {
+            UndoWriteableCheckout();
+            return MC_CheckoutResult_Failed;
         }
     }
-    if (result == MC_CheckoutResult_Failed) return result;
     MCp_GetCounters().activeCheckouts.fetch_add(1);
     SyncMemorySizeWithBag(GetApproximateMemorySize());
     return result;
+}
+
+// Gives back a writeable check-out that failed after it was claimed: back into its sort
+// directory (displacing nothing) with the count as it was.
+void MC_Stuff::UndoWriteableCheckout() {
+    IntrusivePtr<MC_Stuff> self(this);
+    MCp_ScLock lock;
+    std::shared_ptr<MC_SortDir> dir;
+    {
+        ScopedWriteLockWrapper w(lock_);
+        checkedOutWriteable_ = false;
+        checkoutCount_.fetch_sub(1);
+        dir = sortDir_.lock();
+        sortDir_.reset();
+    }
+    if (dir) dir->AddStuff(self, false);
 }
 
 void MC_Stuff::Checkin(int flags, double computeTime) {
@@ -119,6 +150,7 @@ void MC_Stuff::Checkin(int flags, double computeTime) {
         if (wasWriteable) dir = sortDir_.lock();
     }
     bool decremented = false;
+    bool lastOut = false;
     {
         MCp_ScLock lock;
         IntrusivePtr<MC_Stuff> self(this);
@@ -138,25 +170,40 @@ void MC_Stuff::Checkin(int flags, double computeTime) {
             while (count != 0 && !checkoutCount_.compare_exchange_weak(count, count - 1)) {
             }
             decremented = count != 0;
+            lastOut = count == 1;
         }
         if (!(flags & MC_CheckinFlag_DontUpdateLastUsed)) {
             if (std::shared_ptr<MC_Bag> bag = LockBag()) bag->UpdateWithNewLastUsedTime(self, lock);
         }
     }
+    // A render completed under this writeable check-out waited for it to end (the writer cannot
+    // take an item held writeable); it is weighed here, once.
+    const bool renderDone = renderAwaitsCheckin_.exchange(false);
     if (flags & MC_CheckinFlag_Remove) {
         RemoveFromBagAndSortDir();
     } else if (flags & MC_CheckinFlag_Purge) {
         FreeUpAsMuchAsPossible(true, nullptr);
     } else {
-        CheckinDiskStep(flags, wasWriteable, computeTime);
+        CheckinDiskStep(flags, wasWriteable, computeTime, renderDone);
     }
+    if (lastOut && purgeAtLastCheckin_.load()) PurgeAfterLastCheckin();
     if (decremented) MCp_GetCounters().activeCheckouts.fetch_sub(1);
     SyncMemorySizeWithBag(GetApproximateMemorySize());
 }
 
+// Frees the payload of an item that left its bag while others still held it checked out.
+void MC_Stuff::PurgeAfterLastCheckin() {
+    MCp_ScLock lock;
+    ScopedWriteLockWrapper w(lock_);
+    if (GetCheckoutCount() != 0) return;
+    if (!purgeAtLastCheckin_.exchange(false) || bag_.lock()) return;  // back in a bag: keep it
+    PurgeIfPossiblePrivate(w, nullptr);
+}
+
 // The disk-write step of a check-in: forced writes go to the disk executor at once; writeable
 // check-ins ask whether the item is worth writing.
-void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime) {
+void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime,
+                               bool renderDone) {
     if (!(flags & MC_CheckinFlag_ForceWriteToDisk) && !wasWriteable) return;  // nothing to decide
     IntrusivePtr<MC_StuffData> data = GetDataPtr();
     if (!data || !data->IsInMemory() || !data->CanDiskCache()) return;
@@ -167,6 +214,10 @@ void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime)
         return;
     }
     if (!wasWriteable) return;
+    if (renderDone) {
+        MaybeWriteToDisk();  // on the render's own compute time, like any completed render
+        return;
+    }
     if (!MCp_DiskExecutor()) return;  // writer stopped: nothing is queued or counted
     std::shared_ptr<MC_Bag> bag = LockBag();
     if (!bag || !bag->IsDiskCacheEnabled()) return;
@@ -231,7 +282,10 @@ void MC_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> dat
     }
     if (data) {
         SyncMemorySizeWithBag(data->GetApproximateMemorySize());
-        MaybeWriteToDisk();
+        if (IsCheckedOutWriteable())
+            renderAwaitsCheckin_.store(true);
+        else
+            MaybeWriteToDisk();
         ScopedWriteLockWrapper w(lock_);
         findKeyData_.reset();
     } else {
@@ -266,14 +320,30 @@ void MC_Stuff::RemoveFromBagAndSortDir() {
     IntrusivePtr<MC_Stuff> self(this);
     MCp_ScLock lock;
     ScopedWriteLockWrapper w(lock_);
-    if (std::shared_ptr<MC_SortDir> dir = sortDir_.lock()) dir->RemoveStuff(self);
+    if (std::shared_ptr<MC_SortDir> dir = sortDir_.lock()) {
+        // A writeable holder (who got the item after a Remove check-in let go of it) has it out
+        // of the index already; forgetting the directory keeps its check-in from adding it back.
+        if (checkedOutWriteable_) {
+            dir->TakeBack(self);
+            sortDir_.reset();
+        } else
+            dir->RemoveStuff(self);
+    }
     if (std::shared_ptr<MC_Bag> bag = bag_.lock()) bag->RemoveStuff(self);
+    // A holder's payload is never freed under it: the last check-in frees it.
+    if (GetCheckoutCount() != 0) {
+        purgeAtLastCheckin_.store(true);
+        return;
+    }
+    purgeAtLastCheckin_.store(false);
     PurgeIfPossiblePrivate(w, nullptr);
 }
 
 void MC_Stuff::TempRemoveFromSortDir(const MCp_ScLock&, const ScopedWriteLockWrapper&) {
     std::shared_ptr<MC_SortDir> dir = GetSortDir();
     if (!dir) return;
-    dir->RemoveStuff(IntrusivePtr<MC_Stuff>(this));
+    IntrusivePtr<MC_Stuff> self(this);
+    dir->RemoveStuff(self);
     SetSortDir(dir);
+    dir->HoldOut(self);  // still found by scan-back, which must not give its file to a twin
 }

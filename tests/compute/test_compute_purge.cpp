@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "ComputeFixture.h"
@@ -33,6 +34,26 @@ class ComputePurge : public ComputeTest {
     }
     static constexpr int64_t kValueSize = sizeof(HistogramValue);
 };
+
+// Under a host whose top-level runner runs the check-in tasks late (here on another thread),
+// entries stay in the bag, purgeable, until the tasks run; a late task of a purged entry is void.
+TEST_F(ComputePurge, CheckinsUnderALateTopLevelRunner) {
+    host().SetDeferTopLevelFunctions(true);
+    ComputeIdle(1, 3);
+    ComputeIdle(1, 3);  // hits
+    ASSERT_EQ(bag_->GetNumItems(), 3);
+    ASSERT_EQ(host().DeferredTopLevelFunctionCount(), 6u);
+    {
+        ScopedReceipt held;
+        ASSERT_EQ(Checkout(Params(2), 0, held.Out()), 0);
+        EXPECT_EQ(PurgeEverythingIdle(), 2 * kValueSize);
+        std::thread([&] { EXPECT_EQ(host().RunDeferredTopLevelFunctions(), 6u); }).join();
+        EXPECT_NE(ValueOf(held.Get()), nullptr);
+    }
+    EXPECT_EQ(host().RunDeferredTopLevelFunctions(), 1u);
+    EXPECT_EQ(bag_->GetNumItems(), 1);
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), kValueSize);
+}
 
 TEST_F(ComputePurge, MemoryPressureDisposesEachIdleValueExactlyOnce) {
     ComputeIdle(1, 5);

@@ -112,14 +112,55 @@ TEST_F(ReadBack, FileWithoutHeaderIsReadFromItsFirstByte) {
     EXPECT_DOUBLE_EQ(item->GetComputeTime(), 0.75);  // no header: times unchanged
 }
 
-TEST_F(ReadBack, WriteableCheckOutOfAPurgedItemReadsItBack) {
+// A writeable check-out reads a purged item back only once it has the item to itself: refused
+// while another holds it, it leaves payload and totals alone; a read that fails gives it back.
+TEST_F(ReadBack, WriteableCheckOutReadsBackOnlyWhenItGetsTheItem) {
     IntrusivePtr<MC_Stuff> item = NewItemInBag(7, 4000);
     WriteNow(item);
     item->FreeUpAsMuchAsPossible(true, nullptr);
     ASSERT_FALSE(item->IsInMemory());
+    ASSERT_EQ(item->Checkout(MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_NoDiskRead),
+              MC_CheckoutResult_CheckedOut);
+    const int64_t inMemory = bag_->GetInMemoryCacheSizeInBytes_LockFree();
+    EXPECT_EQ(item->Checkout(0), MC_CheckoutResult_Failed);
+    EXPECT_FALSE(item->IsInMemory());
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), inMemory);
+    item->Checkin(MC_CheckinFlag_DontUpdateLastUsed, 0.0);
+
     ASSERT_EQ(item->Checkout(0), MC_CheckoutResult_CheckedOut);
+    EXPECT_TRUE(item->IsCheckedOutWriteable());
     EXPECT_TRUE(HasKeyPattern(item, 7, 4000));
     item->Checkin(0, 0.0);
+
+    item->FreeUpAsMuchAsPossible(true, nullptr);
+    PayloadOf(item)->SetReadFailure(true);
+    EXPECT_EQ(item->Checkout(0), MC_CheckoutResult_Failed);
+    EXPECT_EQ(item->GetCheckoutCount(), 0u);
+    EXPECT_FALSE(item->IsCheckedOutWriteable());
+    EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);  // back in its directory
+}
+
+// A host that refuses quiet-errors mode gets its code back, and nothing is read or held.
+TEST_F(ReadBack, RefusedQuietModeThrowsItsCode) {
+    IntrusivePtr<MC_Stuff> item = NewItemInBag(8, 4000);
+    WriteNow(item);
+    item->FreeUpAsMuchAsPossible(true, nullptr);
+    host().SetQuietErrorsRefusal(77);
+    for (int flags : {-1, int{MC_CheckoutFlag_ReadOnly}, 0}) {
+        try {
+            if (flags < 0)
+                item->EnsureInMemory();
+            else
+                item->Checkout(flags);
+            ADD_FAILURE() << "no throw, flags " << flags;
+        } catch (int code) {
+            EXPECT_EQ(code, 77);
+        }
+        EXPECT_FALSE(item->IsInMemory());
+        EXPECT_EQ(item->GetCheckoutCount(), 0u);
+    }
+    EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
+    host().SetQuietErrorsRefusal(0);
 }
 
 TEST_F(ReadBack, NoFileIsReadOrWrittenUnderTheCacheLock) {

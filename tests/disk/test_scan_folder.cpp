@@ -167,6 +167,47 @@ TEST_F(ScanTest, EqualItemAlreadyInTheBagGetsTheFileInstead) {
     EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), expectedBytes_);
 }
 
+// Variants of one key: a file goes only to the item identical to its own, never to one that
+// merely satisfies it, and every variant's file becomes an item of its own, counted once.
+TEST_F(ScanTest, EachVariantsFileIsAdoptedByItsOwnItemOnly) {
+    const File v1 = WriteTestCacheFile(cache_, 7, 1, kAppVersion, 16);
+    const File v2 = WriteTestCacheFile(cache_, 7, 2, kAppVersion, 40, 8192);
+    const int64_t both = static_cast<int64_t>(fs::file_size(v1.GetFullPath()) + 8192);
+    auto fileOfVariant = [&](uint32_t variant) {
+        for (const auto& item : bag_->SnapshotItems())
+            if (dynamic_cast<mctest::TestPayload&>(*item->GetDataPtr()).Variant() == variant)
+                return item->GetDiskCacheFile();
+        return File();
+    };
+    for (const auto& order : {std::vector<File>{v2, v1}, std::vector<File>{v1, v2}}) {
+        for (const File& f : order) MC_ScanOneDiskCacheFile(f);
+        EXPECT_EQ(bag_->GetNumItems(), 2);
+        EXPECT_EQ(fileOfVariant(1), v1);
+        EXPECT_EQ(fileOfVariant(2), v2);
+        EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), both);
+        bag_->ClearBagAndSortDir();
+    }
+
+    // A resident variant 2 does not take variant 1's file, so after a purge a request for
+    // variant 2 is never served variant 1's bytes.
+    IntrusivePtr<MC_Stuff> resident = mctest::MakeItem(7, 100, 2);
+    resident->AddToBagAndSortDir(bag_);
+    MC_ScanOneDiskCacheFile(v1);
+    EXPECT_FALSE(resident->IsOnDisk());
+    EXPECT_EQ(fileOfVariant(1), v1);
+    bag_->PurgeAllMemoryCaches();
+    for (uint32_t variant : {1u, 2u}) {
+        MC_ScCheckout receipt;
+        if (receipt.FindAndCheckout(mctest::MakeRequest(7, variant), MC_CheckoutFlag_ReadOnly) ==
+            MC_CheckoutResult_Failed)
+            continue;
+        auto* payload =
+            dynamic_cast<mctest::TestPayload*>(receipt.GetStuffPtr()->GetDataPtr().get());
+        ASSERT_NE(payload->Bytes(), nullptr);
+        EXPECT_EQ(payload->Bytes()->size(), payload->Variant() == 1 ? 16u : 100u) << variant;
+    }
+}
+
 TEST_F(ScanTest, FilesHandedOverOneByOne) {
     const File readme = WriteRawFile(cache_, u"readme.txt");
     const File notOurs = WriteRawFile(cache_, u"a.b.txt");

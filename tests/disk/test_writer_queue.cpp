@@ -31,6 +31,32 @@ class Writer : public DiskCacheTest {
     }
 };
 
+// A render completed through a writeable pending check-out is weighed for disk when its data
+// arrives, and not again by its check-in: one queue entry and one file per render.
+TEST_F(Writer, AWriteableRenderIsQueuedOnce) {
+    auto gate = std::make_shared<GatedPayload::Gate>();
+    gate->Close();
+    const uint64_t queuedBefore = counters().normalWritesQueued.load();
+    for (uint32_t key = 1; key <= 4; ++key) {
+        MC_ScCheckout receipt;
+        ASSERT_EQ(receipt.FindAndCheckout(mctest::MakeRequest(key), MC_CheckoutFlag_CreatePending),
+                  MC_CheckoutResult_CreatedNewPending);
+        ASSERT_TRUE(receipt.GetStuffPtr()->IsCheckedOutWriteable());
+        auto* payload = new GatedPayload(key, 2000, gate);
+        payload->SetDiskCacheable(true);
+        payload->SetCachePriority(MC_CachePriority_Normal);
+        receipt.GetStuffPtr()->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(payload),
+                                                             2.0);
+        receipt.Checkin(0, 2.0);
+    }
+    EXPECT_EQ(counters().normalWritesQueued.load() - queuedBefore, 4u);
+    gate->Open();
+    ASSERT_TRUE(DrainWriter());
+    EXPECT_EQ(gate->started, 4);
+    EXPECT_EQ(CacheFiles().size(), 4u);
+    EXPECT_EQ(MCp_DiskWriteQueue::Get().Count(), 0);
+}
+
 TEST_F(Writer, OldestEntriesGoFirstAndAtMostTwoAtATime) {
     auto gate = std::make_shared<GatedPayload::Gate>();
     gate->Close();

@@ -222,15 +222,25 @@ TEST_F(CheckoutState, MisuseIsReportedOnlyOnTheMainThread) {
     EXPECT_TRUE(host().ErrStrings().empty());
 }
 
-TEST_F(CheckoutState, CheckinFlagsRemoveWinsOverPurge) {
+// A Remove check-in takes the item out of bag and directory at once (Remove wins over Purge),
+// but frees its payload only when the last holder has checked in.
+TEST_F(CheckoutState, RemoveCheckinFreesThePayloadAtTheLastCheckinOnly) {
     IntrusivePtr<MC_Stuff> stuff = MakeItem(1, 10);
     stuff->AddToBagAndSortDir(bag_);
     auto data = StaticPointerCast<TestPayload>(stuff->GetDataPtr());
+    MC_ScCheckout other(stuff, MC_CheckoutFlag_ReadOnly);
     ASSERT_EQ(stuff->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
     stuff->Checkin(MC_CheckinFlag_Remove | MC_CheckinFlag_Purge, 0.0);
     EXPECT_EQ(bag_->GetNumItems(), 0);
-    EXPECT_EQ(data->Purges(), 1);  // removal purges once, no separate purge
+    EXPECT_EQ(bag_->GetNumGuidSortedItems(), 0);
+    EXPECT_EQ(data->Purges(), 0);  // the other holder still reads it
+    ASSERT_NE(data->Bytes(), nullptr);
+    EXPECT_EQ(data->Bytes()->size(), 10u);
+
+    other.Checkin();
+    EXPECT_EQ(data->Purges(), 1);  // once, by the last check-in
     EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 0);
+    EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
 }
 
 TEST_F(CheckoutState, CheckinWithPurgeFreesTheItemsMemory) {

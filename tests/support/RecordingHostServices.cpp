@@ -154,8 +154,14 @@ int RecordingHostServices::TranslateAndReportException(std::exception_ptr error)
 
 int RecordingHostServices::StartQuietErrorsOnCurrentThread(int) {
     Lock lock(mutex_);
+    if (quietRefusal_ != 0) return quietRefusal_;
     ++quietDepth_[std::this_thread::get_id()];
     return 0;
+}
+
+void RecordingHostServices::SetQuietErrorsRefusal(int code) {
+    Lock lock(mutex_);
+    quietRefusal_ = code;
 }
 
 void RecordingHostServices::EndQuietErrorsOnCurrentThread() {
@@ -212,8 +218,32 @@ void RecordingHostServices::ExecuteTopLevelFunction(const std::function<void()>&
     {
         Lock lock(mutex_);
         ++topLevel_;
+        if (deferTopLevel_) {
+            deferredTopLevel_.push_back(fn);
+            return;
+        }
     }
     fn();
+}
+
+void RecordingHostServices::SetDeferTopLevelFunctions(bool defer) {
+    Lock lock(mutex_);
+    deferTopLevel_ = defer;
+}
+
+size_t RecordingHostServices::RunDeferredTopLevelFunctions() {
+    std::vector<std::function<void()>> tasks;
+    {
+        Lock lock(mutex_);
+        tasks.swap(deferredTopLevel_);
+    }
+    for (const auto& task : tasks) task();
+    return tasks.size();
+}
+
+size_t RecordingHostServices::DeferredTopLevelFunctionCount() const {
+    Lock lock(mutex_);
+    return deferredTopLevel_.size();
 }
 
 uint64_t RecordingHostServices::TopLevelFunctionCount() const {

@@ -88,7 +88,7 @@ class RecordingHostServices : public velacore::HostServices {
     bool IsOnMainThread() override;
     bool IsHoldingNotifyLock() override;
     bool IsApplicationFrontmost() override;
-    // Runs fn at once and counts it.
+    // Counts fn and runs it at once, or queues it while deferring (see below).
     void ExecuteTopLevelFunction(const std::function<void()>& fn) override;
     void Log(int level, std::string_view category, std::string_view event,
              std::string_view text) override;
@@ -144,6 +144,12 @@ class RecordingHostServices : public velacore::HostServices {
     std::map<std::string, std::pair<uint64_t, int64_t>> Profiles() const;
     std::vector<BetaFeatureInfo> RegisteredBetaFeatures() const;
     uint64_t TopLevelFunctionCount() const;
+    // A host whose top-level runner queues tasks and runs them after the call returned: while
+    // deferring, tasks wait until RunDeferredTopLevelFunctions (on the calling thread) runs the
+    // ones queued so far and returns how many. Tasks still queued die with the services.
+    void SetDeferTopLevelFunctions(bool defer);
+    size_t RunDeferredTopLevelFunctions();
+    size_t DeferredTopLevelFunctionCount() const;
     // Forgets every record above (not the settings).
     void ClearRecords();
 
@@ -156,6 +162,8 @@ class RecordingHostServices : public velacore::HostServices {
     // Whether the calling thread holds the notification lock.
     void SetHoldingNotifyLock(bool holding);
     void SetFrontmost(bool frontmost);
+    // A non-zero code makes StartQuietErrorsOnCurrentThread refuse with it (0 accepts again).
+    void SetQuietErrorsRefusal(int code);
     // Shows channel up to level (negative hides it) and notifies cached trace sites.
     void SetTraceLevel(std::string_view channel, int level);
     void SetProfiling(bool on, int volume);
@@ -206,12 +214,15 @@ class RecordingHostServices : public velacore::HostServices {
     std::map<std::string, std::pair<uint64_t, int64_t>> profiles_;
     std::vector<BetaFeatureInfo> betaFeatures_;
     uint64_t topLevel_ = 0;
+    bool deferTopLevel_ = false;
+    std::vector<std::function<void()>> deferredTopLevel_;
     // switches
     std::map<std::thread::id, int> quietDepth_;
     std::thread::id mainThread_;
     std::optional<bool> everyThreadMain_;
     std::set<std::thread::id> notifyHolders_;
     bool frontmost_ = true;
+    int quietRefusal_ = 0;
     std::map<std::string, int, std::less<>> traceLevels_;
     bool profiling_ = false;
     int profilingVolume_ = 0;
