@@ -136,6 +136,16 @@ bool EnsureCacheSubfolder(const Dir& cacheDir, const std::u16string& name) {
     }
 }
 
+bool CacheSubfolderIsLinked(const Dir& cacheDir, const std::u16string& name) {
+    velacore::FileSystem& fs = velacore::GetFileSystem();
+    try {
+        return fs.IsSymbolicLink(cacheDir.GetFullPath()) ||
+               fs.IsSymbolicLink(cacheDir.GetSubdir(name.substr(0, 2)).GetFullPath());
+    } catch (...) {
+        return true;  // cannot tell: do not write there
+    }
+}
+
 // --- parsing -------------------------------------------------------------------------------
 
 ParsedCacheFileName ParseCacheFileName(const File& file, uint32_t expectedAppVersion) {

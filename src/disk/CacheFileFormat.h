@@ -73,6 +73,10 @@ velacore::File CacheFileFor(const velacore::Dir& cacheDir, const std::u16string&
 // later file creation reports them.
 bool EnsureCacheSubfolder(const velacore::Dir& cacheDir, const std::u16string& name);
 
+// Whether the folder or the sub-folder of `name` is a symbolic link: someone replaced it, and a
+// file written there would land outside the cache folder. Errors count as linked.
+bool CacheSubfolderIsLinked(const velacore::Dir& cacheDir, const std::u16string& name);
+
 // What a cache-file name carries.
 struct ParsedCacheFileName {
     velacore::Guid guid;

@@ -8,6 +8,7 @@
 
 #include "disk/CacheFileFormat.h"
 #include "disk/DiskStats.h"
+#include "disk/DiskTempSweep.h"
 #include "disk/FastWriteOnlyStream.h"
 #include "lifecycle/Counters.h"
 #include "lifecycle/Messages.h"
@@ -52,16 +53,13 @@ class ScFlagClaim {
 };
 
 constexpr int32_t kPurgeGuardWriting = 1;
-// A temporary file untouched for this long was left by a writer that died; it is removed.
-constexpr int64_t kAbandonedTempNanos = int64_t{600} * 1'000'000'000;
-
 // Removes `temp` when it was abandoned (never throws). Returns whether it is gone.
 bool RemoveIfAbandoned(const velacore::File& temp) {
     try {
         const int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(
                                 std::chrono::system_clock::now().time_since_epoch())
                                 .count();
-        if (now - temp.Modified() < kAbandonedTempNanos) return false;
+        if (now - temp.Modified() < kAbandonedTempFileNanos) return false;
         temp.Delete();
         return true;
     } catch (...) {
@@ -137,6 +135,7 @@ void MC_Stuff::PrepAndWrite(const std::shared_ptr<MC_Bag>& bag) {
     const std::u16string name =
         BuildCacheFileName(guid, data->GetSubclassMatchname(), header.appVersion, headerBytes);
     EnsureCacheSubfolder(folder, name);
+    if (CacheSubfolderIsLinked(folder, name)) return;  // never write through a planted link
     const velacore::File file = CacheFileFor(folder, name);
     velacore::SafeSave save(file);
     const velacore::File& temp = save.GetTempFile();

@@ -65,6 +65,10 @@ bool FileSystemWrapper::IsDirectory(const std::filesystem::path& path) {
     return target_->IsDirectory(path);
 }
 
+bool FileSystemWrapper::IsSymbolicLink(const std::filesystem::path& path) {
+    return target_->IsSymbolicLink(path);
+}
+
 void FileSystemWrapper::CreateDirectory(const std::filesystem::path& path) {
     target_->CreateDirectory(path);
 }

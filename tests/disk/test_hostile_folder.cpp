@@ -251,4 +251,16 @@ TEST_F(DiskCacheTest, CreatedFoldersAndFilesAreNotWritableByOthers) {
     EXPECT_EQ(files, 1u);
 }
 
+// A sub-folder someone replaced with a link out of the folder is never written through.
+TEST_F(DiskCacheTest, WriterDoesNotWriteThroughALinkedSubfolder) {
+    mctest::TempDir outside("mc-outside");
+    const fs::path cache = Folder().GetFullPath();
+    fs::create_directories(cache);
+    fs::create_directory_symlink(outside.Path(), cache / SubOf(10));
+    const IntrusivePtr<MC_Stuff> item = NewItemInBag(10, 5000);
+    WriteNow(item);
+    EXPECT_TRUE(fs::is_empty(outside.Path()));
+    EXPECT_FALSE(item->IsOnDisk());
+}
+
 }  // namespace

@@ -112,6 +112,9 @@ class MCHOST_API FileSystem {
     // Whether the path is a folder (false when missing or not a folder).
     virtual bool IsDirectory(const std::filesystem::path& path) = 0;
 
+    // Whether the entry at the path is itself a symbolic link (or junction); false when missing.
+    virtual bool IsSymbolicLink(const std::filesystem::path& path) = 0;
+
     // Creates one folder level, writable by its owner only (at most 0755, less the umask).
     // Succeeds if the folder already exists; a file in its place
     // throws IOError (EEXIST); a missing parent throws FileNotFoundError.
@@ -158,6 +161,7 @@ class MCHOST_API FileSystemWrapper : public FileSystem {
     int64_t ModificationTime(const std::filesystem::path& path) override;
     bool Exists(const std::filesystem::path& path) override;
     bool IsDirectory(const std::filesystem::path& path) override;
+    bool IsSymbolicLink(const std::filesystem::path& path) override;
     void CreateDirectory(const std::filesystem::path& path) override;
     void RemoveDirectory(const std::filesystem::path& path) override;
     void RemoveDirectoryRecursive(const std::filesystem::path& path) override;

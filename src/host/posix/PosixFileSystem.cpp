@@ -98,6 +98,13 @@ bool PosixFileSystem::IsDirectory(const std::filesystem::path& path) {
     ThrowLastFsError("stat", path);
 }
 
+bool PosixFileSystem::IsSymbolicLink(const std::filesystem::path& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) == 0) return S_ISLNK(st.st_mode);
+    if (IsMissing(errno)) return false;
+    ThrowLastFsError("lstat", path);
+}
+
 size_t PosixFileSystem::GetBlockSize(const std::filesystem::path& path) {
     return std::max<size_t>(512, static_cast<size_t>(StatOrThrow(path).st_blksize));
 }

@@ -31,6 +31,7 @@ class MCHOST_API PosixFileSystem final : public FileSystem {
     int64_t ModificationTime(const std::filesystem::path& path) override;
     bool Exists(const std::filesystem::path& path) override;
     bool IsDirectory(const std::filesystem::path& path) override;
+    bool IsSymbolicLink(const std::filesystem::path& path) override;
     void CreateDirectory(const std::filesystem::path& path) override;
     void RemoveDirectory(const std::filesystem::path& path) override;
     void RemoveDirectoryRecursive(const std::filesystem::path& path) override;
