@@ -15,28 +15,14 @@
 #include "Cli.h"
 #include "Output.h"
 #include "support/TempDir.h"
+#include "tools/ToolRun.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-struct ToolRun {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-ToolRun Mcache(std::vector<std::string> args) {
-    args.insert(args.begin(), "mcache");
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const int status = mcache::Main(static_cast<int>(argv.size()), argv.data());
-    ToolRun r{status, testing::internal::GetCapturedStdout(),
-              testing::internal::GetCapturedStderr()};
-    return r;
-}
+using mctest::Mcache;
+using mctest::ToolRun;
 
 // High priority: frames are written whenever the queue has room, however fast they render.
 std::vector<std::string> DemoArgs(const fs::path& root) {

@@ -13,27 +13,14 @@
 #include "mc/standalone/StandaloneHost.h"
 #include "mc/host/TextConvert.h"
 #include "support/TempDir.h"
+#include "tools/ToolRun.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-struct ToolRun {
-    int status;
-    std::string out;
-};
-
-ToolRun Mcache(std::vector<std::string> args) {
-    args.insert(args.begin(), "mcache");
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const int status = mcache::Main(static_cast<int>(argv.size()), argv.data());
-    ToolRun run{status, testing::internal::GetCapturedStdout()};
-    testing::internal::GetCapturedStderr();
-    return run;
-}
+using mctest::Mcache;
+using mctest::ToolRun;
 
 std::string MachineDirName() {
     velacore::SetHostServices(velacore::StandaloneHostServices::CreateFromEnvironment());
