@@ -191,7 +191,6 @@ private:
     void UndoWriteableCheckout();
     void PurgeAfterLastCheckin();
     void SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> data, double computeTime);
-    void CheckinRecency(int flags, bool wasWriteable, const std::shared_ptr<MC_SortDir>& dir);
     void CheckinDiskStep(int flags, bool wasWriteable, double computeTime, bool renderDone);
     void ThrowIfCheckedOutLessThan(int n);
     void ThrowIfCheckedOutMoreThan(int n);
