@@ -3,7 +3,9 @@
 // finds items by GUID. Also the disk-cache settings and budget. One global bag exists per process
 // (MC_GlobalBag), owned by shared_ptr; items point back to it weakly.
 // Thread-safety: every member may be called from any thread. Structural changes happen under the
-// process-wide cache lock (MCp_ScLock); the size totals are atomics readable without it.
+// process-wide cache lock (MCp_ScLock); the size totals are atomics readable without it. The disk
+// folder settings have their own mutex, taken after the cache lock when both are held. The fields
+// below are grouped by what guards them.
 #pragma once
 
 #include <atomic>
@@ -133,19 +135,28 @@ private:
     void TrackLastPurgedUsedTime(uint64_t t) { lastPurgedUsedTime_.store(t); }
     void TraceMediaMapChange(const char* what, const StuffPtr& stuff);
 
+    // --- guarded by the cache lock (with each item's place in it, MC_Stuff::bagIt_) ---
     MC_MruSet mru_;
-    std::shared_ptr<MC_SortDir> sortDir_;
-    std::atomic<bool> diskEnabled_{false};
+
+    // --- set at construction, never changed ---
+    std::shared_ptr<MC_SortDir> sortDir_;  // its contents are guarded by the cache lock
+    unsigned appVersion_;
+    std::shared_ptr<std::list<IntrusivePtr<MC_Stuff>>> spareList_;  // allocated, never used
+
+    // --- guarded by diskInfoMutex_ ---
+    mutable std::recursive_mutex diskInfoMutex_;
     std::unique_ptr<velacore::Dir> diskDir_;
     std::u16string rootPath_;
-    mutable std::recursive_mutex diskInfoMutex_;
-    std::atomic<int64_t> maxDisk_{0};
+    uint64_t lastScanMark_ = 0;
+
+    // --- atomic: read without locks ---
+    std::atomic<bool> diskEnabled_{false};
+    std::atomic<int64_t> maxDisk_{0};  // stored under the cache lock and diskInfoMutex_
     std::atomic<int64_t> diskSize_{0};
-    unsigned appVersion_;
-    std::atomic<uint64_t> lastPurgedUsedTime_{0};
+    std::atomic<uint64_t> lastPurgedUsedTime_{0};  // stored under the cache lock
     std::atomic<int64_t> inMemory_{0};
     std::atomic<int64_t> checkedOut_{0};
+
+    // --- thread-safe by itself ---
     velacore::Signal<void()> diskOutOfSpace_;
-    std::shared_ptr<std::list<IntrusivePtr<MC_Stuff>>> spareList_;
-    uint64_t lastScanMark_ = 0;
 };

@@ -2,9 +2,32 @@
 // bookkeeping that lets many threads share it: check-out count and writeable check-out, a pending
 // render with a gate other threads wait on, the last-use time for the recency order, compute
 // time, disk file, and the sizes it reported to its bag.
+//
+// States, and the methods that move between them (the four axes are independent):
+//   render     pending -> complete: MC_Stuff() starts pending (gate closed), CreateNew() is born
+//              complete. SetStuffDataFromPendingRender completes it once (a null payload abandons
+//              it: the item leaves its bag) and opens the gate; WaitForPendingCompletion blocks
+//              on the gate. There is no way back to pending.
+//   check-out  idle (count 0) -> read (count >= 1): Checkout with MC_CheckoutFlag_ReadOnly.
+//              idle -> write (count 1, writeable, held out of its sort directory): Checkout
+//              without it; read (count 1) -> write: ConvertToWriteable (deletes the disk file).
+//              Checkin lowers the count (write -> idle puts the item back in its directory);
+//              UndoWriteableCheckout gives back a write claim whose read-back failed.
+//   residence  resident (payload in memory) and/or on disk (a file attached); neither while
+//              pending. Disk -> resident: EnsureInMemory / PrepAndRead (from a check-out).
+//              Resident -> not: FreeUpAsMuchAsPossible (idle only), PurgeAfterLastCheckin, a
+//              failed read. On disk: PrepAndWrite, SetDiskCacheFile (scan adoption); off disk:
+//              DeleteDiskCacheFile, MaybeDeleteDiskCacheFile, ClearDiskCacheFile. An idle
+//              complete item with neither leaves its bag (FreeUpAsMuchAsPossible).
+//   purge/write  the purge guard word: idle 0 -> purging 2 (PurgeIfPossiblePrivate) or
+//              writing 1 (PrepAndWrite); each skips the item while the other holds it. At most
+//              one PrepAndWrite per item runs (writeInProgress_).
+// Membership: AddToBagAndSortDir / RemoveFromBagAndSortDir; removed while checked out, the
+// payload is freed at the last check-in (purgeAtLastCheckin_).
+//
 // Thread-safety: any thread may use any item. Lock order: a receipt's lock, then the cache lock
-// (MCp_ScLock), then the item lock; never the cache lock while holding an item lock. Counters,
-// reported sizes, the last-use time and the pending flag are atomics readable without locks.
+// (MCp_ScLock), then the item lock; never the cache lock while holding an item lock. The fields
+// below are grouped by what guards them.
 #pragma once
 
 #include <atomic>
@@ -203,36 +226,57 @@ private:
     void LockGuid() const;
     void UnlockGuid() const { guidSpin_.store(0, std::memory_order_release); }
 
+    // --- guarded by the GUID spin lock (LockGuid/UnlockGuid); re-keying an item that is in a
+    // sort directory also holds the cache lock (UpdateWithNewGuid) ---
     mutable std::atomic<int32_t> guidSpin_{0};
     velacore::Guid guid_;
-    IntrusivePtr<MC_StuffData> data_;
-    IntrusivePtr<MC_StuffData> findKeyData_;
-    std::atomic<uint32_t> checkoutCount_{0};
-    bool checkedOutWriteable_ = false;
-    std::atomic<uint64_t> lastUseTime_;
+
+    // --- atomic: read without locks ---
+    std::atomic<uint64_t> lastUseTime_;  // the recency set keeps its own copy taken at insertion
     std::atomic<uint64_t> lastReadFromDiskTime_{0};
-    std::shared_ptr<velacore::File> diskFile_;
-    std::weak_ptr<MC_Bag> bag_;
-    MC_MruSet::iterator bagIt_{};
-    bool hasBagIt_ = false;
-    std::weak_ptr<MC_SortDir> sortDir_;
-    uint64_t mediaMapId_ = 0;
-    velacore::Guid mediaMapGuid_;
-    std::atomic<bool> pending_{true};
-    std::shared_ptr<velacore::OpenOnceGate> gate_;
-    std::weak_ptr<velacore::OpenOnceGate> gateWeak_;
-    std::thread::id creatorThread_;
+    // Changed only under the item lock (upgrade or write; check-in also holds the cache lock);
+    // GetCheckoutCount reads it without locks.
+    std::atomic<uint32_t> checkoutCount_{0};
+    std::atomic<bool> pending_{true};  // set once to false by the first completion
     std::atomic<uint32_t> diskHolds_{0};
-    StateSignal stateSignal_;
-    std::atomic<uint32_t> memSizeReported_{0};
+    std::atomic<uint32_t> memSizeReported_{0};  // sizes last reported to the bag (exchanged)
     std::atomic<uint32_t> checkedOutSizeReported_{0};
     std::atomic<uint32_t> diskSizeReported_{0};
     std::atomic<bool> taggedToWrite_{false};
-    std::atomic<bool> writeInProgress_{false};
+    std::atomic<bool> writeInProgress_{false};      // claimed by PrepAndWrite for its run
     std::atomic<bool> renderAwaitsCheckin_{false};  // completed under a writeable check-out
-    std::atomic<bool> purgeAtLastCheckin_{false};   // left its bag while checked out
-    std::atomic<int32_t> purgeGuard_{0};            // 0 idle, 2 purging, 1 writing
+    // Left its bag while checked out: set and cleared under the cache lock and the item write
+    // lock, read by Checkin without locks.
+    std::atomic<bool> purgeAtLastCheckin_{false};
+
+    // --- compare-and-swap word shared by the purge and the writer ---
+    std::atomic<int32_t> purgeGuard_{0};  // 0 idle, 2 purging, 1 writing
+
+    // --- set at construction, never changed (gateWeak_ is initialised from gate_) ---
+    std::shared_ptr<velacore::OpenOnceGate> gate_;
+    std::weak_ptr<velacore::OpenOnceGate> gateWeak_;
+    std::thread::id creatorThread_;
+
+    // --- thread-safe by itself; emitted outside the item lock, except when a disk file is
+    // deleted under it (MaybeDeleteDiskCacheFile, a failed read-back) ---
+    StateSignal stateSignal_;
+
+    // --- guarded by the item lock ---
+    IntrusivePtr<MC_StuffData> data_;
+    IntrusivePtr<MC_StuffData> findKeyData_;
+    std::shared_ptr<velacore::File> diskFile_;
+    uint64_t mediaMapId_ = 0;
+    velacore::Guid mediaMapGuid_;
     double computeTime_ = 0.0;
     double cachedComputeTimeSavings_ = 0.0;
+
+    // --- written under the cache lock and the item write lock; read under the item lock ---
+    bool checkedOutWriteable_ = false;
+    std::weak_ptr<MC_Bag> bag_;
+    MC_MruSet::iterator bagIt_{};  // valid only while the cache lock is held
+    bool hasBagIt_ = false;
+    std::weak_ptr<MC_SortDir> sortDir_;
+
+    // --- the item lock ---
     mutable velacore::MultiTenantRecursiveMutex lock_;
 };
