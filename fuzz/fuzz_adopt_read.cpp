@@ -95,8 +95,10 @@ struct Module {
             return data;
         };
         MC_StuffData::RegisterFactory(kMatchname, factory);
-        char pattern[] = "/tmp/mc-fuzz-XXXXXX";
-        if (!::mkdtemp(pattern)) std::abort();
+        // Under $TMPDIR: scripts/fuzz.sh points it at a folder it removes afterwards.
+        const char* tmp = std::getenv("TMPDIR");
+        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/mc-fuzz-XXXXXX";
+        if (!::mkdtemp(pattern.data())) std::abort();
         root = pattern;
         bag = MC_GlobalBag();
         bag->SetDiskCacheInfo(velacore::Dir(root), 64);

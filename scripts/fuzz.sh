@@ -16,7 +16,7 @@ for target in cache_name adopt_read; do
   echo "=== fuzz_${target}: ${seconds}s ==="
   # New inputs go to a scratch copy of the corpus, so the repository's stays small.
   cp -r "fuzz/corpus/${target}" "$work/${target}"
-  if ! (cd "$work" && "$OLDPWD/build/fuzz/fuzz/fuzz_${target}" -max_total_time="$seconds" \
+  if ! (cd "$work" && TMPDIR="$work" "$OLDPWD/build/fuzz/fuzz/fuzz_${target}" -max_total_time="$seconds" \
           -timeout=10 -rss_limit_mb=2048 -max_len=4096 -artifact_prefix="$artifacts/${target}-" "$work/${target}"); then
     echo "fuzz_${target}: FAILED; the reproducer is in $artifacts" >&2
     status=1
