@@ -1,6 +1,7 @@
 # Installs the build into a temporary prefix and moves the prefix elsewhere: the moved mcache
 # runs a small demo with its installed plug-in, examples/embed builds with find_package(MC) and
-# runs twice on one folder (the second run reads back from disk), a host that calls only MC_*
+# runs twice on one folder (the second run reads back from disk), a host with its own services
+# links and loads neither spdlog, fmt nor toml++, a host that calls only MC_*
 # functions builds with the pkg-config flags and runs, and a C plug-in compiles with the plug-in
 # pkg-config file. Variables: BUILD_DIR, SOURCE_DIR, WORK_DIR.
 file(REMOVE_RECURSE "${WORK_DIR}")
@@ -43,6 +44,18 @@ run("first run of mc_embed" "${WORK_DIR}/embed/mc_embed" "${WORK_DIR}/embed-cach
 message(STATUS "first run: ${out}")
 run("second run of mc_embed" "${WORK_DIR}/embed/mc_embed" "${WORK_DIR}/embed-cache")
 message(STATUS "second run: ${out}")
+
+# A host that brings its own services links MC::MC and MC::mchost only: nothing of the
+# standalone host's dependencies (spdlog, fmt, toml++) may be needed by it or loaded with it.
+run("configure of examples/own_services" ${CMAKE_COMMAND} -S "${SOURCE_DIR}/examples/own_services"
+    -B "${WORK_DIR}/own" -G Ninja -DCMAKE_PREFIX_PATH=${prefix})
+run("build of examples/own_services" ${CMAKE_COMMAND} --build "${WORK_DIR}/own")
+run("run of mc_own_services" "${WORK_DIR}/own/mc_own_services")
+message(STATUS "own services: ${out}")
+run("ldd of mc_own_services" ldd "${WORK_DIR}/own/mc_own_services")
+if(out MATCHES "spdlog|libfmt|toml" OR NOT out MATCHES "libmchost")
+  message(FATAL_ERROR "a host with its own services loads the standalone dependencies:\n${out}")
+endif()
 
 # A host that calls only MC_* functions on the standalone services, built with the pkg-config
 # flags (the linker may drop the direct libmchost dependency: libMC must find it by itself).
