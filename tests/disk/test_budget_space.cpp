@@ -73,6 +73,13 @@ TEST_F(DiskBudget, TheFirstIdleFileUsedAtOrAfterTheLimitEndsTheWalk) {
     EXPECT_EQ(OnDisk(), (std::vector<bool>{false, false, true, true}));
 }
 
+TEST_F(DiskBudget, TheWalkGoesInBagOrderAndStopsAtARecentlyUsedItemAheadOfOlderOnes) {
+    FillBudget();
+    MCp_StuffAccess::SetLastUseTime(*items_[0], 5000);  // first in the bag, used last
+    EXPECT_FALSE(bag_->EnsureDiskSpace(kUnit, 3000));
+    EXPECT_EQ(OnDisk(), (std::vector<bool>{true, true, true, true}));
+}
+
 TEST_F(DiskBudget, CheckedOutAndHeldFilesAreSkippedNotStoppedAt) {
     FillBudget();
     ASSERT_EQ(items_[0]->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);

@@ -92,6 +92,31 @@ TEST_F(ReadBack, RenderCheckInPurgeAndCheckOutAgainFromDisk) {
     EXPECT_TRUE(item->IsOnDisk());  // the file stays for the next purge
 }
 
+// An entry whose payload lives only in its file is not dead: a newcomer with its GUID that cannot
+// stand in for it leaves it in the directory, and it is read back.
+TEST_F(ReadBack, AnItemOnDiskOnlySurvivesANewcomerWithItsGuid) {
+    auto diskItem = [](uint32_t variant) {
+        auto* payload = new TestPayload(7, 1000, variant);
+        payload->SetDiskCacheable(true);
+        IntrusivePtr<MC_Stuff> s = MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(payload), 1.0);
+        s->SetGuid(mctest::KeyGuid(7));
+        return s;
+    };
+    IntrusivePtr<MC_Stuff> old = diskItem(9);
+    bag_->AddToBagAndSortDir(old);
+    WriteNow(old);
+    bag_->PurgeAllMemoryCaches();
+    ASSERT_TRUE(old->IsOnDisk());
+    ASSERT_FALSE(old->IsInMemory());
+    bag_->AddToBagAndSortDir(diskItem(0));  // cannot satisfy variant 9
+    EXPECT_EQ(bag_->GetNumGuidSortedItems(), 2);
+    MC_ScCheckout again;
+    ASSERT_EQ(again.FindAndCheckout(mctest::MakeRequest(7, 9), MC_CheckoutFlag_ReadOnly),
+              MC_CheckoutResult_CheckedOut);
+    EXPECT_EQ(again.GetStuffPtr(), old);
+    EXPECT_TRUE(again.IsInMemory());
+}
+
 TEST_F(ReadBack, FileWithoutHeaderIsReadFromItsFirstByte) {
     constexpr uint32_t kKey = 6, kSize = 5000;
     std::vector<uint8_t> bytes(4 + kSize);

@@ -70,6 +70,8 @@ TEST_F(WriteDecision, HundredFiftyQueuedWritesMakeItNotWorthButFlagTheQueue) {
 
 TEST_F(WriteDecision, ReadBackTimeIsFlooredAtOneMillisecond) {
     EXPECT_FALSE(Decide(Sized(1, MC_CachePriority_Normal), 0.0005).worth);
+    // Exactly at the floor reading back is as fast as recomputing: not better, not written.
+    EXPECT_FALSE(Decide(Sized(1, MC_CachePriority_Normal), 0.001).worth);
     EXPECT_TRUE(Decide(Sized(1, MC_CachePriority_Normal), 0.002).worth);
 }
 

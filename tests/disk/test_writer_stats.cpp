@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <latch>
 #include <thread>
 #include <vector>
 
@@ -96,16 +97,20 @@ TEST_F(SpeedStat, MaximaAreTrackedOnlyAfterFiftySamples) {
     EXPECT_NEAR(stat_.GetMaxSpeed(), 1e9, 1.0);
 }
 
-TEST_F(SpeedStat, ConcurrentSamplesAreAllCounted) {
+TEST_F(SpeedStat, ConcurrentSamplesAreAllCountedExactly) {
     // Overlapping samples merge into ever faster ones; lift the cap so that all are counted.
     mc_disk_settings::SetSpeedCapBytesPerSecond(1e300);
+    constexpr int kThreads = 8;
+    constexpr int kSamples = 20000;
+    std::latch start(kThreads);
     std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
+    for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&] {
-            for (int i = 0; i < 200; ++i) stat_.AddSample(1000, 1e-6);
+            start.arrive_and_wait();
+            for (int i = 0; i < kSamples; ++i) stat_.AddSample(1000, 1e-6);
         });
     for (auto& t : threads) t.join();
-    EXPECT_EQ(stat_.GetSampleCount(), 800);
+    EXPECT_EQ(stat_.GetSampleCount(), int64_t{kThreads} * kSamples);
 }
 
 // --- busy-time trackers ----------------------------------------------------------------------
