@@ -1,14 +1,18 @@
-// Read-back: an item rendered, checked in, written, purged and checked out again comes back from
-// its file with identical bytes and its compute time; files without the header are read from
-// their first byte; many readers of one purged item read its file once.
+// The disk reader: read-back of purged items, read failures of every kind, and disk holds.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
+#include <functional>
+#include <limits>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "mc/MCp_ScLock.h"
+#include "mc/host/Errors.h"
 #include "mc/host/Signal.h"
+#include "support/ModuleAccess.h"
 #include "test_writer_fixture.h"
 
 using namespace diskbtest;
@@ -280,6 +284,273 @@ TEST_F(ReadBack, RendersReadsPurgesAndWritesRaceSafely) {
     EXPECT_EQ(wrongBytes.load(), 0);
     EXPECT_EQ(counters().readFailures.load(), failuresBefore);
     EXPECT_EQ(AllFiles().size(), CacheFiles().size());  // no temporary left behind
+}
+
+constexpr uint32_t kKey = 11, kSize = 20000;
+
+// Fills itself from the file, then reports the body as corrupt.
+class HalfReadPayload : public TestPayload {
+public:
+    HalfReadPayload(uint32_t key, uint32_t size) : TestPayload(key, size) {}
+    double Read(velacore::IByteStream& in, velacore::MultiTenantRecursiveMutex& lock) override {
+        TestPayload::Read(in, lock);
+        throw velacore::IOError("checksum mismatch after the body was read");
+    }
+};
+
+struct Corruption {
+    const char* label;
+    std::function<void(const std::filesystem::path&)> apply;
+};
+
+void PrintTo(const Corruption& c, std::ostream* os) {
+    *os << c.label;
+}
+
+std::vector<uint8_t> Load(const std::filesystem::path& p) {
+    return mctest::ReadWholeFile(p);
+}
+
+class ReadFailureBase : public DiskCacheTest {
+protected:
+    // An item written to disk and purged from memory.
+    IntrusivePtr<MC_Stuff> OnDiskOnly(IntrusivePtr<MC_Stuff> item) {
+        bag_->AddToBagAndSortDir(item);
+        WriteNow(item);
+        EXPECT_TRUE(item->IsOnDisk());
+        item->FreeUpAsMuchAsPossible(true, nullptr);
+        EXPECT_FALSE(item->IsInMemory());
+        return item;
+    }
+
+    // Checks that the failed read left nothing behind.
+    void ExpectFailureHandled(const IntrusivePtr<MC_Stuff>& item, const std::filesystem::path& file,
+                              uint32_t failuresBefore) {
+        EXPECT_EQ(counters().readFailures.load(), failuresBefore + 1);
+        EXPECT_FALSE(item->IsInMemory());
+        EXPECT_FALSE(item->IsOnDisk());
+        EXPECT_FALSE(std::filesystem::exists(file));
+        EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+        EXPECT_EQ(item->GetApproximateMemorySize(), 0u);
+        EXPECT_EQ(item->GetCheckoutCount(), 0u);
+    }
+};
+
+class ReadFailures : public ReadFailureBase, public ::testing::WithParamInterface<Corruption> {};
+
+TEST_P(ReadFailures, CheckOutFailsOverToANewRender) {
+    IntrusivePtr<MC_Stuff> item = OnDiskOnly(NewItem(kKey, kSize));
+    const std::filesystem::path file = item->GetDiskCacheFile().GetFullPath();
+    GetParam().apply(file);
+    const uint32_t failuresBefore = counters().readFailures.load();
+
+    MC_ScCheckout receipt;
+    MC_CheckoutResult result = MC_CheckoutResult_Failed;
+    ASSERT_NO_THROW(
+        result = receipt.FindAndCheckout(mctest::MakeRequest(kKey),
+                                         MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending));
+    EXPECT_EQ(result, MC_CheckoutResult_CreatedNewPending);  // the caller renders again
+    EXPECT_NE(receipt.GetStuffPtr(), item);
+    ExpectFailureHandled(item, file, failuresBefore);
+}
+
+TEST_P(ReadFailures, DirectCheckOutFailsWithoutThrowing) {
+    IntrusivePtr<MC_Stuff> item = OnDiskOnly(NewItem(kKey, kSize));
+    const std::filesystem::path file = item->GetDiskCacheFile().GetFullPath();
+    GetParam().apply(file);
+    const uint32_t failuresBefore = counters().readFailures.load();
+    MC_CheckoutResult result = MC_CheckoutResult_CheckedOut;
+    ASSERT_NO_THROW(result = item->Checkout(MC_CheckoutFlag_ReadOnly));
+    EXPECT_EQ(result, MC_CheckoutResult_Failed);
+    ExpectFailureHandled(item, file, failuresBefore);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    BadFiles, ReadFailures,
+    ::testing::Values(
+        Corruption{"Missing", [](const auto& p) { std::filesystem::remove(p); }},
+        Corruption{"Empty", [](const auto& p) { std::filesystem::resize_file(p, 0); }},
+        Corruption{"TruncatedInTheBody",
+                   [](const auto& p) { std::filesystem::resize_file(p, 32 + 4 + kSize / 2); }},
+        Corruption{"BitFlippedInTheBody",
+                   [](const auto& p) {
+                       std::vector<uint8_t> b = Load(p);
+                       b[32 + 4 + 1234] ^= 0x10;
+                       mctest::WriteWholeFile(p, b);
+                   }},
+        Corruption{"OtherFormatVersion",
+                   [](const auto& p) {
+                       std::vector<uint8_t> b = Load(p);
+                       b[4] = 2;  // format version 2
+                       mctest::WriteWholeFile(p, b);
+                   }},
+        Corruption{"GarbageMagicAndBody",
+                   [](const auto& p) {
+                       std::vector<uint8_t> b = Load(p);
+                       for (size_t i = 0; i < 64; ++i) b[i] = static_cast<uint8_t>(0xA5 ^ i);
+                       mctest::WriteWholeFile(p, b);
+                   }}),
+    [](const ::testing::TestParamInfo<Corruption>& info) { return std::string(info.param.label); });
+
+class ReadFailure : public ReadFailureBase {};
+
+TEST_F(ReadFailure, PayloadThatThrowsAfterFillingItselfIsPurgedAgain) {
+    IntrusivePtr<MC_Stuff> item = OnDiskOnly([] {
+        auto* payload = new HalfReadPayload(kKey, kSize);
+        payload->SetDiskCacheable(true);
+        IntrusivePtr<MC_Stuff> s = MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(payload), 1.0);
+        s->SetGuid(mctest::KeyGuid(kKey));
+        return s;
+    }());
+    const std::filesystem::path file = item->GetDiskCacheFile().GetFullPath();
+    const uint32_t failuresBefore = counters().readFailures.load();
+    EXPECT_FALSE(item->EnsureInMemory());
+    ExpectFailureHandled(item, file, failuresBefore);
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 0);
+}
+
+TEST_F(ReadFailure, WrongFormatVersionLeavesTheTimesAlone) {
+    IntrusivePtr<MC_Stuff> item = OnDiskOnly(NewItem(kKey, kSize, MC_CachePriority_Never, 3.0));
+    const std::filesystem::path file = item->GetDiskCacheFile().GetFullPath();
+    std::vector<uint8_t> b = Load(file);
+    b[4] = 7;
+    b[16] = 0xFF;  // a compute time that must not be taken
+    mctest::WriteWholeFile(file, b);
+    EXPECT_FALSE(item->EnsureInMemory());
+    EXPECT_DOUBLE_EQ(item->GetComputeTime(), 3.0);
+}
+
+TEST_F(ReadFailure, AHealthyReadAfterAFailedOneOfAnotherItemStillWorks) {
+    IntrusivePtr<MC_Stuff> bad = OnDiskOnly(NewItem(kKey, kSize));
+    IntrusivePtr<MC_Stuff> good = OnDiskOnly(NewItem(kKey + 1, kSize));
+    std::filesystem::resize_file(bad->GetDiskCacheFile().GetFullPath(), 10);
+    EXPECT_FALSE(bad->EnsureInMemory());
+    EXPECT_TRUE(good->EnsureInMemory());
+    EXPECT_TRUE(good->IsOnDisk());
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(),
+              static_cast<int64_t>(good->GetDiskCacheFile().Size()));
+}
+
+constexpr uint64_t kAnyTime = std::numeric_limits<uint64_t>::max();
+
+class DiskHolds : public DiskCacheTest {
+protected:
+    IntrusivePtr<MC_Stuff> Written(uint32_t key) {
+        IntrusivePtr<MC_Stuff> item = NewItemInBag(key, 1000);
+        WriteNow(item);
+        EXPECT_TRUE(item->IsOnDisk());
+        return item;
+    }
+};
+
+TEST_F(DiskHolds, NoHoldIsTakenOnAnItemWithoutAFileWhenAskedSo) {
+    IntrusivePtr<MC_Stuff> item = NewItemInBag(1, 1000);
+    const uint32_t globalBefore = MC_Stuff::GetNumDiskCacheCheckouts();
+    EXPECT_EQ(item->CheckoutDiskCache(true), nullptr);
+    EXPECT_EQ(item->GetDiskCacheCheckoutCount(), 0u);
+    EXPECT_EQ(MC_Stuff::GetNumDiskCacheCheckouts(), globalBefore);
+    {
+        auto hold = item->CheckoutDiskCache(false);  // always given when not restricted
+        ASSERT_NE(hold, nullptr);
+        EXPECT_EQ(item->GetDiskCacheCheckoutCount(), 1u);
+        EXPECT_EQ(MC_Stuff::GetNumDiskCacheCheckouts(), globalBefore + 1);
+    }
+    EXPECT_EQ(item->GetDiskCacheCheckoutCount(), 0u);
+    EXPECT_EQ(MC_Stuff::GetNumDiskCacheCheckouts(), globalBefore);
+}
+
+// Which idle files the budget may delete: held and checked-out files are kept, a last use at
+// the limit is too recent, an older one goes (signalled, unaccounted, counted).
+TEST_F(DiskHolds, WhoseFileTheBudgetMayDeleteTable) {
+    struct Case {
+        const char* what;
+        std::function<std::function<void()>(MC_Stuff&)> arrange;  // returns the undo
+        uint64_t limit;
+        bool deleted, tooRecent;
+    };
+    const Case cases[] = {
+        {"held",
+         [](MC_Stuff& s) {
+             std::shared_ptr<MC_Stuff::DiskCacheCheckoutScoper> hold = s.CheckoutDiskCache(true);
+             EXPECT_NE(hold, nullptr);
+             return std::function<void()>([hold]() mutable { hold.reset(); });
+         },
+         kAnyTime, false, false},
+        {"checked out",
+         [](MC_Stuff& s) {
+             EXPECT_EQ(s.Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
+             return std::function<void()>([&s] { s.Checkin(0, 0.0); });
+         },
+         kAnyTime, false, false},
+        {"used at the limit",
+         [](MC_Stuff& s) {
+             MCp_StuffAccess::SetLastUseTime(s, 5000);
+             return std::function<void()>([] {});
+         },
+         5000, false, true},
+        {"used before the limit",
+         [](MC_Stuff& s) {
+             MCp_StuffAccess::SetLastUseTime(s, 5000);
+             return std::function<void()>([] {});
+         },
+         5001, true, false},
+    };
+    uint32_t key = 2;
+    for (const Case& t : cases) {
+        SCOPED_TRACE(t.what);
+        IntrusivePtr<MC_Stuff> item = Written(key++);
+        const std::filesystem::path path = item->GetDiskCacheFile().GetFullPath();
+        const uint32_t onDiskBefore = MC_Stuff::GetNumStuffsOnDisk();
+        std::vector<std::pair<bool, bool>> signals;
+        velacore::SignalConnection connection = item->GetMemDiskChangedSignal().connect(
+            [&](bool inMemory, bool onDisk) { signals.emplace_back(inMemory, onDisk); });
+        const std::function<void()> undo = t.arrange(*item);
+        bool deleted = !t.deleted, tooRecent = !t.tooRecent;
+        item->MaybeDeleteDiskCacheFile(t.limit, deleted, tooRecent);
+        EXPECT_EQ(deleted, t.deleted);
+        EXPECT_EQ(tooRecent, t.tooRecent);
+        EXPECT_EQ(item->IsOnDisk(), !t.deleted);
+        EXPECT_EQ(std::filesystem::exists(path), !t.deleted);
+        EXPECT_EQ(MC_Stuff::GetNumStuffsOnDisk(), onDiskBefore - (t.deleted ? 1 : 0));
+        using Signals = std::vector<std::pair<bool, bool>>;
+        EXPECT_EQ(signals, (t.deleted ? Signals{{true, false}} : Signals{}));
+        if (!t.deleted && !t.tooRecent) {  // a walk for all the room deletes nothing either
+            EXPECT_FALSE(bag_->EnsureDiskSpace(bag_->GetCurrentMaxDiskCacheSize(), kAnyTime));
+        }
+        undo();
+        item->MaybeDeleteDiskCacheFile(kAnyTime, deleted, tooRecent);  // leaves the folder empty
+    }
+}
+
+TEST_F(DiskHolds, AttachOnlyIfNoneKeepsTheFirstFile) {
+    IntrusivePtr<MC_Stuff> item = Written(6);
+    const velacore::File first = item->GetDiskCacheFile();
+    const velacore::File other(root_ / "other.zkcache");
+    EXPECT_FALSE(item->SetDiskCacheFile(other, true));
+    EXPECT_EQ(item->GetDiskCacheFile(), first);
+    EXPECT_TRUE(item->SetDiskCacheFile(other, false));
+    EXPECT_EQ(item->GetDiskCacheFile(), other);
+}
+
+TEST_F(DiskHolds, ForgettingAFileKeepsItOnDiskButOutOfTheBudget) {
+    IntrusivePtr<MC_Stuff> item = Written(7);
+    const std::filesystem::path path = item->GetDiskCacheFile().GetFullPath();
+    item->ClearDiskCacheFile();
+    EXPECT_FALSE(item->IsOnDisk());
+    EXPECT_TRUE(item->GetDiskCacheFile().IsEmpty());
+    EXPECT_TRUE(std::filesystem::exists(path));
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+}
+
+TEST_F(DiskHolds, ConvertingToWriteableDeletesTheFile) {
+    IntrusivePtr<MC_Stuff> item = Written(8);
+    const std::filesystem::path path = item->GetDiskCacheFile().GetFullPath();
+    ASSERT_EQ(item->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
+    item->ConvertToWriteable();
+    EXPECT_FALSE(item->IsOnDisk());
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+    item->Checkin(0, 0.0);
 }
 
 }  // namespace
