@@ -27,7 +27,7 @@
 #include <thread>
 #include <vector>
 
-#include "disk/DiskScan.h"
+#include "disk/DiskFolder.h"
 #include "helpers/PageCache.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "disk/CacheFileFormat.h"
-#include "disk/DiskScan.h"
+#include "disk/CacheFile.h"
+#include "disk/DiskFolder.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/host/File.h"
@@ -65,8 +65,8 @@ std::vector<uint8_t> Header(uint32_t key) {
 
 velacore::File Put(const velacore::Dir& cache, const std::u16string& name,
                    const std::vector<uint8_t>& bytes) {
-    EnsureCacheSubfolder(cache, name);
-    velacore::File file = CacheFileFor(cache, name);
+    MCp_CacheFile::EnsureSubfolder(cache, name);
+    velacore::File file = MCp_CacheFile::FileFor(cache, name);
     mctest::WriteWholeFile(file.GetFullPath(), bytes);
     return file;
 }
@@ -75,20 +75,20 @@ void Populate(Folder& f) {
     using velacore::Guid;
     for (uint32_t k = 0; k < kValid; ++k)
         Put(f.cache,
-            BuildCacheFileName(Guid::CreateUnique(), "TestPayload", kAppVersion, Header(k)),
+            MCp_CacheFile::BuildName(Guid::CreateUnique(), "TestPayload", kAppVersion, Header(k)),
             Content(k, kAppVersion));
     for (uint32_t k = 0; k < kForeign; ++k)
         Put(f.cache, Guid::CreateUnique().AsWString() + u".note.txt", {1, 2, 3});
     for (uint32_t k = 0; k < kUnknownClass; ++k)
         Put(f.cache,
-            BuildCacheFileName(Guid::CreateUnique(), "NoSuchClass", kAppVersion, Header(k)),
+            MCp_CacheFile::BuildName(Guid::CreateUnique(), "NoSuchClass", kAppVersion, Header(k)),
             Content(k, kAppVersion));
     for (uint32_t k = 0; k < kOtherVersion; ++k) {
         std::vector<uint8_t> bytes = Content(k, kAppVersion + 1);
-        velacore::File file =
-            Put(f.cache,
-                BuildCacheFileName(Guid::CreateUnique(), "TestPayload", kAppVersion + 1, Header(k)),
-                bytes);
+        velacore::File file = Put(f.cache,
+                                  MCp_CacheFile::BuildName(Guid::CreateUnique(), "TestPayload",
+                                                           kAppVersion + 1, Header(k)),
+                                  bytes);
         f.otherVersion.emplace_back(file, std::move(bytes));
     }
 }

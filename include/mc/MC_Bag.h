@@ -128,6 +128,8 @@ private:
     friend class MC_Stuff;
     friend class MC_SortDir;
     friend struct MCp_BagAccess;
+    // The disk tier's folder settings and scan work on the disk-info fields (src/disk).
+    friend class MCp_DiskFolder;
 
     void AddStuffGuts(const StuffPtr& stuff, const MCp_ScLock& lock, bool updateMediaMap);
     void RemoveStuffGuts(const StuffPtr& stuff, const MCp_ScLock& lock, bool updateMediaMap);

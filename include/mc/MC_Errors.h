@@ -11,8 +11,8 @@
 // 0x3A03  MCp_Err_CheckedOut     check-out misuse: already writeable, or checked out more than
 //                                once when asking to become writeable
 // 0x3A04  MCp_Err_NotCheckedOut  asked to become writeable without a check-out
-// 0x3A07  MCp_Err_DiskFolder     (14855) the disk-cache folder is missing, not a folder, or
-//                                cannot be created or written; nothing was changed
+// 0x3A07  MCp_Err_DiskFolder     the disk-cache folder is missing, not a folder, or cannot be
+//                                created or written; nothing was changed
 //
 // Other values are the host's own error results passed through unchanged.
 #pragma once

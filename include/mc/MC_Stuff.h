@@ -208,6 +208,10 @@ private:
     friend class MC_SortDir;
     friend class MC_ScStuffSetter;
     friend struct MCp_StuffAccess;
+    // The disk tier's writer, reader and budget work on the item's fields (src/disk).
+    friend class MCp_DiskWriter;
+    friend class MCp_DiskReader;
+    friend class MCp_DiskBudget;
 
     MC_CheckoutResult CheckoutForWrite(int flags);
     MC_CheckoutResult CheckoutLocked(int flags, bool writeable, bool acceptPending);

@@ -22,7 +22,7 @@
 #include <thread>
 #include <vector>
 
-#include "disk/DiskScan.h"
+#include "disk/DiskFolder.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_Stuff.h"

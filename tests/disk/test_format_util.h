@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "disk/CacheFileFormat.h"
+#include "disk/CacheFile.h"
 #include "mc/host/File.h"
 #include "mc/host/FileSystem.h"
 #include "support/TempDir.h"
@@ -57,10 +57,10 @@ inline velacore::File WriteTestCacheFile(const velacore::Dir& cacheDir, uint32_t
                                          uint32_t variant, uint32_t appVersion,
                                          uint32_t payloadSize = 16, size_t padTo = 0) {
     const std::u16string name =
-        BuildCacheFileName(mctest::KeyGuid(key), mctest::TestPayload::kMatchname, appVersion,
+        MCp_CacheFile::BuildName(mctest::KeyGuid(key), mctest::TestPayload::kMatchname, appVersion,
                            PayloadHeader(key, variant));
-    EnsureCacheSubfolder(cacheDir, name);
-    const velacore::File file = CacheFileFor(cacheDir, name);
+    MCp_CacheFile::EnsureSubfolder(cacheDir, name);
+    const velacore::File file = MCp_CacheFile::FileFor(cacheDir, name);
     mctest::WriteWholeFile(file.GetFullPath(),
                            CacheFileContent(key, payloadSize, appVersion, padTo));
     return file;

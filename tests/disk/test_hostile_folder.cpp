@@ -70,7 +70,7 @@ uint64_t RegularBytes(const fs::path& root) {
 }
 
 fs::path CacheName(uint32_t key, unsigned app = kApp) {
-    return velacore::ToUtf8(BuildCacheFileName(mctest::KeyGuid(key),
+    return velacore::ToUtf8(MCp_CacheFile::BuildName(mctest::KeyGuid(key),
                                                mctest::TestPayload::kMatchname, app,
                                                disktest::PayloadHeader(key, 0)));
 }

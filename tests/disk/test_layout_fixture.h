@@ -10,7 +10,7 @@
 #include <future>
 #include <memory>
 
-#include "disk/DiskScan.h"
+#include "disk/DiskFolder.h"
 #include "lifecycle/Module.h"
 #include "lifecycle/Settings.h"
 #include "mc/MC_Bag.h"

@@ -22,11 +22,10 @@
 #include <thread>
 #include <vector>
 
-#include "disk/CacheFileFormat.h"
-#include "disk/DiskScan.h"
-#include "disk/DiskSettings.h"
-#include "disk/DiskStats.h"
-#include "disk/DiskWriterQueue.h"
+#include "disk/CacheFile.h"
+#include "disk/DiskFolder.h"
+#include "disk/SpeedStats.h"
+#include "disk/DiskWriter.h"
 #include "lifecycle/Counters.h"
 #include "lifecycle/Module.h"
 #include "lifecycle/Settings.h"
@@ -141,9 +140,9 @@ class DiskCacheTest : public ::testing::Test {
         bag_.reset();
         MC_StopAllAsyncWork();
         MC_Death();
-        mc_disk_settings::SetProclivityMultiplier(mc_disk_settings::kDefaultProclivityMultiplier);
-        mc_disk_settings::SetSpeedCapBytesPerSecond(
-            mc_disk_settings::kDefaultSpeedCapBytesPerSecond);
+        MCp_DiskFolder::SetProclivityMultiplier(MCp_DiskFolder::kDefaultProclivityMultiplier);
+        MCp_DiskFolder::SetSpeedCapBytesPerSecond(
+            MCp_DiskFolder::kDefaultSpeedCapBytesPerSecond);
         scoped_.reset();
         scopedFs_.reset();
     }

@@ -119,8 +119,9 @@ TEST_F(CheckoutState, ReadOnlyManyWriteableAlone) {
     IntrusivePtr<MC_Stuff> stuff = MakeItem(1, 64);
     stuff->AddToBagAndSortDir(bag_);
     ASSERT_EQ(stuff->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
-    ASSERT_EQ(stuff->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
     EXPECT_EQ(stuff->Checkout(0), MC_CheckoutResult_Failed);  // writeable needs it alone
+    ASSERT_EQ(stuff->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
+    EXPECT_EQ(stuff->Checkout(0), MC_CheckoutResult_Failed);
     EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 64);
     stuff->Checkin(0, 0.0);
     stuff->Checkin(0, 0.0);

@@ -82,16 +82,4 @@ TEST_F(FactoryRegistry, ConcurrentRegistrationAndCreation) {
     EXPECT_EQ(calls.load(), 800);
 }
 
-TEST(StuffDataFields, DefaultsAndSetters) {
-    IntrusivePtr<TestPayload> p(new TestPayload(1, 10));
-    EXPECT_EQ(p->GetCachePriority(), MC_CachePriority_Never);
-    EXPECT_EQ(p->GetReasonWhyNoDiskCache(), MC_StuffData::NoDiskCacheReason_None);
-    p->SetNoDiskCache(MC_StuffData::NoDiskCacheReason_4);
-    EXPECT_EQ(p->GetReasonWhyNoDiskCache(), MC_StuffData::NoDiskCacheReason_4);
-    p->SetReasonWhyNoDiskCache(MC_StuffData::NoDiskCacheReason_2);
-    EXPECT_EQ(p->GetReasonWhyNoDiskCache(), MC_StuffData::NoDiskCacheReason_2);
-    p->SetCachePriority(static_cast<MC_CachePriority>(7));
-    EXPECT_EQ(static_cast<int>(p->GetCachePriority()), 7);
-}
-
 }  // namespace

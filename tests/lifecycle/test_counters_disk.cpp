@@ -13,8 +13,8 @@
 #include <mutex>
 #include <vector>
 
-#include "disk/DiskScan.h"
-#include "disk/DiskWriterQueue.h"
+#include "disk/DiskFolder.h"
+#include "disk/DiskWriter.h"
 #include "lifecycle/Module.h"
 #include "lifecycle/Settings.h"
 #include "mc/MC_Bag.h"

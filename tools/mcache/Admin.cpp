@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Output.h"
-#include "disk/CacheFileFormat.h"
+#include "disk/CacheFile.h"
 #include "helpers/Terminal.h"
 #include "mc/MC.h"
 #include "mc/host/ByteStream.h"
@@ -96,7 +96,7 @@ Entry Inspect(const velacore::File& file) {
         return e;
     }
     try {
-        ParsedCacheFileName parsed = ParseCacheFileName(file, *version);
+        ParsedCacheFileName parsed = MCp_CacheFile::ParseName(file, *version);
         e.guid = parsed.guid.AsString();
         e.matchname = velacore::ToUtf8(parsed.matchname);
         e.version = parsed.appVersion;
@@ -137,8 +137,9 @@ Entry Inspect(const velacore::File& file) {
 
 std::vector<Entry> InspectFolder(const fs::path& folder) {
     std::vector<Entry> entries;
-    velacore::RecursiveFileIterator it(velacore::Dir(folder),
-                                       [](const velacore::File& f) { return IsCacheFile(f); });
+    velacore::RecursiveFileIterator it(velacore::Dir(folder), [](const velacore::File& f) {
+        return MCp_CacheFile::IsCacheFile(f);
+    });
     velacore::File file;
     while (it.Next(file)) entries.push_back(Inspect(file));
     return entries;

@@ -1,13 +1,16 @@
-// The disk budget: the room figure, making room from the least recently used idle files and
-// stopping at the last-use limit, the budget shrink of SetDiskCacheInfo, the drive-space rule,
-// and the size of every version's folder.
+// The disk budget: room, making room from the least recently used idle files and stopping at
+// the last-use limit, the budget shrink, the drive-space rule, the size across versions and
+// purging every disk cache.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <limits>
+#include <string>
+#include <utility>
 #include <vector>
 
-#include "disk/DiskSettings.h"
+#include "disk/DiskFolder.h"
 #include "support/ModuleAccess.h"
 #include "test_writer_fixture.h"
 
@@ -73,6 +76,13 @@ TEST_F(DiskBudget, TheFirstIdleFileUsedAtOrAfterTheLimitEndsTheWalk) {
     EXPECT_EQ(OnDisk(), (std::vector<bool>{false, false, true, true}));
 }
 
+TEST_F(DiskBudget, TheWalkGoesInBagOrderAndStopsAtARecentlyUsedItemAheadOfOlderOnes) {
+    FillBudget();
+    MCp_StuffAccess::SetLastUseTime(*items_[0], 5000);  // first in the bag, used last
+    EXPECT_FALSE(bag_->EnsureDiskSpace(kUnit, 3000));
+    EXPECT_EQ(OnDisk(), (std::vector<bool>{true, true, true, true}));
+}
+
 TEST_F(DiskBudget, CheckedOutAndHeldFilesAreSkippedNotStoppedAt) {
     FillBudget();
     ASSERT_EQ(items_[0]->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
@@ -116,13 +126,13 @@ TEST_F(DiskBudget, WritingIntoAFullBudgetEvictsOlderFilesOnly) {
 }
 
 TEST_F(DiskBudget, DriveSpaceLimitsTheBudgetWhenTheVolumeIsShort) {
-    mc_disk_settings::SetMinimumVolumeFreeSpaceBytes(10ull << 30);
+    MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(10ull << 30);
     fs_->freeSpace.store((10ull << 30) + (2 << 20));  // minimum plus more than the 1 MiB room
     EXPECT_FALSE(bag_->IsDiskCacheLimitedDueToDriveSpace());
     fs_->freeSpace.store((10ull << 30) + (1 << 19));  // less than minimum plus the room
     EXPECT_TRUE(bag_->IsDiskCacheLimitedDueToDriveSpace());
     fs_->freeSpace.store(1ull << 40);
-    mc_disk_settings::SetMinimumVolumeFreeSpaceBytes(0);
+    MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(0);
     EXPECT_FALSE(bag_->IsDiskCacheLimitedDueToDriveSpace());
 }
 
@@ -138,6 +148,120 @@ TEST_F(DiskBudget, SizeAcrossVersionsSumsEveryVersionsMachineFolder) {
     unsigned folders = 0;
     EXPECT_EQ(bag_->FindDiskCacheSizeAcrossVersions(folders), 4 * kFileUnit + 1024);
     EXPECT_EQ(folders, 3u);
+}
+
+namespace fs = std::filesystem;
+
+class DiskPurge : public DiskCacheTest {
+  protected:
+    void SetUp() override {
+        DiskCacheTest::SetUp();
+        product_ = root_.Path() / "Ostrel" / "Tessaline";
+        otherMachine_ = product_ / "0.9" / "Disk Cache - diskb-host.noindex";
+        PutFile(otherMachine_ / "AB" / "old.zkcache", 100);
+        foreignMachine_ = product_ / "0.9" / "Disk Cache - elsewhere.noindex" / "x.zkcache";
+        PutFile(foreignMachine_, 100);
+        resident_ = NewItemInBag(1, 1000);
+        WriteNow(resident_);
+        diskOnly_ = NewItemInBag(2, 1000);
+        WriteNow(diskOnly_);
+        diskOnly_->FreeUpAsMuchAsPossible(true, nullptr);
+        memoryOnly_ = NewItemInBag(3, 1000);
+    }
+
+    void Purge(bool includeOtherVersions) {
+        bag_->PurgeAllDiskCaches([this](unsigned d, unsigned t) { progress_.emplace_back(d, t); },
+                                 includeOtherVersions, done_, total_);
+    }
+
+    bool Traced(const std::string& prefix) const {
+        for (const auto& line : services_->TraceLines("DiskCache"))
+            if (line.text.rfind(prefix, 0) == 0) return true;
+        return false;
+    }
+
+    bool InBag(const IntrusivePtr<MC_Stuff>& stuff) const {
+        const auto items = bag_->SnapshotItems();
+        return std::find(items.begin(), items.end(), stuff) != items.end();
+    }
+
+    fs::path product_, otherMachine_, foreignMachine_;
+    IntrusivePtr<MC_Stuff> resident_, diskOnly_, memoryOnly_;
+    unsigned done_ = 0, total_ = 2;
+    std::vector<std::pair<unsigned, unsigned>> progress_;
+};
+
+TEST_F(DiskPurge, CurrentFolderIsEmptiedAndTheBagForgetsItsFiles) {
+    Purge(false);
+    EXPECT_TRUE(fs::is_directory(Folder().GetFullPath()));
+    EXPECT_TRUE(AllFiles().empty());
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+
+    EXPECT_TRUE(InBag(resident_));  // still in memory: stays, without a file
+    EXPECT_FALSE(resident_->IsOnDisk());
+    EXPECT_TRUE(resident_->IsInMemory());
+    EXPECT_FALSE(InBag(diskOnly_));  // nothing left of it
+    EXPECT_TRUE(InBag(memoryOnly_));
+
+    EXPECT_TRUE(fs::exists(otherMachine_ / "AB" / "old.zkcache"));  // other versions untouched
+    EXPECT_TRUE(fs::exists(foreignMachine_));
+    EXPECT_EQ(progress_, (std::vector<std::pair<unsigned, unsigned>>{{1, 2}}));
+    EXPECT_EQ(done_, 1u);
+    EXPECT_EQ(total_, 2u);
+    EXPECT_TRUE(Traced("PurgeAllDiskCaches: found match curr "));
+    EXPECT_TRUE(Traced("PurgeAllDiskCaches: ignoring: "));
+    EXPECT_TRUE(Traced("PurgeAllDiskCaches: Finished\n"));
+    EXPECT_FALSE(Traced("PurgeAllDiskCaches THREW"));
+
+    // The cache goes on working in the emptied folder.
+    IntrusivePtr<MC_Stuff> again = NewItemInBag(4, 1000);
+    WriteNow(again);
+    EXPECT_TRUE(again->IsOnDisk());
+}
+
+TEST_F(DiskPurge, OtherVersionsOfThisMachineAreEmptiedOnRequest) {
+    Purge(true);
+    EXPECT_TRUE(fs::is_directory(otherMachine_));
+    EXPECT_TRUE(fs::is_empty(otherMachine_));
+    EXPECT_TRUE(fs::exists(foreignMachine_));  // another machine's folder is not ours
+    EXPECT_TRUE(AllFiles().empty());
+    EXPECT_EQ(progress_, (std::vector<std::pair<unsigned, unsigned>>{{1, 2}, {2, 2}}));
+    EXPECT_EQ(done_, 2u);
+    EXPECT_TRUE(Traced("PurgeAllDiskCaches: staged to clear: "));
+    EXPECT_TRUE(Traced("MCp_PurgeDiskCacheFiles_NoBag "));
+}
+
+TEST_F(DiskPurge, AFolderThatNoLongerMatchesTheRootIsNotPurged) {
+    host().SetClientVersion("2.0");  // the folder would now be computed under "2.0"
+    Purge(true);
+    EXPECT_TRUE(
+        Traced("PurgeAllDiskCaches: Failed:  Unexpected mismatch of calculated disk cache from "
+               "root path"));
+    EXPECT_TRUE(resident_->IsOnDisk());
+    EXPECT_EQ(CacheFiles().size(), 2u);
+    EXPECT_TRUE(fs::exists(otherMachine_ / "AB" / "old.zkcache"));
+    EXPECT_TRUE(progress_.empty());
+    EXPECT_EQ(done_, 0u);
+}
+
+// The standalone host's rule: client version "major.minor" is application version
+// major * 256 + minor. Here the module was started as 300 while the host says "1.0" (256).
+class DiskPurgeVersionMismatch : public DiskPurge {
+  protected:
+    unsigned AppVersion() const override { return 300; }
+};
+
+TEST_F(DiskPurgeVersionMismatch, ClientAndApplicationVersionsMustAgree) {
+    Purge(true);
+    EXPECT_TRUE(
+        Traced("PurgeAllDiskCaches: Failed:  Expecting GetClientInternalVersion and app "
+               "version to match"));
+    EXPECT_TRUE(resident_->IsOnDisk());
+    EXPECT_TRUE(diskOnly_->IsOnDisk());
+    EXPECT_EQ(CacheFiles().size(), 2u);
+    EXPECT_TRUE(fs::exists(otherMachine_ / "AB" / "old.zkcache"));
+    EXPECT_TRUE(progress_.empty());
+    EXPECT_EQ(done_, 0u);
 }
 
 }  // namespace

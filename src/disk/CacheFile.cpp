@@ -1,13 +1,17 @@
-// Cache-file names, sub-folders and the 32-byte header.
-#include "disk/CacheFileFormat.h"
+// The cache file: header, names and places, and the write stream.
+#include "disk/CacheFile.h"
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string_view>
 
 #include "lifecycle/Messages.h"
+#include "mc/MC_Errors.h"
 #include "mc/host/BinaryText.h"
 #include "mc/host/ByteStream.h"
 #include "mc/host/Errors.h"
@@ -101,8 +105,8 @@ CacheFileHeader CacheFileHeader::ReadFrom(velacore::IByteStream& in) {
 
 // --- names and places ----------------------------------------------------------------------
 
-std::u16string BuildCacheFileName(const velacore::Guid& guid, const char* matchname,
-                                  uint32_t appVersion, const std::vector<uint8_t>& header) {
+std::u16string MCp_CacheFile::BuildName(const velacore::Guid& guid, const char* matchname,
+                                        uint32_t appVersion, const std::vector<uint8_t>& header) {
     char version[16];
     std::snprintf(version, sizeof version, "%X", static_cast<unsigned>(appVersion));
     std::u16string encoded = Widen(velacore::EncodeBinaryDataToUTF8String(header));
@@ -119,11 +123,11 @@ std::u16string BuildCacheFileName(const velacore::Guid& guid, const char* matchn
     return name;
 }
 
-File CacheFileFor(const Dir& cacheDir, const std::u16string& name) {
+File MCp_CacheFile::FileFor(const Dir& cacheDir, const std::u16string& name) {
     return cacheDir.GetSubdir(name.substr(0, 2)).GetFile(name);
 }
 
-bool EnsureCacheSubfolder(const Dir& cacheDir, const std::u16string& name) {
+bool MCp_CacheFile::EnsureSubfolder(const Dir& cacheDir, const std::u16string& name) {
     // One level at a time: a vanished root must not be re-created under the cache's feet.
     const Dir sub = cacheDir.GetSubdir(name.substr(0, 2));
     try {
@@ -136,7 +140,7 @@ bool EnsureCacheSubfolder(const Dir& cacheDir, const std::u16string& name) {
     }
 }
 
-bool CacheSubfolderIsLinked(const Dir& cacheDir, const std::u16string& name) {
+bool MCp_CacheFile::SubfolderIsLinked(const Dir& cacheDir, const std::u16string& name) {
     velacore::FileSystem& fs = velacore::GetFileSystem();
     try {
         return fs.IsSymbolicLink(cacheDir.GetFullPath()) ||
@@ -148,20 +152,20 @@ bool CacheSubfolderIsLinked(const Dir& cacheDir, const std::u16string& name) {
 
 // --- parsing -------------------------------------------------------------------------------
 
-ParsedCacheFileName ParseCacheFileName(const File& file, uint32_t expectedAppVersion) {
+ParsedCacheFileName MCp_CacheFile::ParseName(const File& file, uint32_t expectedAppVersion) {
     const std::u16string name = file.GetName();
     std::u16string_view rest = name;
     std::u16string_view guidText, matchname, versionText, headerText;
     if (!NextField(rest, guidText) || !NextField(rest, matchname) ||
         !NextField(rest, versionText) || !NextField(rest, headerText)) {
-        throw kMalformedCacheFileNameError;
+        throw static_cast<int>(MCp_Err_FormatVersion);
     }
 
     ParsedCacheFileName parsed;
     try {
         parsed.guid = velacore::Guid(guidText);
     } catch (const velacore::HostError&) {
-        throw kMalformedCacheFileNameError;
+        throw static_cast<int>(MCp_Err_FormatVersion);
     }
     if (!ParseVersionField(versionText, parsed.appVersion) ||
         parsed.appVersion != expectedAppVersion) {
@@ -172,12 +176,95 @@ ParsedCacheFileName ParseCacheFileName(const File& file, uint32_t expectedAppVer
     try {
         parsed.header = velacore::DecodeBinaryDataFromUTF8String(velacore::ToUtf8(headerField));
     } catch (const velacore::HostError&) {
-        throw kMalformedCacheFileNameError;
+        throw static_cast<int>(MCp_Err_FormatVersion);
     }
     parsed.matchname.assign(matchname);
     return parsed;
 }
 
-bool IsCacheFile(const File& file) {
+bool MCp_CacheFile::IsCacheFile(const File& file) {
     return file.GetExtension(true) == kCacheFileExtension;
+}
+
+bool MCp_CacheFile::IsTempFile(const File& file) {
+    constexpr std::u16string_view kTempSuffix = u".zkcache.tmp";
+    const std::u16string name = file.GetName();
+    return name.size() > kTempSuffix.size() && name.ends_with(kTempSuffix);
+}
+
+using velacore::IOError;
+
+// --- write stream ----------------------------------------------------------------------------
+
+namespace {
+
+// Host errors and allocation failures pass through; anything else becomes an IOError naming the
+// file, so callers see only the two file exceptions.
+[[noreturn]] void RethrowAsFileError(const File& file) {
+    try {
+        throw;
+    } catch (const velacore::HostError&) {
+        throw;
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw IOError("cache file '" + file.GetFullPathUtf8() + "': " + e.what(), EIO);
+    }
+}
+
+size_t BlockSizeFor(const File& file) {
+    const size_t block =
+        velacore::FileUtils::GetEfficientDiskBufferSizeFromPath(file.GetFullPathUtf8());
+    return block == 0 ? 4096 : block;
+}
+
+}  // namespace
+
+FastWriteOnlyStream::FastWriteOnlyStream(const File& file) try
+    : OPlatformByteStream(file),
+      bufferSize_(kBlocksPerBuffer * BlockSizeFor(file)),
+      buffer_(bufferSize_, std::bit_ceil(bufferSize_ / kBlocksPerBuffer)) {
+} catch (...) {
+    RethrowAsFileError(file);
+}
+
+FastWriteOnlyStream::~FastWriteOnlyStream() = default;
+
+void FastWriteOnlyStream::WriteBytes(const void* data, size_t size) {
+    if (finished_) throw IOError("write after finish '" + GetFile().GetFullPathUtf8() + "'", EBADF);
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    total_ += size;
+    while (size >= bufferSize_ - position_) {
+        const size_t room = bufferSize_ - position_;
+        std::memcpy(buffer_.Data() + position_, bytes, room);
+        bytes += room;
+        size -= room;
+        position_ = bufferSize_;
+        WriteBuffer();
+    }
+    if (size != 0) std::memcpy(buffer_.Data() + position_, bytes, size);
+    position_ += size;
+}
+
+void FastWriteOnlyStream::Finish() {
+    Flush();
+    if (finished_) return;
+    finished_ = true;
+    // A buffer that was just written out holds nothing new; otherwise the tail goes out whole,
+    // padding included, so the file length stays a multiple of the buffer.
+    if (position_ != 0) {
+        position_ = bufferSize_;
+        WriteBuffer();
+    }
+    buffer_ = velacore::AlignedBuffer();
+}
+
+void FastWriteOnlyStream::WriteBuffer() {
+    try {
+        GetWritableFile().Append(buffer_.Data(), bufferSize_);
+    } catch (...) {
+        RethrowAsFileError(GetFile());
+    }
+    AddBytesWritten(bufferSize_);
+    position_ = 0;
 }

@@ -1,13 +1,12 @@
-// Read-back: making an item's payload resident again from its disk file. A read that fails
-// (missing, truncated or corrupt file, or the payload's own Read throwing) never escapes: it is
-// counted, whatever the payload filled is purged, the file is deleted, and the caller is told
-// that the item is not in memory, so that it renders again.
+// The disk reader: read-back, holds and deleting an item's file. See DiskReader.h.
+#include "disk/DiskReader.h"
+
 #include <chrono>
 #include <cstring>
 #include <thread>
 
-#include "disk/CacheFileFormat.h"
-#include "disk/DiskStats.h"
+#include "disk/CacheFile.h"
+#include "disk/SpeedStats.h"
 #include "host/HostOps.h"
 #include "lifecycle/Counters.h"
 #include "lifecycle/Messages.h"
@@ -18,6 +17,7 @@
 #include "mc/host/File.h"
 #include "mc/host/Time.h"
 
+using velacore::IntrusivePtr;
 using velacore::ScopedReadLockWrapper;
 using velacore::ScopedUpgradeLockWrapper;
 using velacore::ScopedWriteLockWrapper;
@@ -32,7 +32,7 @@ constexpr size_t kReadBlockSize = 4096;
 // Quiet error reports on this thread for the scope. A host that refuses quiet mode has its code
 // thrown at once: nothing is read.
 class ScQuietErrors {
-  public:
+public:
     ScQuietErrors() {
         if (int rc = U_StartQuietErrorsOnCurrentThread(1)) throw rc;
     }
@@ -53,23 +53,23 @@ size_t ReadHeaderBytes(velacore::IByteStream& in, uint8_t* bytes) {
 }
 }  // namespace
 
-bool MC_Stuff::EnsureInMemory() {
+bool MCp_DiskReader::EnsureInMemory(MC_Stuff& stuff) {
     // After a failed read, under the upgrade lock: the payload drops whatever it filled, the
     // file goes, and the failure is counted.
-    auto discardFailedRead = [this] {
+    auto discardFailedRead = [&stuff] {
         MCp_GetCounters().readFailures.fetch_add(1);
         if (g_readFailedTrace.Enabled())
             g_readFailedTrace.Write("read-back failed, deleting " +
-                                    GetDiskCacheFile().GetFullPathUtf8() + "\n");
+                                    stuff.GetDiskCacheFile().GetFullPathUtf8() + "\n");
         try {
-            if (IntrusivePtr<MC_StuffData> data = GetDataPtr()) {
+            if (IntrusivePtr<MC_StuffData> data = stuff.GetDataPtr()) {
                 {
-                    ScopedWriteLockWrapper w(lock_);
+                    ScopedWriteLockWrapper w(stuff.lock_);
                     data->PurgeIfPossible(nullptr);
                 }
-                SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+                stuff.SyncMemorySizeWithBag(data->GetApproximateMemorySize());
             }
-            DeleteDiskCacheFile();
+            DeleteFile(stuff);
         } catch (...) {
             // the item stays off the disk and out of memory as far as it could be taken
         }
@@ -77,33 +77,33 @@ bool MC_Stuff::EnsureInMemory() {
     bool readTookPlace = false;
     bool resident = false;
     {
-        ScopedUpgradeLockWrapper up(lock_);
-        if (!IsInMemory() && IsOnDisk()) {
+        ScopedUpgradeLockWrapper up(stuff.lock_);
+        if (!stuff.IsInMemory() && stuff.IsOnDisk()) {
             ScQuietErrors quiet;
             if (g_prepTrace.Enabled()) g_prepTrace.Write("MC_Stuff::EnsureInMemory pre-prep");
             try {
-                readTookPlace = PrepAndRead(up);
+                readTookPlace = Read(stuff, up);
             } catch (...) {
                 discardFailedRead();
                 return false;
             }
             if (g_prepTrace.Enabled()) g_prepTrace.Write("MC_Stuff::EnsureInMemory post-prep");
         }
-        resident = IsInMemory();
+        resident = stuff.IsInMemory();
     }
-    if (readTookPlace && resident) stateSignal_(true, true);
+    if (readTookPlace && resident) stuff.stateSignal_(true, true);
     return resident;
 }
 
-bool MC_Stuff::PrepAndRead(ScopedUpgradeLockWrapper& upgradeLock) {
+bool MCp_DiskReader::Read(MC_Stuff& stuff, ScopedUpgradeLockWrapper& upgradeLock) {
     const int32_t delayMs = mc_settings::ReadDiskDelayMs();
     if (delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
-    IntrusivePtr<MC_StuffData> data = GetDataPtr();
+    IntrusivePtr<MC_StuffData> data = stuff.GetDataPtr();
     if (!data) MCp_FailVerification("PrepAndRead() called on stuff with no data");
     std::shared_ptr<velacore::File> file;
     {
-        ScopedReadLockWrapper r(lock_);
-        file = diskFile_;
+        ScopedReadLockWrapper r(stuff.lock_);
+        file = stuff.diskFile_;
     }
     if (!file) return false;
 
@@ -126,17 +126,56 @@ bool MC_Stuff::PrepAndRead(ScopedUpgradeLockWrapper& upgradeLock) {
     double seconds = reported > 0.0 ? reported : readTimer.GetElapsedSeconds();
     seconds += delayMs / 1000.0;
     if (framed) {
-        SetComputeTime(header.computeTime);
-        SetCachedComputeTimeSavings(header.savings);
+        stuff.SetComputeTime(header.computeTime);
+        stuff.SetCachedComputeTimeSavings(header.savings);
     }
     const uint32_t size = data->GetApproximateMemorySize();
-    SyncMemorySizeWithBag(size);
+    stuff.SyncMemorySizeWithBag(size);
     if (seconds > 0.0) MCp_ReadSpeedStat().AddSample(size, seconds);
     try {
         MCp_GetCounters().bytesRead.fetch_add(file->Size());
     } catch (const velacore::HostError&) {
         // removed since it was read (another cache sharing the folder): the read stands
     }
-    lastReadFromDiskTime_.store(velacore::HighPrecisionTime::Now());
+    stuff.lastReadFromDiskTime_.store(velacore::HighPrecisionTime::Now());
+    return true;
+}
+
+// --- holds and deletion --------------------------------------------------------------------
+
+std::unique_ptr<MC_Stuff::DiskCacheCheckoutScoper> MCp_DiskReader::Hold(MC_Stuff& stuff,
+                                                                        bool onlyIfOnDisk) {
+    if (onlyIfOnDisk && !stuff.IsOnDisk()) return nullptr;
+    return std::make_unique<MC_Stuff::DiskCacheCheckoutScoper>(stuff.diskHolds_,
+                                                               MCp_GetCounters().numDiskHolds);
+}
+
+bool MCp_DiskReader::DeleteFile(MC_Stuff& stuff) {
+    uint64_t size = 0;
+    bool hadFile = false;
+    {
+        ScopedWriteLockWrapper w(stuff.lock_);
+        if (stuff.diskFile_) {
+            hadFile = true;
+            try {
+                size = stuff.diskFile_->Size();
+            } catch (...) {
+                size = 0;
+            }
+            try {
+                stuff.diskFile_->Delete();
+            } catch (...) {
+                // the file is forgotten either way
+            }
+            stuff.diskFile_.reset();
+        }
+    }
+    if (size == 0) {
+        // A file whose size could not be read (already gone) still leaves the accounting.
+        if (hadFile) stuff.SyncDiskSizeWithBag(0);
+        return false;
+    }
+    stuff.stateSignal_(stuff.IsInMemory(), false);
+    stuff.SyncDiskSizeWithBag(0);
     return true;
 }

@@ -1,19 +1,20 @@
-// Bringing cache files found in the folder into the bag: one file (ScanOneDiskCacheFile) and a
-// pass over the folder (ScanDiskCacheDir). Bad files never crash the scan and are never adopted:
-// a name of another version or not of our format is deleted, an unknown data class is left
-// alone, a file that vanished is skipped. The walk follows no link and reads past folders it
-// cannot read; writers' temporaries it meets go to the sweep (DiskTempSweep.h).
+// The disk-cache folder's scan and the sweep of writers' temporaries. See DiskFolder.h.
+//
+// The sweep keeps, per bag, the size counted for each temporary, so that a second pass over the
+// same folder counts nothing twice and a temporary that goes stops counting.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <limits>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "bag/MC_SortDir.h"
-#include "disk/CacheFileFormat.h"
-#include "disk/DiskTempSweep.h"
+#include "disk/CacheFile.h"
+#include "disk/DiskFolder.h"
 #include "host/HostOps.h"
 #include "lifecycle/Module.h"
 #include "mc/MC_Bag.h"
@@ -47,10 +48,10 @@ public:
     ScQuietErrors& operator=(const ScQuietErrors&) = delete;
 };
 
-uint64_t NowNanos() {
-    const auto since = std::chrono::system_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(since).count());
+int64_t NowNanos() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
 uint32_t ClampToU32(uint64_t value) {
@@ -100,15 +101,16 @@ void Adopt(MC_Bag& bag, const File& file, uint64_t size, const velacore::Guid& g
 std::vector<File> CollectCacheFiles(const velacore::Dir& dir, uint64_t mark, bool& stopped,
                                     std::vector<File>& temps) {
     std::vector<File> files;
-    velacore::RecursiveFileIterator walk(
-        dir, [](const File& f) { return IsCacheFile(f) || MCp_IsCacheTempFile(f); });
+    velacore::RecursiveFileIterator walk(dir, [](const File& f) {
+        return MCp_CacheFile::IsCacheFile(f) || MCp_CacheFile::IsTempFile(f);
+    });
     File file;
     while (walk.Next(file)) {
         if (MCp_StopRequested()) {
             stopped = true;
             break;
         }
-        if (MCp_IsCacheTempFile(file)) {
+        if (MCp_CacheFile::IsTempFile(file)) {
             temps.push_back(file);
             continue;
         }
@@ -124,10 +126,74 @@ std::vector<File> CollectCacheFiles(const velacore::Dir& dir, uint64_t mark, boo
     return files;
 }
 
+// --- temporaries ---
+
+debug::TraceSite g_sweepTrace("DiskCache", 6);
+
+struct CountedTemps {
+    std::weak_ptr<MC_Bag> bag;
+    std::map<std::filesystem::path, uint64_t> sizes;  // path -> bytes counted
+};
+
+std::mutex g_mutex;  // guards g_counted
+std::vector<CountedTemps> g_counted;
+
+// The record of `bag` (created on first use); drops the records of bags that are gone.
+CountedTemps& RecordOf(MC_Bag& bag) {
+    std::erase_if(g_counted, [](const CountedTemps& c) { return c.bag.expired(); });
+    for (CountedTemps& c : g_counted)
+        if (c.bag.lock().get() == &bag) return c;
+    g_counted.push_back({bag.weak_from_this(), {}});
+    return g_counted.back();
+}
+
+// What a look at one temporary found.
+struct TempState {
+    bool present = false;
+    bool abandoned = false;
+    uint64_t size = 0;
+};
+
+TempState Look(const File& temp, int64_t now) {
+    TempState state;
+    try {
+        state.size = temp.Size();  // regular files only
+        state.abandoned = now - temp.Modified() >= MCp_DiskFolder::kAbandonedTempFileNanos;
+        state.present = true;
+    } catch (const velacore::HostError&) {
+        // gone, or not a regular file: nothing of ours to count or remove
+    }
+    return state;
+}
+
+void Remove(const File& temp) {
+    try {
+        temp.Delete();
+        if (g_sweepTrace.Enabled())
+            g_sweepTrace.Write("removed abandoned temporary " + temp.GetFullPathUtf8() + "\n");
+    } catch (const velacore::HostError&) {
+        // already gone
+    }
+}
+
+// Brings the record of one temporary up to date; returns the change of the counted bytes.
+int64_t Update(CountedTemps& record, const File& temp, int64_t now) {
+    const TempState state = Look(temp, now);
+    if (state.present && state.abandoned) Remove(temp);
+    const auto it = record.sizes.find(temp.GetFullPath());
+    const int64_t before = it == record.sizes.end() ? 0 : static_cast<int64_t>(it->second);
+    if (!state.present || state.abandoned) {
+        if (it != record.sizes.end()) record.sizes.erase(it);
+        return -before;
+    }
+    record.sizes[temp.GetFullPath()] = state.size;
+    return static_cast<int64_t>(state.size) - before;
+}
+
 }  // namespace
 
-void MC_Bag::ScanOneDiskCacheFile(const File& file) {
-    if (!IsCacheFile(file)) return;  // never touch what is not ours
+void MCp_DiskFolder::ScanOne(MC_Bag& bag, const File& file) {
+    if (!MCp_CacheFile::IsCacheFile(file)) return;  // never touch what is not ours
     ScQuietErrors quiet;
     uint64_t size = 0;
     try {
@@ -136,12 +202,12 @@ void MC_Bag::ScanOneDiskCacheFile(const File& file) {
         return;
     }
     try {
-        ParsedCacheFileName parsed = ParseCacheFileName(file, GetAppVersion());
+        ParsedCacheFileName parsed = MCp_CacheFile::ParseName(file, bag.GetAppVersion());
         const std::string matchname = velacore::ToUtf8(parsed.matchname);
         IntrusivePtr<MC_StuffData> data =
             MC_StuffData::CreateSubclass(matchname.c_str(), parsed.header);
         if (!data) return;  // no data class for it here: leave the file for someone who knows it
-        Adopt(*this, file, size, parsed.guid, std::move(data));
+        Adopt(bag, file, size, parsed.guid, std::move(data));
     } catch (int code) {
         if (g_scanTrace.Enabled())
             g_scanTrace.Write("ScanOneDiskCacheFile: deleting " + file.GetFullPathUtf8() +
@@ -150,20 +216,16 @@ void MC_Bag::ScanOneDiskCacheFile(const File& file) {
     }
 }
 
-void MC_ScanOneDiskCacheFile(const File& file) {
-    if (std::shared_ptr<MC_Bag> bag = MC_GlobalBag()) bag->ScanOneDiskCacheFile(file);
-}
-
-void MC_Bag::ScanDiskCacheDir() {
-    const velacore::Dir dir = GetDiskCacheDirSpec();
+void MCp_DiskFolder::Scan(MC_Bag& bag) {
+    const velacore::Dir dir = bag.GetDiskCacheDirSpec();
     if (dir.IsEmpty()) return;
     ScQuietErrors quiet;
     uint64_t mark = 0;
     {
-        std::lock_guard<std::recursive_mutex> info(diskInfoMutex_);
-        mark = lastScanMark_;
+        std::lock_guard<std::recursive_mutex> info(bag.diskInfoMutex_);
+        mark = bag.lastScanMark_;
     }
-    const uint64_t passStart = NowNanos();
+    const uint64_t passStart = static_cast<uint64_t>(NowNanos());
     bool stopped = false;
     std::vector<File> files, temps;
     try {
@@ -172,21 +234,52 @@ void MC_Bag::ScanDiskCacheDir() {
         if (g_scanTrace.Enabled()) g_scanTrace.Write("ScanDiskCacheDir: walk failed\n");
         return;
     }
-    MCp_SweepTempFiles(*this, temps);
+    SweepTempFiles(bag, temps);
     for (const File& file : files) {
         if (MCp_StopRequested()) {
             stopped = true;
             break;
         }
         try {
-            ScanOneDiskCacheFile(file);
+            ScanOne(bag, file);
         } catch (...) {
             if (g_scanTrace.Enabled())
                 g_scanTrace.Write("ScanDiskCacheDir: skipped " + file.GetFullPathUtf8() + "\n");
         }
     }
     if (stopped) return;  // the next pass must still see what this one did not reach
-    std::lock_guard<std::recursive_mutex> info(diskInfoMutex_);
+    std::lock_guard<std::recursive_mutex> info(bag.diskInfoMutex_);
     const uint64_t next = passStart > kScanMarkSlackNanos ? passStart - kScanMarkSlackNanos : 1;
-    lastScanMark_ = std::max(lastScanMark_, next);
+    bag.lastScanMark_ = std::max(bag.lastScanMark_, next);
+}
+
+// --- temporaries -----------------------------------------------------------------------------
+
+void MCp_DiskFolder::SweepTempFiles(MC_Bag& bag, const std::vector<File>& temps) {
+    try {
+        const int64_t now = NowNanos();
+        std::lock_guard<std::mutex> lock(g_mutex);
+        CountedTemps& record = RecordOf(bag);
+        if (record.bag.expired()) return;  // a bag nobody shares: nothing can keep the record
+        int64_t delta = 0;
+        for (const File& temp : temps) delta += Update(record, temp, now);
+        if (delta != 0) bag.AdjustOnDiskCacheSize(delta);
+    } catch (...) {
+        // the sweep is housekeeping: the scan goes on without it
+    }
+}
+
+void MCp_DiskFolder::RecheckCountedTempFiles(MC_Bag& bag) {
+    try {
+        const int64_t now = NowNanos();
+        std::lock_guard<std::mutex> lock(g_mutex);
+        CountedTemps& record = RecordOf(bag);
+        std::vector<File> counted;
+        for (const auto& entry : record.sizes) counted.emplace_back(entry.first);
+        int64_t delta = 0;
+        for (const File& temp : counted) delta += Update(record, temp, now);
+        if (delta != 0) bag.AdjustOnDiskCacheSize(delta);
+    } catch (...) {
+        // housekeeping only
+    }
 }

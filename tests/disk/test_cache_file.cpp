@@ -1,22 +1,148 @@
-// The bytes of a cache file: the 32-byte little-endian header, the write stream that pads to
-// whole buffers, its error mapping, and the temporary-then-commit write that never leaves a
-// partial file under the final name.
+// The cache file: names (build, parse, sub-folder), the 32-byte header and the write stream
+// (whole buffers, padding, failures).
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <memory>
 #include <vector>
 
-#include "disk/CacheFileFormat.h"
-#include "disk/FastWriteOnlyStream.h"
+#include "disk/CacheFile.h"
+#include "lifecycle/Messages.h"
+#include "mc/host/BinaryText.h"
 #include "mc/host/ByteStream.h"
 #include "mc/host/Errors.h"
 #include "mc/host/SafeSave.h"
+#include "mc/host/TextConvert.h"
 #include "support/FaultInjectingFileSystem.h"
 #include "support/TempDir.h"
 #include "test_format_util.h"
 
 namespace {
+
+using velacore::Dir;
+using velacore::File;
+using velacore::Guid;
+
+const Guid kGuid(std::string_view("0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0"));
+
+File InFolder(const std::u16string& name) {
+    return File(Dir(std::filesystem::path("/x")), name);
+}
+
+TEST(CacheFileNameTest, BuildTable) {
+    const std::u16string g = kGuid.AsWString();
+    // 0xFF 0xFF 0xFF encodes as "////": every slash must become '-' in the name.
+    const std::vector<uint8_t> slashes = {0xFF, 0xFF, 0xFF, 0xFB, 0xEF};
+    ASSERT_NE(velacore::EncodeBinaryDataToUTF8String(slashes).find('/'), std::string::npos);
+    struct Case {
+        const char* matchname;
+        uint32_t version;
+        std::vector<uint8_t> header;
+        std::u16string expected;
+    };
+    const Case cases[] = {
+        {"TestPayload", 0x1A, {1, 2, 3}, g + u".TestPayload.1A.AQID.zkcache"},
+        {"M", 0xABCDEF, {}, g + u".M.ABCDEF..zkcache"},
+        {"M", 0, {}, g + u".M.0..zkcache"},
+        {nullptr, 26, {1, 2, 3}, g + u"..1A.AQID.zkcache"},
+        {"TestPayload", 26, slashes, g + u".TestPayload.1A.----++8=.zkcache"},
+    };
+    for (const Case& t : cases) {
+        const std::u16string name =
+            MCp_CacheFile::BuildName(kGuid, t.matchname, t.version, t.header);
+        EXPECT_EQ(name, t.expected);
+        const ParsedCacheFileName parsed = MCp_CacheFile::ParseName(InFolder(name), t.version);
+        EXPECT_EQ(parsed.guid, kGuid);
+        EXPECT_EQ(parsed.matchname, velacore::ToUtf16(t.matchname ? t.matchname : ""));
+        EXPECT_EQ(parsed.appVersion, t.version);
+        EXPECT_EQ(parsed.header, t.header);
+    }
+}
+
+// Parsing: the version field is read as a base-16 number (case, blanks, sign, prefix and trailing
+// text are the parser's business; only a field without digits or beyond 32 bits never matches);
+// what follows the fourth stop is not read; a name not of our format throws the format code.
+TEST(CacheFileNameTest, ParseTable) {
+    const std::u16string g = kGuid.AsWString();
+    struct Case {
+        std::u16string name;
+        uint32_t expected;
+        int code;  // 0: parses, with header 1 2 3
+    };
+    const Case cases[] = {
+        {g + u".M.1A.AQID.zkcache", 26, 0},
+        {g + u".M.1a.AQID.zkcache", 26, 0},
+        {g + u".M. 1A.AQID.zkcache", 26, 0},
+        {g + u".M.+1a.AQID.zkcache", 26, 0},
+        {g + u".M.0x1A.AQID.zkcache", 26, 0},
+        {g + u".M.0X1a.AQID.zkcache", 26, 0},
+        {g + u".M.1Azz.AQID.zkcache", 26, 0},
+        {g + u".M.1A.AQID.anything.at.all", 26, 0},
+        {g + u".M.1B.AQID.zkcache", 26, MCp_Err_AppVersion},
+        {g + u".M..AQID.zkcache", 0, MCp_Err_AppVersion},
+        {g + u".M.zz.AQID.zkcache", 0, MCp_Err_AppVersion},
+        {g + u".M.-1.AQID.zkcache", 0xFFFFFFFF, MCp_Err_AppVersion},
+        {g + u".M.1000000001A.AQID.zkcache", 26, MCp_Err_AppVersion},
+        {g + u".M.1A", 26, MCp_Err_FormatVersion},
+        {u"garbage.zkcache", 26, MCp_Err_FormatVersion},
+        {u"not-a-guid.M.1A.AQID.zkcache", 26, MCp_Err_FormatVersion},
+        {g + u".M.1A.A!ID.zkcache", 26, MCp_Err_FormatVersion},
+        {g + u".M.1A.AQI.zkcache", 26, MCp_Err_FormatVersion},
+        {u".zkcache", 26, MCp_Err_FormatVersion},
+    };
+    for (const Case& t : cases) {
+        SCOPED_TRACE(velacore::ToUtf8(t.name));
+        int thrown = 0;
+        try {
+            const ParsedCacheFileName parsed =
+                MCp_CacheFile::ParseName(InFolder(t.name), t.expected);
+            EXPECT_EQ(parsed.appVersion, t.expected);
+            EXPECT_EQ(parsed.header, (std::vector<uint8_t>{1, 2, 3}));
+        } catch (int code) {
+            thrown = code;
+        }
+        EXPECT_EQ(thrown, t.code);
+    }
+}
+
+TEST(CacheFileNameTest, ExtensionTestIsExactAndCaseSensitive) {
+    for (const char16_t* name : {u"a.b.c.d.zkcache", u"x.zkcache"})
+        EXPECT_TRUE(MCp_CacheFile::IsCacheFile(InFolder(name)));
+    for (const char16_t* name :
+         {u"a.b.c.d.ZKCACHE", u"a.b.c.d.zkcache.tmp", u"a.zkcachex", u"zkcache"})
+        EXPECT_FALSE(MCp_CacheFile::IsCacheFile(InFolder(name)));
+    EXPECT_TRUE(MCp_CacheFile::IsTempFile(InFolder(u"a.b.c.d.zkcache.tmp")));
+    EXPECT_FALSE(MCp_CacheFile::IsTempFile(InFolder(u".zkcache.tmp")));
+}
+
+TEST(CacheFilePlaceTest, FileLiesInTheSubfolderOfItsFirstTwoCharacters) {
+    const Dir cache(std::filesystem::path("/c"));
+    const std::u16string name = MCp_CacheFile::BuildName(kGuid, "M", 1, {});
+    EXPECT_EQ(MCp_CacheFile::FileFor(cache, name).GetFullPath(),
+              std::filesystem::path("/c/0F") / velacore::ToUtf8(name));
+    EXPECT_EQ(MCp_CacheFile::FileFor(cache, u"A").GetFullPath(), std::filesystem::path("/c/A/A"));
+}
+
+TEST(CacheFilePlaceTest, EnsureSubfolderCreatesCacheFolderAndSubfolder) {
+    mctest::TempDir temp;
+    const Dir cache = temp.AsDir().GetSubdir(u"cache");
+    const std::u16string name = MCp_CacheFile::BuildName(kGuid, "M", 1, {});
+    EXPECT_TRUE(MCp_CacheFile::EnsureSubfolder(cache, name));
+    EXPECT_TRUE(std::filesystem::is_directory(temp.Path() / "cache" / "0F"));
+    EXPECT_TRUE(MCp_CacheFile::EnsureSubfolder(cache, name));  // already there: fine
+}
+
+TEST(CacheFilePlaceTest, EnsureSubfolderSwallowsFailuresAndNeverRebuildsAVanishedRoot) {
+    mctest::TempDir temp;
+    const Dir cache = temp.AsDir().GetSubdir(u"gone").GetSubdir(u"cache");
+    EXPECT_FALSE(MCp_CacheFile::EnsureSubfolder(cache, u"ABCD"));
+    EXPECT_FALSE(std::filesystem::exists(temp.Path() / "gone"));
+
+    auto faults = std::make_shared<mctest::FaultInjectingFileSystem>();
+    mctest::ScopedFileSystem scoped(faults);
+    faults->FailFrom(mctest::FsOp::kCreateDirectory, 1, mctest::Fault::kIoError);
+    EXPECT_FALSE(MCp_CacheFile::EnsureSubfolder(temp.AsDir().GetSubdir(u"c2"), u"ABCD"));
+}
 
 using mctest::Fault;
 using mctest::FaultInjectingFileSystem;

@@ -1,11 +1,9 @@
-// The disk speed statistics and busy-time trackers, and the accessors that expose them.
-#include "disk/DiskStats.h"
+// The speed statistics and busy-time trackers. See SpeedStats.h.
+#include "disk/SpeedStats.h"
 
 #include <algorithm>
 
-#include "disk/DiskSettings.h"
-#include "mc/MC_Bag.h"
-#include "mc/MC_Stuff.h"
+#include "disk/DiskFolder.h"
 #include "mc/host/Time.h"
 
 using velacore::HighPrecisionTime;
@@ -24,10 +22,13 @@ double SecondsBetween(uint64_t from, uint64_t to) {
 // --- speed statistic -----------------------------------------------------------------------
 
 void MCp_DiskSpeedStat::AddSample(uint64_t bytes, double seconds) {
+    AddSampleAt(bytes, seconds, HighPrecisionTime::Now());
+}
+
+void MCp_DiskSpeedStat::AddSampleAt(uint64_t bytes, double seconds, uint64_t now) {
     if (!(seconds > 0.0)) return;
     double speed = static_cast<double>(bytes) / seconds;
-    const uint64_t now = HighPrecisionTime::Now();
-    const double cap = mc_disk_settings::SpeedCapBytesPerSecond();
+    const double cap = MCp_DiskFolder::SpeedCapBytesPerSecond();
     std::lock_guard<std::mutex> lock(mutex_);
     if (lastStamp_ != 0) {
         const double gap = SecondsBetween(lastStamp_, now);
@@ -103,7 +104,10 @@ MCp_DiskSpeedStat& MCp_WriteSpeedStat() {
 // --- busy-time tracker ---------------------------------------------------------------------
 
 uint64_t MCp_BusyTracker::Begin() {
-    const uint64_t now = HighPrecisionTime::Now();
+    return BeginAt(HighPrecisionTime::Now());
+}
+
+uint64_t MCp_BusyTracker::BeginAt(uint64_t now) {
     std::lock_guard<velacore::RecursiveMutex> lock(mutex_);
     PruneLocked(now);
     const uint64_t id = nextId_++;
@@ -112,7 +116,10 @@ uint64_t MCp_BusyTracker::Begin() {
 }
 
 void MCp_BusyTracker::End(uint64_t id) {
-    const uint64_t now = HighPrecisionTime::Now();
+    EndAt(id, HighPrecisionTime::Now());
+}
+
+void MCp_BusyTracker::EndAt(uint64_t id, uint64_t now) {
     std::lock_guard<velacore::RecursiveMutex> lock(mutex_);
     for (auto it = intervals_.rbegin(); it != intervals_.rend(); ++it) {
         if (it->id == id) {
@@ -135,8 +142,11 @@ void MCp_BusyTracker::PruneLocked(uint64_t now) {
 }
 
 double MCp_BusyTracker::PercentBusy(double spanSeconds) const {
+    return PercentBusyAt(spanSeconds, HighPrecisionTime::Now());
+}
+
+double MCp_BusyTracker::PercentBusyAt(double spanSeconds, uint64_t now) const {
     if (!(spanSeconds > 0.0)) return 0.0;
-    const uint64_t now = HighPrecisionTime::Now();
     const double spanNanos = spanSeconds * 1e9;
     const uint64_t windowStart =
         spanNanos >= static_cast<double>(now) ? 0 : now - static_cast<uint64_t>(spanNanos);
@@ -167,26 +177,4 @@ MCp_BusyTracker& MCp_ReadBusyTracker() {
 MCp_BusyTracker& MCp_WriteBusyTracker() {
     static MCp_BusyTracker tracker;
     return tracker;
-}
-
-// --- exported accessors --------------------------------------------------------------------
-
-double MC_Stuff::GetAverageDiskReadSpeed() {
-    return MCp_ReadSpeedStat().GetAverage();
-}
-double MC_Stuff::GetAverageDiskWriteSpeed() {
-    return MCp_WriteSpeedStat().GetAverage();
-}
-double MC_Stuff::GetMaxDiskReadSpeed() {
-    return MCp_ReadSpeedStat().GetMaxAverage();
-}
-double MC_Stuff::GetMaxDiskWriteSpeed() {
-    return MCp_WriteSpeedStat().GetMaxAverage();
-}
-
-double MC_Bag::GetPercentTimeReadingFromDisk(double spanSeconds) const {
-    return MCp_ReadBusyTracker().PercentBusy(spanSeconds);
-}
-double MC_Bag::GetPercentTimeWritingToDisk(double spanSeconds) const {
-    return MCp_WriteBusyTracker().PercentBusy(spanSeconds);
 }

@@ -1,10 +1,29 @@
-// The process-wide disk-write queue.
-#include "disk/DiskWriterQueue.h"
+// The disk writer's queue, the count of writes outstanding and the wait for them to end. See
+// DiskWriter.h.
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 
+#include "disk/DiskWriter.h"
 #include "lifecycle/Counters.h"
-#include "mc/MC_Bag.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/MC_Stuff.h"
+
+namespace {
+std::mutex& WaitMutex() {
+    static std::mutex m;
+    return m;
+}
+std::condition_variable& WaitSignal() {
+    static std::condition_variable cv;
+    return cv;
+}
+}  // namespace
+
+MCp_DiskWriteQueue::Entry::Entry(velacore::IntrusivePtr<MC_Stuff> s,
+                                 std::shared_ptr<MC_ScCheckout> r)
+    : stuff(std::move(s)), receipt(std::move(r)), pending(true) {}
 
 MCp_DiskWriteQueue& MCp_DiskWriteQueue::Get() {
     static MCp_DiskWriteQueue queue;
@@ -51,11 +70,19 @@ void MCp_DiskWriteQueue::AdjustCountForTesting(int32_t delta) {
     count_.fetch_add(delta, std::memory_order_acq_rel);
 }
 
-double MC_Bag::GetDiskWriteQueueSizePercentFull() const {
-    return MCp_DiskWriteQueue::Get().FillFraction();
+void MCp_PendingDiskWrite::NotifyDone() {
+    // Taking the mutex orders this wake-up after a waiter's check of the count.
+    { std::lock_guard<std::mutex> lock(WaitMutex()); }
+    WaitSignal().notify_all();
 }
 
-double MC_Bag::GetAdjustedWriteTimePercent(double spanSeconds, double threshold) const {
-    if (1.0 - MCp_DiskWriteQueue::Get().FreeShare() > threshold) return 2.0;  // saturated
-    return GetPercentTimeWritingToDisk(spanSeconds);
+bool MCp_DiskWriter::WaitForWrites(double seconds) {
+    const auto limit = std::chrono::duration<double>(seconds > 0 ? seconds : 0);
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                               std::min(limit, std::chrono::duration<double>(1e9)));
+    std::unique_lock<std::mutex> lock(WaitMutex());
+    return WaitSignal().wait_until(lock, deadline, [] {
+        return MCp_PendingDiskWrite::Outstanding().load(std::memory_order_acquire) == 0;
+    });
 }

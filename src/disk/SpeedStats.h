@@ -1,8 +1,10 @@
-// What the disk has been measured to deliver: two process-wide speed statistics (reads and
-// writes; exponential moving averages of bytes per second with a warm-up before maxima are
-// tracked, a cap above which samples are ignored, and merging of overlapping operations), and
-// two busy-time trackers (intervals during which a file was being read or written), used by the
-// write decision, the purge and the performance display.
+// The speed statistics: what the disk has been measured to deliver. Two process-wide speed
+// statistics (reads and writes; exponential moving averages of bytes per second with a warm-up
+// before maxima are tracked, a cap at or above which samples are ignored, and merging of
+// overlapping operations), and two busy-time trackers (intervals during which a file was being
+// read or written), used by the write decision, the purge and the performance display. The
+// "...At" members take the host time stamp (HighPrecisionTime::Now units) instead of reading
+// the clock.
 // Thread-safety: every member may be called from any thread; each statistic and each tracker
 // has its own mutex, held only for the arithmetic.
 #pragma once
@@ -14,7 +16,7 @@
 #include "mc/host/RecursiveMutex.h"
 
 class MCp_DiskSpeedStat {
-  public:
+public:
     static constexpr int64_t kWarmUpCount = 50;
     static constexpr double kNewWeight = 0.02;
     static constexpr double kOldWeight = 0.98;
@@ -29,6 +31,7 @@ class MCp_DiskSpeedStat {
     // or above the cap (the "Dont Include Speeds Above..." preference) only become the previous
     // sample.
     void AddSample(uint64_t bytes, double seconds);
+    void AddSampleAt(uint64_t bytes, double seconds, uint64_t now);
 
     // Each returns its field, read under the mutex.
     double GetAverage() const;
@@ -42,7 +45,7 @@ class MCp_DiskSpeedStat {
     // Replaces the average (tests and hosts that know their disk).
     void SetAverageForTesting(double bytesPerSecond);
 
-  private:
+private:
     mutable std::mutex mutex_;
     int64_t warmUpCount_ = kWarmUpCount;
     double newWeight_ = kNewWeight;
@@ -62,7 +65,7 @@ MCp_DiskSpeedStat& MCp_WriteSpeedStat();
 
 // Intervals during which the disk was busy with one kind of operation.
 class MCp_BusyTracker {
-  public:
+public:
     static constexpr uint64_t kOpen = ~uint64_t{0};
 
     MCp_BusyTracker() = default;
@@ -71,16 +74,19 @@ class MCp_BusyTracker {
 
     // Opens an interval starting now; returns its id, to be given to End.
     uint64_t Begin();
+    uint64_t BeginAt(uint64_t now);
     // Closes the interval `id` now (unknown ids are ignored).
     void End(uint64_t id);
+    void EndAt(uint64_t id, uint64_t now);
     // Busy share of the last `spanSeconds` seconds: the sum of each interval's overlap with
     // [now - span, now], divided by the span (overlapping operations may give more than 1).
     // Returns 0 for a span that is not positive.
     double PercentBusy(double spanSeconds) const;
+    double PercentBusyAt(double spanSeconds, uint64_t now) const;
     // Forgets every interval (tests).
     void Reset();
 
-  private:
+private:
     struct Interval {
         uint64_t id;
         uint64_t start;
@@ -98,14 +104,14 @@ MCp_BusyTracker& MCp_WriteBusyTracker();
 
 // Records one busy interval for the lifetime of the object.
 class MCp_ScBusyInterval {
-  public:
+public:
     explicit MCp_ScBusyInterval(MCp_BusyTracker& tracker)
         : tracker_(tracker), id_(tracker.Begin()) {}
     ~MCp_ScBusyInterval() { tracker_.End(id_); }
     MCp_ScBusyInterval(const MCp_ScBusyInterval&) = delete;
     MCp_ScBusyInterval& operator=(const MCp_ScBusyInterval&) = delete;
 
-  private:
+private:
     MCp_BusyTracker& tracker_;
     uint64_t id_;
 };
