@@ -34,8 +34,8 @@ int64_t MC_Bag::FreeUpSomeMemory(size_t) {
         const uint64_t cacheLimit = MC_GetMaxMCCacheSize();
         bool success = false;
         bool previousFreed = false;
-        auto it = mru_.begin();
-        while (it != mru_.end()) {
+        MC_Stuff* it = mruHead_;
+        while (it) {
             if (!MC_IsGlobalBagSizeAboveMinimum()) break;
             if (previousFreed && U_AmountToPurge() <= static_cast<uint64_t>(totalFreed)) {
                 success = true;
@@ -45,11 +45,10 @@ int64_t MC_Bag::FreeUpSomeMemory(size_t) {
                 success = true;
                 break;
             }
-            StuffPtr stuff = it->stuff;
-            ++it;  // the item may leave the set below
+            StuffPtr stuff(it);
+            it = it->mruNext_;  // the item may leave the list below
             ++stats.index;
             previousFreed = false;
-            if (!stuff) config::DoThrowNullPtrException("MC_Stuff");
             if (!stuff->ShouldAllowPurge() || !stuff->IsInMemory()) continue;
             const uint32_t freed = stuff->FreeUpAsMuchAsPossible(true, &releaseList);
             MCp_GetCounters().purgeAttempts.fetch_add(1);
@@ -69,7 +68,7 @@ int64_t MC_Bag::FreeUpSomeMemory(size_t) {
             g_passStats.Write(
                 "Pass-Stats: pass, totalStuffs, attemptedStuffs, freedStuffs, amountFreedInPass, "
                 "amtToPurge, success:0, " +
-                std::to_string(mru_.size()) + ", " + std::to_string(stats.attempted) + ", " +
+                std::to_string(mruSize_) + ", " + std::to_string(stats.attempted) + ", " +
                 std::to_string(stats.freedItems) + ", " + std::to_string(stats.amountFreed) +
                 ", " + std::to_string(U_AmountToPurge()) + ", " + (success ? "1" : "0") + "\n");
         if (stats.newestUsed != 0) {
