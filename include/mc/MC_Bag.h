@@ -133,12 +133,19 @@ private:
 
     void AddStuffGuts(const StuffPtr& stuff, const MCp_ScLock& lock, bool updateMediaMap);
     void RemoveStuffGuts(const StuffPtr& stuff, const MCp_ScLock& lock, bool updateMediaMap);
-    static void RelinkAtUseTime(const std::weak_ptr<MC_Bag>& bag, const StuffPtr& stuff);
+    static void RelinkAtUseTime(MC_Bag* bag, const StuffPtr& stuff);
+    // The recency list (caller holds the cache lock). Linking takes a reference to the item;
+    // unlinking hands it back to the caller.
+    void LinkByStamp(MC_Stuff* stuff, uint64_t stamp);
+    [[nodiscard]] StuffPtr Unlink(MC_Stuff* stuff);
     void TrackLastPurgedUsedTime(uint64_t t) { lastPurgedUsedTime_.store(t); }
     void TraceMediaMapChange(const char* what, const StuffPtr& stuff);
 
-    // --- guarded by the cache lock (with each item's place in it, MC_Stuff::bagIt_) ---
-    MC_MruSet mru_;
+    // --- guarded by the cache lock (with each item's links, MC_Stuff::mruPrev_/mruNext_):
+    // oldest first, sorted by the stamp captured at linking; equal stamps in linking order ---
+    MC_Stuff* mruHead_ = nullptr;
+    MC_Stuff* mruTail_ = nullptr;
+    size_t mruSize_ = 0;
 
     // --- set at construction, never changed ---
     std::shared_ptr<MC_SortDir> sortDir_;  // its contents are guarded by the cache lock

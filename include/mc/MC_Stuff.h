@@ -74,6 +74,8 @@ public:
 
     // --- identity ---
     velacore::Guid GetGuid() const;
+    // Hash of the GUID, computed when it is set.
+    size_t GetGuidHash() const { return guidHash_.load(std::memory_order_acquire); }
     // Sets the GUID without re-keying the sort directory. The GUID is the key the cache finds
     // items by: give every request one (items of one thing share it), or every request misses.
     void SetGuid(const velacore::Guid& guid);
@@ -107,8 +109,6 @@ public:
 
     // --- bag and sort directory ---
     std::weak_ptr<MC_Bag> GetBag() const;
-    MC_MruSet::iterator GetBagIterator() const;
-    void SetBagAndIterator(std::weak_ptr<MC_Bag> bag, MC_MruSet::iterator it, bool hasIt);
     std::shared_ptr<MC_SortDir> GetSortDir() const;
     void SetSortDir(const std::shared_ptr<MC_SortDir>& dir);
     StateSignal& GetMemDiskChangedSignal() { return stateSignal_; }
@@ -236,7 +236,8 @@ private:
     velacore::Guid guid_;
 
     // --- atomic: read without locks ---
-    std::atomic<uint64_t> lastUseTime_;  // the recency set keeps its own copy taken at insertion
+    std::atomic<uint64_t> lastUseTime_;  // the recency list keeps its own copy (mruStamp_)
+    std::atomic<size_t> guidHash_{0};    // hash of guid_, stored with it under the spin lock
     std::atomic<uint64_t> lastReadFromDiskTime_{0};
     // Changed only under the item lock (upgrade or write; check-in also holds the cache lock);
     // GetCheckoutCount reads it without locks.
@@ -277,9 +278,13 @@ private:
     // --- written under the cache lock and the item write lock; read under the item lock ---
     bool checkedOutWriteable_ = false;
     std::weak_ptr<MC_Bag> bag_;
-    MC_MruSet::iterator bagIt_{};  // valid only while the cache lock is held
-    bool hasBagIt_ = false;
     std::weak_ptr<MC_SortDir> sortDir_;
+
+    // --- guarded by the cache lock: the item's place in its bag's recency list ---
+    MC_Bag* mruBag_ = nullptr;  // the bag whose list holds this item (and one reference to it)
+    MC_Stuff* mruPrev_ = nullptr;
+    MC_Stuff* mruNext_ = nullptr;
+    uint64_t mruStamp_ = 0;  // last-use time captured when linked; the list is sorted by it
 
     // --- the item lock ---
     mutable velacore::MultiTenantRecursiveMutex lock_;

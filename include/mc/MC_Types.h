@@ -40,14 +40,3 @@ enum : int {
     MC_CheckinFlag_ForceWriteToDisk = 0x08     // queue a disk write whatever the decision says
 };
 
-// One member of a bag's recency order. The stamp is the item's last-used time captured when it
-// was inserted; the order never reads the item's live stamp, so that stamp may change freely.
-struct MC_MruEntry {
-    uint64_t stamp;
-    velacore::IntrusivePtr<MC_Stuff> stuff;
-};
-struct MC_MruLess {
-    bool operator()(const MC_MruEntry& a, const MC_MruEntry& b) const { return a.stamp < b.stamp; }
-};
-// Oldest first; a new entry goes after existing entries with an equal stamp.
-using MC_MruSet = std::multiset<MC_MruEntry, MC_MruLess>;

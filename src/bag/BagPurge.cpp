@@ -1,8 +1,11 @@
 // The memory purge: one walk from the least recently used item until the host's target is met.
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "host/HostOps.h"
 #include "lifecycle/Counters.h"
+#include "lifecycle/Module.h"
 #include "mc/MCp_ScLock.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
@@ -21,40 +24,63 @@ struct PurgeStats {
 };
 }  // namespace
 
+// A pass that is not nested in a caller's cache lock lets go of it every kVisitsPerHold items,
+// so that hits are not held up for long on a very large bag; it goes on from a held cursor (from
+// the oldest end when the cursor left the bag meanwhile).
 int64_t MC_Bag::FreeUpSomeMemory(size_t) {
+    constexpr uint64_t kVisitsPerHold = 16384;
     debug::ProfileScope profile("ZK.MC_Bag::FreeUpSomeMemory", 7);
     MCp_GetCounters().purgePasses.fetch_add(1);
     MC_ReleaseList releaseList;
+    std::vector<StuffPtr> unlinked;  // items that left the bag die after the lock
     PurgeStats stats;
     int64_t totalFreed = 0;
-    {
+    const bool nested = MCp_ScLock::IsHeldByCurrentThread();
+    const bool limitMode = MC_IsSetMCCacheLimitForQuilletsEnabled();
+    const uint64_t cacheLimit = MC_GetMaxMCCacheSize();
+    MCp_MinimumCheck minimum;
+    std::optional<uint64_t> amountToPurge;  // the host's target, read once per pass
+    bool success = false;
+    bool previousFreed = false;
+    bool started = false;
+    StuffPtr cursor;  // where a pass that let go of the lock goes on
+    for (bool done = false; !done;) {
         MCp_ScLock lock;
         debug::ProfileScope purgeProfile("ZK.MC_Bag::FreeUpSomeMemory - purge", 7);
-        const bool limitMode = MC_IsSetMCCacheLimitForQuilletsEnabled();
-        const uint64_t cacheLimit = MC_GetMaxMCCacheSize();
-        bool success = false;
-        bool previousFreed = false;
-        auto it = mru_.begin();
-        while (it != mru_.end()) {
-            if (!MC_IsGlobalBagSizeAboveMinimum()) break;
-            if (previousFreed && U_AmountToPurge() <= static_cast<uint64_t>(totalFreed)) {
-                success = true;
+        MC_Stuff* it = started ? cursor.get() : mruHead_;
+        if (it && it->mruBag_ != this) it = mruHead_;
+        if (cursor) unlinked.push_back(std::move(cursor));
+        started = true;
+        uint64_t visits = 0;
+        done = true;
+        while (it) {
+            if (!nested && ++visits > kVisitsPerHold) {
+                cursor = StuffPtr(it);
+                done = false;
                 break;
+            }
+            if (!minimum.Above()) break;
+            if (previousFreed) {
+                if (!amountToPurge) amountToPurge = U_AmountToPurge();
+                if (*amountToPurge <= static_cast<uint64_t>(totalFreed)) {
+                    success = true;
+                    break;
+                }
             }
             if (limitMode && inMemory_.load() <= static_cast<int64_t>(cacheLimit)) {
                 success = true;
                 break;
             }
-            StuffPtr stuff = it->stuff;
-            ++it;  // the item may leave the set below
+            StuffPtr stuff(it);
+            it = it->mruNext_;  // the item may leave the list below
             ++stats.index;
             previousFreed = false;
-            if (!stuff) config::DoThrowNullPtrException("MC_Stuff");
             if (!stuff->ShouldAllowPurge() || !stuff->IsInMemory()) continue;
             const uint32_t freed = stuff->FreeUpAsMuchAsPossible(true, &releaseList);
             MCp_GetCounters().purgeAttempts.fetch_add(1);
             ++stats.attempted;
             stats.newestUsed = std::max(stats.newestUsed, stuff->GetLastUseTime());
+            if (stuff->mruBag_ != this) unlinked.push_back(std::move(stuff));
             if (freed == 0) continue;
             previousFreed = true;
             ++stats.freedItems;
@@ -65,11 +91,12 @@ int64_t MC_Bag::FreeUpSomeMemory(size_t) {
                                    std::to_string(stats.index) + ", " + std::to_string(freed) +
                                    ", " + std::to_string(U_AmountToPurge()) + "\n");
         }
+        if (!done) continue;
         if (g_passStats.Enabled())
             g_passStats.Write(
                 "Pass-Stats: pass, totalStuffs, attemptedStuffs, freedStuffs, amountFreedInPass, "
                 "amtToPurge, success:0, " +
-                std::to_string(mru_.size()) + ", " + std::to_string(stats.attempted) + ", " +
+                std::to_string(mruSize_) + ", " + std::to_string(stats.attempted) + ", " +
                 std::to_string(stats.freedItems) + ", " + std::to_string(stats.amountFreed) +
                 ", " + std::to_string(U_AmountToPurge()) + ", " + (success ? "1" : "0") + "\n");
         if (stats.newestUsed != 0) {
@@ -78,6 +105,7 @@ int64_t MC_Bag::FreeUpSomeMemory(size_t) {
         }
     }
     releaseList.clear();  // purged payload memory is freed here, outside the cache lock
+    unlinked.clear();
     if (totalFreed != 0) U_PurgeRecycledMemory();
     return totalFreed;
 }

@@ -2,6 +2,7 @@
 #include "mc/MC_Bag.h"
 
 #include <string>
+#include <vector>
 
 #include "bag/MC_SortDir.h"
 #include "host/HostOps.h"
@@ -34,7 +35,38 @@ MC_Bag::MC_Bag(unsigned appVersion)
       appVersion_(appVersion & 0x7FFFFFFFu),
       spareList_(std::make_shared<std::list<IntrusivePtr<MC_Stuff>>>()) {}
 
-MC_Bag::~MC_Bag() = default;
+// Items still listed lose their link to this bag and the list's reference.
+MC_Bag::~MC_Bag() {
+    std::vector<StuffPtr> release;
+    MCp_ScLock lock;
+    release.reserve(mruSize_);
+    while (mruHead_) release.push_back(Unlink(mruHead_));
+}
+
+// --- recency list --------------------------------------------------------------------------
+
+// A new stamp is normally the newest, so the walk from the young end stops at once.
+void MC_Bag::LinkByStamp(MC_Stuff* stuff, uint64_t stamp) {
+    MC_Stuff* after = mruTail_;
+    while (after && after->mruStamp_ > stamp) after = after->mruPrev_;
+    stuff->mruStamp_ = stamp;
+    stuff->mruPrev_ = after;
+    stuff->mruNext_ = after ? after->mruNext_ : mruHead_;
+    (stuff->mruNext_ ? stuff->mruNext_->mruPrev_ : mruTail_) = stuff;
+    (after ? after->mruNext_ : mruHead_) = stuff;
+    stuff->mruBag_ = this;
+    ++mruSize_;
+    stuff->RetainObject();
+}
+
+MC_Bag::StuffPtr MC_Bag::Unlink(MC_Stuff* stuff) {
+    (stuff->mruPrev_ ? stuff->mruPrev_->mruNext_ : mruHead_) = stuff->mruNext_;
+    (stuff->mruNext_ ? stuff->mruNext_->mruPrev_ : mruTail_) = stuff->mruPrev_;
+    stuff->mruPrev_ = stuff->mruNext_ = nullptr;
+    stuff->mruBag_ = nullptr;
+    --mruSize_;
+    return StuffPtr::Adopt(stuff);
+}
 
 // --- membership ----------------------------------------------------------------------------
 
@@ -65,26 +97,26 @@ void MC_Bag::RemoveStuffFromBagAndSortDir(const StuffPtr& stuff, const MCp_ScLoc
 }
 
 void MC_Bag::AddStuffGuts(const StuffPtr& stuff, const MCp_ScLock&, bool updateMediaMap) {
-    if (stuff->LockBag()) MCp_FailVerification("stuff already in a bag");
+    if (stuff->mruBag_) MCp_FailVerification("stuff already in a bag");
     const bool mirror = MCp_MediaMapEnabled() && updateMediaMap;
     if (mirror && stuff->IsInMemory()) MCp_MediaMapRegister(stuff);
-    auto it = mru_.insert(MC_MruEntry{stuff->GetLastUseTime(), stuff});
-    stuff->SetBagAndIterator(weak_from_this(), it, true);
+    LinkByStamp(stuff.get(), stuff->GetLastUseTime());
+    {
+        velacore::ScopedWriteLockWrapper w(stuff->lock_);
+        stuff->bag_ = weak_from_this();
+    }
     if (IntrusivePtr<MC_StuffData> data = stuff->GetDataPtr())
         stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
     if (mirror && g_mediaMapTrace.Enabled()) TraceMediaMapChange("Added stuff ", stuff);
 }
 
 void MC_Bag::RemoveStuffGuts(const StuffPtr& stuff, const MCp_ScLock&, bool updateMediaMap) {
-    if (stuff->LockBag().get() != this) MCp_FailVerification("stuff not in the right bag");
-    MC_MruSet::iterator it;
+    if (stuff->mruBag_ != this) MCp_FailVerification("stuff not in the right bag");
+    StuffPtr listed = Unlink(stuff.get());  // the caller holds a reference too
     {
-        ScopedReadLockWrapper r(stuff->lock_);
-        it = stuff->bagIt_;
+        velacore::ScopedWriteLockWrapper w(stuff->lock_);
+        stuff->bag_.reset();
     }
-    StuffPtr keep = stuff;  // the set's reference goes with the node
-    mru_.erase(it);
-    stuff->SetBagAndIterator({}, {}, false);
     if (MCp_MediaMapEnabled() && updateMediaMap && MCp_MediaMapErase(stuff) &&
         g_mediaMapTrace.Enabled())
         TraceMediaMapChange("Removed stuff ", stuff);
@@ -95,42 +127,36 @@ void MC_Bag::TraceMediaMapChange(const char* what, const StuffPtr& stuff) {
     GetCacheSizesInBytes(inMemory, onDisk);
     g_mediaMapTrace.Write(std::string(what) + PointerText(stuff.get()) + " MC Cache size " +
                           std::to_string(inMemory) + " num entries = " +
-                          std::to_string(mru_.size()) + " MediaMap size " +
+                          std::to_string(mruSize_) + " MediaMap size " +
                           std::to_string(MCp_MediaMapSize()) + " num entries = " +
                           std::to_string(MCp_MediaMapEntryCount()) + "\n");
 }
 
 // Stamps the item as used now and has the host's top-level runner move it to the young end. The
-// runner may run the task later, on any thread: the task owns the item, reaches the bag through a
-// weak reference and takes the cache lock itself. Until it runs, the item keeps its old place, so
-// it stays purgeable and removable; a task that finds the item out of this bag, or the bag gone,
-// does nothing.
+// runner may run the task later, on any thread: the task owns the item and takes the cache lock
+// itself; it relinks the item only if it is still listed in this bag (a bag unlinks its items
+// when it dies). Until it runs, the item keeps its old place, so it stays purgeable and removable.
 void MC_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const MCp_ScLock&) {
     debug::ProfileScope profile("ZK.MC_Bag::UpdateWithNewLastUsedTime", 7);
-    if (stuff->LockBag().get() != this) MCp_FailVerification("stuff not in the right bag");
+    if (stuff->mruBag_ != this) MCp_FailVerification("stuff not in the right bag");
     stuff->UpdateLastUsedTimeToNow();
-    config::ExecuteTopLevelFunction(
-        [bag = weak_from_this(), stuff] { MC_Bag::RelinkAtUseTime(bag, stuff); });
+    config::ExecuteTopLevelFunction([bag = this, stuff] { MC_Bag::RelinkAtUseTime(bag, stuff); });
 }
 
-// Re-inserts the item under its current use time (removal and addition proper, without
-// reallocating the node) and re-syncs its size.
-void MC_Bag::RelinkAtUseTime(const std::weak_ptr<MC_Bag>& weakBag, const StuffPtr& stuff) {
+// Moves the item to its place under its current use time and re-syncs its size.
+void MC_Bag::RelinkAtUseTime(MC_Bag* bag, const StuffPtr& stuff) {
     MCp_ScLock lock;
-    const std::shared_ptr<MC_Bag> bag = weakBag.lock();
-    if (!bag) return;
-    MC_MruSet::iterator it;
-    {
-        ScopedReadLockWrapper r(stuff->lock_);
-        if (stuff->bag_.lock() != bag || !stuff->hasBagIt_) return;  // left it meanwhile
-        it = stuff->bagIt_;
-    }
+    if (stuff->mruBag_ != bag) return;  // left it meanwhile, or the bag died
     const bool mirror = MCp_MediaMapEnabled();
     if (mirror) MCp_MediaMapErase(stuff);
-    auto node = bag->mru_.extract(it);
-    node.value().stamp = stuff->GetLastUseTime();
-    auto pos = bag->mru_.insert(std::move(node));
-    stuff->SetBagAndIterator(bag, pos, true);
+    MC_Stuff* item = stuff.get();
+    const uint64_t stamp = item->GetLastUseTime();
+    if (item->mruNext_ || item->mruStamp_ > stamp) {  // the young end stays where it is
+        StuffPtr listed = bag->Unlink(item);
+        bag->LinkByStamp(item, stamp);
+    } else {
+        item->mruStamp_ = stamp;
+    }
     if (mirror && stuff->IsInMemory()) MCp_MediaMapRegister(stuff);
     if (IntrusivePtr<MC_StuffData> data = stuff->GetDataPtr())
         stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
@@ -154,8 +180,8 @@ void MC_Bag::ClearBagAndSortDir() {
 std::vector<MC_Bag::StuffPtr> MC_Bag::SnapshotItems() const {
     MCp_ScLock lock;
     std::vector<StuffPtr> items;
-    items.reserve(mru_.size());
-    for (const MC_MruEntry& e : mru_) items.push_back(e.stuff);
+    items.reserve(mruSize_);
+    for (MC_Stuff* s = mruHead_; s; s = s->mruNext_) items.emplace_back(s);
     return items;
 }
 
@@ -188,14 +214,13 @@ void MC_Bag::GetCacheSizesInBytes(uint64_t& inMemory, uint64_t& onDisk) const {
     inMemory = 0;
     onDisk = 0;
     MCp_ScLock lock;
-    for (const MC_MruEntry& e : mru_) {
-        if (!e.stuff) config::DoThrowNullPtrException("MC_Stuff");
-        ScopedReadLockWrapper r(e.stuff->lock_);
-        const IntrusivePtr<MC_StuffData>& data = e.stuff->data_;
+    for (const MC_Stuff* s = mruHead_; s; s = s->mruNext_) {
+        ScopedReadLockWrapper r(s->lock_);
+        const IntrusivePtr<MC_StuffData>& data = s->data_;
         if (!data) continue;
         const uint64_t size = data->GetApproximateMemorySize();
         if (data->IsInMemory()) inMemory += size;
-        if (e.stuff->diskFile_) onDisk += size;
+        if (s->diskFile_) onDisk += size;
     }
 }
 
@@ -218,7 +243,7 @@ float MC_Bag::GetPercentOfAvailableMemoryFree() const {
 
 int MC_Bag::GetNumItems() const {
     MCp_ScLock lock;
-    return static_cast<int>(mru_.size());
+    return static_cast<int>(mruSize_);
 }
 
 int MC_Bag::GetNumGuidSortedItems() const {

@@ -14,13 +14,10 @@
 using velacore::ScopedReadLockWrapper;
 using velacore::ScopedWriteLockWrapper;
 
-size_t MC_SortDir::GuidHash::operator()(const StuffPtr& s) const {
-    const velacore::Guid::Bytes bytes = velacore::GuidToBytes(s->GetGuid());
-    return boost::hash_range(bytes.begin(), bytes.end());
-}
+size_t MC_SortDir::GuidHash::operator()(const StuffPtr& s) const { return s->GetGuidHash(); }
 
 bool MC_SortDir::GuidEqual::operator()(const StuffPtr& a, const StuffPtr& b) const {
-    return a == b || a->GetGuid() == b->GetGuid();
+    return a == b || (a->GetGuidHash() == b->GetGuidHash() && a->GetGuid() == b->GetGuid());
 }
 
 MC_SortDir::MC_SortDir() { index_.max_load_factor(1.0f); }

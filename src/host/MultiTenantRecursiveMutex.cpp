@@ -1,6 +1,8 @@
 // Three-mode re-entrant item lock (see mc/host/MultiTenantRecursiveMutex.h).
-// All state lives under mutex_; every change that can unblock someone notifies cv_ (notify_all,
-// since waiters wait for different conditions).
+// All state lives under mutex_, except the fast readers: fastState_ counts the threads that hold
+// read without having taken mutex_, and each such thread keeps its depth in a thread-local table.
+// Every change that can unblock someone notifies cv_ (notify_all, since waiters wait for
+// different conditions).
 #include "mc/host/MultiTenantRecursiveMutex.h"
 
 #include <stdexcept>
@@ -18,7 +20,63 @@ void WaitCounted(std::condition_variable& cv, std::unique_lock<std::mutex>& lock
     cv.wait(lock, pred);
     --sleepers;
 }
+
+constexpr uint32_t kWriterBit = 1;
+constexpr uint32_t kOneReader = 2;
+
+// The fast read holds of this thread: which lock, how deep.
+struct FastHold {
+    const void* lock = nullptr;
+    uint32_t depth = 0;
+};
+constexpr size_t kFastHolds = 8;
+thread_local std::array<FastHold, kFastHolds> t_fastHolds{};
+
+FastHold* FindFastHold(const void* lock) {
+    for (FastHold& h : t_fastHolds)
+        if (h.lock == lock) return &h;
+    return nullptr;
+}
 }  // namespace
+
+void MultiTenantRecursiveMutex::SyncFastGateLocked() {
+    if (writer_ != std::thread::id() || waitingWriters_ != 0)
+        fastState_.fetch_or(kWriterBit);
+    else
+        fastState_.fetch_and(~kWriterBit);
+}
+
+bool MultiTenantRecursiveMutex::TryLockReadFast() {
+    if (FastHold* mine = FindFastHold(this)) {
+        ++mine->depth;  // a reader is granted again at once, even while a writer waits
+        return true;
+    }
+    FastHold* free = FindFastHold(nullptr);
+    if (!free) return false;
+    uint32_t s = fastState_.load(std::memory_order_relaxed);
+    while ((s & kWriterBit) == 0) {
+        if (fastState_.compare_exchange_weak(s, s + kOneReader, std::memory_order_acquire,
+                                             std::memory_order_relaxed)) {
+            *free = FastHold{this, 1};
+            return true;
+        }
+    }
+    return false;
+}
+
+bool MultiTenantRecursiveMutex::TryUnlockReadFast() {
+    FastHold* mine = FindFastHold(this);
+    if (!mine) return false;
+    if (--mine->depth != 0) return true;
+    *mine = FastHold{};
+    // A writer that came meanwhile sleeps until the fast readers are gone: wake it under the
+    // mutex, which it holds from setting the bit until it sleeps.
+    if (fastState_.fetch_sub(kOneReader, std::memory_order_acq_rel) & kWriterBit) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (sleepers_ != 0) cv_.notify_all();
+    }
+    return true;
+}
 
 MultiTenantRecursiveMutex::MultiTenantRecursiveMutex() = default;
 MultiTenantRecursiveMutex::~MultiTenantRecursiveMutex() = default;
@@ -65,6 +123,7 @@ void MultiTenantRecursiveMutex::EraseIfIdleLocked(std::thread::id id) {
 }
 
 void MultiTenantRecursiveMutex::LockRead() {
+    if (TryLockReadFast()) return;
     const std::thread::id self = std::this_thread::get_id();
     std::unique_lock<std::mutex> lock(mutex_);
     Holder* h = FindHolderLocked(self);
@@ -78,6 +137,7 @@ void MultiTenantRecursiveMutex::LockRead() {
 }
 
 void MultiTenantRecursiveMutex::UnlockRead() {
+    if (TryUnlockReadFast()) return;
     const std::thread::id self = std::this_thread::get_id();
     std::lock_guard<std::mutex> lock(mutex_);
     Holder* h = FindHolderLocked(self);
@@ -93,7 +153,8 @@ void MultiTenantRecursiveMutex::LockUpgrade() {
     const std::thread::id self = std::this_thread::get_id();
     std::unique_lock<std::mutex> lock(mutex_);
     Holder* h = FindHolderLocked(self);
-    if (h && h->upgrades == 0 && h->writes == 0) {
+    const bool readOnly = h ? h->upgrades == 0 && h->writes == 0 : FindFastHold(this) != nullptr;
+    if (readOnly) {
         throw std::logic_error("LockUpgrade: the thread holds only read; it would deadlock");
     }
     if (!h) {
@@ -128,19 +189,23 @@ void MultiTenantRecursiveMutex::LockWrite() {
         ++h->writes;
         return;
     }
-    if (h && h->upgrades == 0) {
+    const bool ownFast = FindFastHold(this) != nullptr;
+    if (h ? h->upgrades == 0 : ownFast) {
         throw std::logic_error("LockWrite: the thread holds only read; it would deadlock");
     }
     // Either the upgrader (waits for the other readers) or a new writer (waits for everyone).
     // While waiting it holds back new readers and upgraders.
     ++waitingWriters_;
+    SyncFastGateLocked();
     if (h) {
         const uint32_t ownRead = h->reads > 0 ? 1 : 0;
-        WaitCounted(cv_, lock, sleepers_, [this, ownRead] { return readerThreads_ == ownRead; });
+        WaitCounted(cv_, lock, sleepers_, [this, ownRead, ownFast] {
+            return readerThreads_ == ownRead && FastReadersLocked() == (ownFast ? 1u : 0u);
+        });
     } else {
         WaitCounted(cv_, lock, sleepers_, [this] {
             return writer_ == std::thread::id() && upgrader_ == std::thread::id() &&
-                   readerThreads_ == 0;
+                   readerThreads_ == 0 && FastReadersLocked() == 0;
         });
     }
     --waitingWriters_;
@@ -157,12 +222,14 @@ void MultiTenantRecursiveMutex::UnlockWrite() {
     if (!h || h->writes == 0) throw std::logic_error("UnlockWrite: write lock not held");
     if (--h->writes == 0) {
         writer_ = std::thread::id();
+        SyncFastGateLocked();
         EraseIfIdleLocked(self);
         if (sleepers_ != 0) cv_.notify_all();
     }
 }
 
 bool MultiTenantRecursiveMutex::IsReadLockedByCurrentThread() const {
+    if (FindFastHold(this)) return true;
     std::lock_guard<std::mutex> lock(mutex_);
     const Holder* h = FindHolderLocked(std::this_thread::get_id());
     return h && h->reads > 0;

@@ -2,6 +2,7 @@
 // MC_StuffCheckout.cpp, the purge in src/bag, the disk side in src/disk.
 #include "mc/MC_Stuff.h"
 
+#include <boost/functional/hash.hpp>
 #include <thread>
 
 #include "bag/MC_SortDir.h"
@@ -17,9 +18,17 @@ using velacore::HighPrecisionTime;
 using velacore::ScopedReadLockWrapper;
 using velacore::ScopedWriteLockWrapper;
 
+namespace {
+size_t HashOf(const Guid& guid) {
+    const Guid::Bytes bytes = velacore::GuidToBytes(guid);
+    return boost::hash_range(bytes.begin(), bytes.end());
+}
+}  // namespace
+
 MC_Stuff::MC_Stuff()
     : guid_(Guid::CreateUnique()),
       lastUseTime_(HighPrecisionTime::Now()),
+      guidHash_(HashOf(guid_)),
       gate_(std::make_shared<velacore::OpenOnceGate>()),
       gateWeak_(gate_),
       creatorThread_(std::this_thread::get_id()) {
@@ -63,6 +72,7 @@ Guid MC_Stuff::GetGuid() const {
 void MC_Stuff::SetGuid(const Guid& guid) {
     LockGuid();
     guid_ = guid;
+    guidHash_.store(HashOf(guid), std::memory_order_release);
     UnlockGuid();
 }
 
@@ -159,16 +169,6 @@ uint64_t MC_Stuff::GetLastReadFromDiskTime() const { return lastReadFromDiskTime
 std::weak_ptr<MC_Bag> MC_Stuff::GetBag() const {
     ScopedReadLockWrapper r(lock_);
     return bag_;
-}
-MC_MruSet::iterator MC_Stuff::GetBagIterator() const {
-    ScopedReadLockWrapper r(lock_);
-    return bagIt_;
-}
-void MC_Stuff::SetBagAndIterator(std::weak_ptr<MC_Bag> bag, MC_MruSet::iterator it, bool hasIt) {
-    ScopedWriteLockWrapper w(lock_);
-    bag_ = std::move(bag);
-    bagIt_ = it;
-    hasBagIt_ = hasIt;
 }
 std::shared_ptr<MC_SortDir> MC_Stuff::GetSortDir() const {
     ScopedReadLockWrapper r(lock_);

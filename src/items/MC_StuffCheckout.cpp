@@ -173,7 +173,7 @@ void MC_Stuff::Checkin(int flags, double computeTime) {
             lastOut = count == 1;
         }
         if (!(flags & MC_CheckinFlag_DontUpdateLastUsed)) {
-            if (std::shared_ptr<MC_Bag> bag = LockBag()) bag->UpdateWithNewLastUsedTime(self, lock);
+            if (mruBag_) mruBag_->UpdateWithNewLastUsedTime(self, lock);
         }
     }
     // A render completed under this writeable check-out waited for it to end (the writer cannot

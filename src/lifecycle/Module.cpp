@@ -166,4 +166,21 @@ bool MC_IsGlobalBagSizeAboveMinimum() {
     return above;
 }
 
+bool MCp_MinimumCheck::Above() {
+    if (g_minimumTrace.Enabled()) return MC_IsGlobalBagSizeAboveMinimum();
+    if (!known_) {
+        always_ = MC_IsSetMCCacheLimitForQuilletsEnabled();
+        if (!always_) {
+            uint64_t limit = 0, second = 0;
+            if (int err = U_GetMemUsageLimits(&limit, &second)) throw err;
+            minimum_ = static_cast<int64_t>(static_cast<double>(limit) *
+                                            mc_settings::MinSizeToPurgeLimitRatio());
+        }
+        bag_ = MC_GlobalBag();
+        known_ = true;
+    }
+    if (always_) return true;
+    return !bag_ || bag_->GetInMemoryCacheSizeInBytes_LockFree() >= minimum_;
+}
+
 uint64_t MC_GetMediaMapSize() { return MCp_MediaMapEnabled() ? MCp_MediaMapSize() : 0; }

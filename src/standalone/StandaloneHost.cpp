@@ -3,6 +3,9 @@
 #include "mc/standalone/StandaloneHost.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <new>
 
 #include "host/HostOps.h"
@@ -86,8 +89,15 @@ uint64_t StandaloneHostServices::AmountAvailableBeforePurge() {
     return monitor_->AmountAvailable();
 }
 
+// Every request is counted; the heap is trimmed at most once a second (a trim walks the heap).
 void StandaloneHostServices::PurgeRecycledMemory() {
     recycledPurges_.fetch_add(1, std::memory_order_relaxed);
+    static std::atomic<int64_t> lastTrim{INT64_MIN / 2};
+    const int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            std::chrono::steady_clock::now().time_since_epoch())
+                            .count();
+    int64_t last = lastTrim.load(std::memory_order_relaxed);
+    if (now - last < 1000 || !lastTrim.compare_exchange_strong(last, now)) return;
     hostsys::ReleaseFreeHeapMemory();
 }
 

@@ -22,6 +22,8 @@
 //   anything)      |                   | thread is the upgrader     |
 //                  |                   | after releasing write      |
 //
+// An uncontended read takes no internal mutex: while no writer holds or waits, a reader joins
+// with one atomic operation and the thread remembers the hold in a small thread-local table.
 // Every grant is counted: each Lock* needs its own Unlock* on the same thread.
 // Unlocking a mode the thread does not hold throws std::logic_error. A waiting writer (from
 // "nothing" or from upgrade) holds back new readers and upgraders from other threads.
@@ -30,6 +32,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -77,6 +80,11 @@ private:
     // Adds a slot for `id` (which has none). Pointers into overflow_ die with the next add.
     Holder* AddHolderLocked(std::thread::id id);
     void EraseIfIdleLocked(std::thread::id id);
+    // Readers that joined without the mutex; and the bit that turns new ones to the slow path.
+    uint32_t FastReadersLocked() const { return fastState_.load(std::memory_order_acquire) >> 1; }
+    void SyncFastGateLocked();
+    bool TryLockReadFast();
+    bool TryUnlockReadFast();
 
     mutable std::mutex mutex_;
     std::condition_variable cv_;
@@ -90,6 +98,9 @@ private:
     std::thread::id writer_{};         // thread holding write, if any
     uint32_t waitingWriters_ = 0;
     uint32_t sleepers_ = 0;  // threads blocked on cv_; unlocks notify only when there are some
+    // Bit 0: a writer holds or waits (set under mutex_); above it, the number of threads holding
+    // read through the fast path.
+    std::atomic<uint32_t> fastState_{0};
 };
 
 // Scoped holders. Each locks in its constructor and unlocks in its destructor unless Unlock()
