@@ -121,6 +121,12 @@ void RecordingHostServices::Log(int level, std::string_view category, std::strin
 void RecordingHostServices::Trace(std::string_view channel, int level, std::string_view text) {
     Append(traceLines_, TraceLine{std::string(channel), level, std::string(text)});
 }
+void RecordingHostServices::RecordProfile(std::string_view label, int64_t nanos) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto& totals = profiles_[std::string(label)];
+    totals.first += 1;
+    totals.second += nanos;
+}
 std::vector<RecordingHostServices::TraceLine> RecordingHostServices::TraceLines(
     std::string_view channel) const {
     std::vector<TraceLine> out;
@@ -136,6 +142,7 @@ void RecordingHostServices::ClearRecords() {
     errors_.clear();
     logLines_.clear();
     traceLines_.clear();
+    profiles_.clear();
     purgeRecycled_ = 0;
 }
 

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -79,6 +80,7 @@ public:
              std::string_view text) override;
     // Records every line, enabled or not (callers are expected to ask first).
     void Trace(std::string_view channel, int level, std::string_view text) override;
+    void RecordProfile(std::string_view label, int64_t nanos) override;
 
     // --- scripting ----------------------------------------------------------------------------
     velacore::StandaloneHostServices& Standalone() { return *standalone_; }
@@ -121,6 +123,7 @@ public:
     void SetPreference(std::string_view section, std::string_view key, std::string_view value) {
         standalone_->SetPreference(section, key, value);
     }
+    void SetProfiling(bool on, int volume) { standalone_->SetConditionalProfiling(on, volume); }
     void SetFeatureEnabled(std::string_view name, bool enabled) {
         standalone_->SetFeatureEnabled(name, enabled);
     }
@@ -131,6 +134,8 @@ public:
     std::vector<ErrorReport> Errors() const { return Get(errors_); }
     std::vector<LogLine> LogLines() const { return Get(logLines_); }
     std::vector<TraceLine> TraceLines(std::string_view channel) const;
+    // Totals per profiling label: (count, total nanoseconds).
+    std::map<std::string, std::pair<uint64_t, int64_t>> Profiles() const { return Get(profiles_); }
     // Forgets every record above (not the settings).
     void ClearRecords();
 
@@ -167,6 +172,7 @@ private:
     std::vector<ErrorReport> errors_;
     std::vector<LogLine> logLines_;
     std::vector<TraceLine> traceLines_;
+    std::map<std::string, std::pair<uint64_t, int64_t>> profiles_;
     bool deferTopLevel_ = false;
     std::vector<std::function<void()>> deferredTopLevel_;
     std::optional<bool> everyThreadMain_;
