@@ -252,4 +252,9 @@ bool MultiTenantRecursiveMutex::HasWaitingWriter() const {
     return waitingWriters_ > 0;
 }
 
+uint32_t MultiTenantRecursiveMutex::BlockedThreads() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sleepers_;
+}
+
 }  // namespace velacore

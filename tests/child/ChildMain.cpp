@@ -160,14 +160,11 @@ velacore::StandaloneHostServices* g_exitHost = nullptr;
 std::shared_ptr<velacore::StandaloneHostServices>* g_keptHost = nullptr;
 
 void CheckMonitorStoppedAtExit() {
-    const uint64_t before = g_exitHost->GetCounters().memorySamples;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    if (g_exitHost->GetCounters().memorySamples != before) {
+    if (g_exitHost->IsMemoryMonitorRunning()) {
         std::fprintf(stderr, "exit-without-death: the memory monitor outlived the module\n");
         std::_Exit(3);
     }
 }
-
 int ExitWithoutDeath() {
     std::atexit(CheckMonitorStoppedAtExit);  // first registered: runs after every other one
     auto host = StartModule(std::chrono::milliseconds(1));

@@ -2,7 +2,6 @@
 #include "ComputeFixture.h"
 
 #include <cstring>
-#include <thread>
 
 #include "compute/ComputeReceipts.h"
 
@@ -16,17 +15,14 @@ const mctest::PluginLoader& HistogramPlugin::Loader() {
 const HistogramPlugin& HistogramPlugin::Get() {
     static const HistogramPlugin plugin = [] {
         const mctest::PluginLoader& l = Loader();
-        HistogramPlugin p{};
-        p.shutdown = l.Require<HistPluginShutdownFunc>("HistPlugin_Shutdown");
-        p.unregisterClass = l.Require<HistPluginUnregisterFunc>("HistPlugin_Unregister");
-        p.checkout = l.Require<HistPluginCheckoutFunc>("HistPlugin_Checkout");
-        p.getValue = l.Require<HistPluginGetValueFunc>("HistPlugin_GetValue");
-        p.checkin = l.Require<HistPluginCheckinFunc>("HistPlugin_Checkin");
-        p.getHistogram = l.Require<HistPluginGetHistogramFunc>("HistPlugin_GetHistogram");
-        p.computeDirect = l.Require<HistPluginComputeDirectFunc>("HistPlugin_ComputeDirect");
-        p.setComputeHook = l.Require<HistPluginSetComputeHookFunc>("HistPlugin_SetComputeHook");
-        p.getCounters = l.Require<HistPluginGetCountersFunc>("HistPlugin_GetCounters");
-        return p;
+        return HistogramPlugin{l.Require<HistPluginShutdownFunc>("HistPlugin_Shutdown"),
+                               l.Require<HistPluginUnregisterFunc>("HistPlugin_Unregister"),
+                               l.Require<HistPluginCheckoutFunc>("HistPlugin_Checkout"),
+                               l.Require<HistPluginGetValueFunc>("HistPlugin_GetValue"),
+                               l.Require<HistPluginCheckinFunc>("HistPlugin_Checkin"),
+                               l.Require<HistPluginComputeDirectFunc>("HistPlugin_ComputeDirect"),
+                               l.Require<HistPluginSetComputeHookFunc>("HistPlugin_SetComputeHook"),
+                               l.Require<HistPluginGetCountersFunc>("HistPlugin_GetCounters")};
     }();
     return plugin;
 }
@@ -37,33 +33,21 @@ HistogramCounters HistogramPlugin::Counters() const {
     return c;
 }
 
-// --- ComputeHookControl ----------------------------------------------------------------------
-
 int ComputeHookControl::Hook(void* self, const HistogramParams*) {
-    return static_cast<ComputeHookControl*>(self)->OnCompute();
+    auto& control = *static_cast<ComputeHookControl*>(self);
+    std::unique_lock lock(control.mutex_);
+    ++control.entered_;
+    control.cv_.notify_all();
+    control.cv_.wait(lock, [&] { return !control.holding_; });
+    if (control.failures_ == 0) return 0;
+    --control.failures_;
+    return control.failError_;
 }
 
-int ComputeHookControl::OnCompute() {
-    std::unique_lock lock(mutex_);
-    ++entered_;
-    cv_.notify_all();
-    cv_.wait_for(lock, kHangLimit, [&] { return !holding_; });
-    if (failures_ > 0) {
-        --failures_;
-        return failError_;
-    }
-    return 0;
-}
-
-void ComputeHookControl::Hold() {
-    std::lock_guard lock(mutex_);
-    holding_ = true;
-}
-
-void ComputeHookControl::Release() {
+void ComputeHookControl::Set(bool& field, bool value) {
     {
         std::lock_guard lock(mutex_);
-        holding_ = false;
+        field = value;
     }
     cv_.notify_all();
 }
@@ -76,7 +60,7 @@ void ComputeHookControl::FailNext(int count, int error) {
 
 bool ComputeHookControl::WaitForEntered(int n) {
     std::unique_lock lock(mutex_);
-    return cv_.wait_for(lock, kHangLimit, [&] { return entered_ >= n; });
+    return cv_.wait_for(lock, std::chrono::seconds(50), [&] { return entered_ >= n; });
 }
 
 int ComputeHookControl::Entered() const {
@@ -84,16 +68,12 @@ int ComputeHookControl::Entered() const {
     return entered_;
 }
 
-// --- ScopedReceipt ---------------------------------------------------------------------------
-
 int ScopedReceipt::Checkin() {
     if (!handle_) return 0;
     const int result = HistogramPlugin::Get().checkin(handle_);
     handle_ = nullptr;
     return result;
 }
-
-// --- ComputeTest -----------------------------------------------------------------------------
 
 void ComputeTest::SetUp() {
     ModuleTest::SetUp();
@@ -121,34 +101,16 @@ HistogramCounters ComputeTest::Delta() const {
             now.liveValues - start_.liveValues};
 }
 
-HistogramParams ComputeTest::Params(uint32_t seed, uint32_t width, uint32_t height,
-                                    uint32_t gradient) {
-    return HistogramParams{width, height, seed, gradient};
-}
-
 HistogramValue ComputeTest::Direct(const HistogramParams& p, bool inverted) const {
     HistogramValue v{};
     plugin_->computeDirect(&p, inverted ? 1 : 0, &v);
     return v;
 }
 
-int ComputeTest::Checkout(const HistogramParams& p, int mode, ZKGP_ComputeReceipt* receipt,
-                          const char* className) const {
-    return plugin_->checkout(className, &p, mode, receipt);
-}
-
 const HistogramValue* ComputeTest::ValueOf(ZKGP_ComputeReceipt receipt) const {
     const HistogramValue* value = nullptr;
     EXPECT_EQ(plugin_->getValue(receipt, &value), 0);
     return value;
-}
-
-MC_ScCheckout& ComputeTest::ReceiptObject(ZKGP_ComputeReceipt receipt) {
-    return *reinterpret_cast<MC_ScCheckout*>(receipt);
-}
-
-IntrusivePtr<MC_Stuff> ComputeTest::ItemOf(ZKGP_ComputeReceipt receipt) {
-    return ReceiptObject(receipt).GetStuffPtr();
 }
 
 bool SameBins(const HistogramValue& a, const HistogramValue& b) {

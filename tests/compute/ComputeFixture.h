@@ -1,18 +1,18 @@
 // Shared pieces of the compute-cache tests: the histogram example plug-in loaded through the
 // plug-in entry convention, a controllable compute hook, and a fixture that starts the module,
-// publishes the suite and runs the plug-in's PluginMain around each test.
+// publishes the suite and runs the plug-in's PluginMain around each test. At the end of each
+// test every receipt must have been checked in and module death must dispose every value once.
 // Thread-safety: the fixture belongs to the test's main thread; ComputeHookControl and the
 // plug-in functions may be used from any thread.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <mutex>
 
 #include "HistogramPlugin.h"
+#include "host/WaitUntil.h"
 #include "mc/MC_ComputeCache.h"
 #include "mc/MC_ScCheckout.h"
 #include "support/ModuleFixture.h"
@@ -20,19 +20,15 @@
 
 namespace computetest {
 
-// Generous bound for anything that should happen soon, even under sanitizers; reaching it
-// means a hang (lost wake-up, deadlock), not slowness.
-constexpr std::chrono::seconds kHangLimit{120};
+using hosttest::WaitUntil;
 
-// The histogram plug-in's exported functions, resolved once per process. The library stays
-// loaded until the process ends.
+// The histogram plug-in's exported functions, resolved once per process.
 struct HistogramPlugin {
     HistPluginShutdownFunc shutdown;
     HistPluginUnregisterFunc unregisterClass;
     HistPluginCheckoutFunc checkout;
     HistPluginGetValueFunc getValue;
     HistPluginCheckinFunc checkin;
-    HistPluginGetHistogramFunc getHistogram;
     HistPluginComputeDirectFunc computeDirect;
     HistPluginSetComputeHookFunc setComputeHook;
     HistPluginGetCountersFunc getCounters;
@@ -45,20 +41,19 @@ struct HistogramPlugin {
 // What the plug-in's Compute does before working, as the test decides: count, hold until
 // released, fail with a given error.
 class ComputeHookControl {
-  public:
+public:
     static int Hook(void* self, const HistogramParams* params);
-
-    // While holding, every Compute blocks in the hook until Release (or the hang limit).
-    void Hold();
-    void Release();
+    // While holding, every Compute blocks in the hook until Release.
+    void Hold() { Set(holding_, true); }
+    void Release() { Set(holding_, false); }
     // The next `count` Computes fail with `error`.
     void FailNext(int count, int error);
-    // Waits until `n` Computes have entered the hook in total. False at the hang limit.
+    // Waits until `n` Computes have entered the hook in total.
     bool WaitForEntered(int n);
     int Entered() const;
 
-  private:
-    int OnCompute();
+private:
+    void Set(bool& field, bool value);
 
     mutable std::mutex mutex_;
     std::condition_variable cv_;
@@ -70,7 +65,7 @@ class ComputeHookControl {
 
 // Checks a receipt in when it goes out of scope (if the test has not done so).
 class ScopedReceipt {
-  public:
+public:
     ScopedReceipt() = default;
     ~ScopedReceipt() { Checkin(); }
     ScopedReceipt(const ScopedReceipt&) = delete;
@@ -79,23 +74,12 @@ class ScopedReceipt {
     ZKGP_ComputeReceipt Get() const { return handle_; }
     int Checkin();
 
-  private:
+private:
     ZKGP_ComputeReceipt handle_ = nullptr;
 };
 
-// Bounded polling for a condition another thread makes true. False at the hang limit.
-template <class Pred>
-bool WaitUntil(Pred pred) {
-    const auto deadline = std::chrono::steady_clock::now() + kHangLimit;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 class ComputeTest : public mctest::ModuleTest {
-  protected:
+protected:
     static constexpr const char* kReceiptLabel = "ZKGP_MCComputeReceipt";
 
     void SetUp() override;
@@ -106,15 +90,20 @@ class ComputeTest : public mctest::ModuleTest {
     HistogramCounters Delta() const;
     // A small image; distinct seeds give distinct keys.
     static HistogramParams Params(uint32_t seed, uint32_t width = 64, uint32_t height = 48,
-                                  uint32_t gradient = 96);
+                                  uint32_t gradient = 96) {
+        return HistogramParams{width, height, seed, gradient};
+    }
     HistogramValue Direct(const HistogramParams& p, bool inverted = false) const;
     int Checkout(const HistogramParams& p, int mode, ZKGP_ComputeReceipt* receipt,
-                 const char* className = kHistogramClass) const;
+                 const char* className = kHistogramClass) const {
+        return plugin_->checkout(className, &p, mode, receipt);
+    }
     // The receipt's value; null (and a test failure) when ReceiptGetValue fails.
     const HistogramValue* ValueOf(ZKGP_ComputeReceipt receipt) const;
-    // The cache objects behind a receipt handle.
-    static MC_ScCheckout& ReceiptObject(ZKGP_ComputeReceipt receipt);
-    static IntrusivePtr<MC_Stuff> ItemOf(ZKGP_ComputeReceipt receipt);
+    // The cache item behind a receipt handle.
+    static IntrusivePtr<MC_Stuff> ItemOf(ZKGP_ComputeReceipt receipt) {
+        return reinterpret_cast<MC_ScCheckout*>(receipt)->GetStuffPtr();
+    }
     uint64_t ReceiptBytes() { return host().AllocatedBytes(kReceiptLabel); }
 
     const HistogramPlugin* plugin_ = nullptr;

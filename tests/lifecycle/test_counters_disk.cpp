@@ -3,15 +3,10 @@
 // refusal moves exactly its own counter, and the reason counters land in their fields.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <filesystem>
-#include <future>
-#include <latch>
+#include <functional>
 #include <memory>
-#include <mutex>
-#include <vector>
 
 #include "disk/DiskFolder.h"
 #include "disk/DiskWriter.h"
@@ -46,42 +41,8 @@ size_t CountFiles(const std::filesystem::path& root) {
     return n;
 }
 
-// A TestPayload whose Write waits at a gate, counting the writes that reached it.
-class GatedPayload : public TestPayload {
-  public:
-    struct Gate {
-        std::mutex mutex;
-        std::condition_variable cv;
-        bool open = false;
-        int started = 0;
-        bool WaitStarted(int n) {
-            std::unique_lock lock(mutex);
-            return cv.wait_for(lock, std::chrono::minutes(2), [&] { return started >= n; });
-        }
-        void Open() {
-            std::lock_guard lock(mutex);
-            open = true;
-            cv.notify_all();
-        }
-    };
-    GatedPayload(uint32_t key, uint32_t size, std::shared_ptr<Gate> gate)
-        : TestPayload(key, size), gate_(std::move(gate)) {}
-    double Write(velacore::OByteStream& out) const override {
-        {
-            std::unique_lock lock(gate_->mutex);
-            ++gate_->started;
-            gate_->cv.notify_all();
-            gate_->cv.wait_for(lock, std::chrono::minutes(2), [&] { return gate_->open; });
-        }
-        return TestPayload::Write(out);
-    }
-
-  private:
-    std::shared_ptr<Gate> gate_;
-};
-
 class DiskCounters : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         scopedFs_ = std::make_unique<ScopedFileSystem>(fs_);
         services_ = std::make_shared<RecordingHostServices>();
@@ -139,169 +100,133 @@ class DiskCounters : public ::testing::Test {
     std::shared_ptr<MC_Bag> bag_;
 };
 
-TEST_F(DiskCounters, AWriteMovesOnlyBytesWritten) {
-    IntrusivePtr<MC_Stuff> stuff = NewItem(1, 5000);
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    const uint64_t size = WriteNow(stuff);
-    ASSERT_GT(size, 5000u);  // header and padding included
-    expected.bytesWritten += size;
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
-}
-
-TEST_F(DiskCounters, AReadBackMovesOnlyBytesRead) {
-    IntrusivePtr<MC_Stuff> stuff = NewItem(1, 5000);
-    const uint64_t size = WriteNow(stuff);
-    ASSERT_GT(size, 0u);
-    ASSERT_GT(stuff->FreeUpAsMuchAsPossible(true, nullptr), 0u);
-    ASSERT_FALSE(stuff->IsInMemory());
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    {
-        MC_ScCheckout r(stuff, MC_CheckoutFlag_ReadOnly);
-        ASSERT_TRUE(r.DidCheckout());
-        EXPECT_TRUE(r.IsInMemory());
-    }
-    expected.bytesRead += size;
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
-}
-
-TEST_F(DiskCounters, AFailedWriteMovesOnlyWriteFailuresAndLeavesNoFile) {
-    IntrusivePtr<MC_Stuff> stuff = NewItem(1, 5000);
-    const size_t filesBefore = CountFiles(root_.Path());
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    fs_->FailFrom(FsOp::kAppend, 1, Fault::kIoError);
-    EXPECT_EQ(WriteNow(stuff), 0u);
-    fs_->ClearFaults();
-    ASSERT_GT(fs_->FaultCount(FsOp::kAppend), 0u);
-    expected.writeFailures += 1;
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
-    EXPECT_EQ(CountFiles(root_.Path()), filesBefore);
-    EXPECT_TRUE(stuff->IsInMemory());
-}
-
-TEST_F(DiskCounters, AShortWriteIsAFailureToo) {
-    IntrusivePtr<MC_Stuff> stuff = NewItem(1, 5000);
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    fs_->FailNth(FsOp::kAppend, 1, Fault::kShortWrite);
-    EXPECT_EQ(WriteNow(stuff), 0u);
-    expected.writeFailures += 1;
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
-}
-
-TEST_F(DiskCounters, ACorruptBodyMovesOnlyReadFailuresAndDeletesTheFile) {
-    IntrusivePtr<MC_Stuff> stuff = NewItem(1, 5000);
-    ASSERT_GT(WriteNow(stuff), 0u);
-    const std::filesystem::path path = stuff->GetDiskCacheFile().GetFullPath();
-    ASSERT_GT(stuff->FreeUpAsMuchAsPossible(true, nullptr), 0u);
-    PayloadOf(stuff).SetReadFailure(true);
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    {
-        MC_ScCheckout r(stuff, MC_CheckoutFlag_ReadOnly);
-        EXPECT_FALSE(r.DidCheckout());
-    }
-    expected.readFailures += 1;
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
-    EXPECT_FALSE(stuff->IsOnDisk());
-    EXPECT_FALSE(std::filesystem::exists(path));
-}
-
-TEST_F(DiskCounters, AnInjectedReadErrorMovesOnlyReadFailures) {
-    IntrusivePtr<MC_Stuff> stuff = NewItem(1, 5000);
-    ASSERT_GT(WriteNow(stuff), 0u);
-    ASSERT_GT(stuff->FreeUpAsMuchAsPossible(true, nullptr), 0u);
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    fs_->FailFrom(FsOp::kRead, 1, Fault::kIoError);
-    {
-        MC_ScCheckout r(stuff, MC_CheckoutFlag_ReadOnly);
-        EXPECT_FALSE(r.DidCheckout());
-    }
-    fs_->ClearFaults();
-    expected.readFailures += 1;
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
-}
-
-TEST_F(DiskCounters, CheckInRefusalsCountReasonFourForPriorityZeroElseThree) {
-    IntrusivePtr<MC_Stuff> never = NewItem(1, 5000, MC_CachePriority_Never);
-    IntrusivePtr<MC_Stuff> normal = NewItem(2, 5000, MC_CachePriority_Normal);
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    WriteableCheckin(never, 1.0);
-    expected.reason4Count += 1;
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
-    WriteableCheckin(normal, 0.0);  // no compute time: never worth writing
-    expected.reason3Count += 1;
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
-    ASSERT_TRUE(DrainWriter());
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));  // nothing was written
-}
-
-TEST_F(DiskCounters, AQueuedCheckInCountsItsPriorityAndItsWrite) {
-    IntrusivePtr<MC_Stuff> normal = NewItem(1, 5000, MC_CachePriority_Normal);
-    IntrusivePtr<MC_Stuff> low = NewItem(2, 5000, MC_CachePriority_Low);
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    WriteableCheckin(normal, 1.0);
-    WriteableCheckin(low, 1.0);
-    ASSERT_TRUE(DrainWriter());
-    ASSERT_TRUE(normal->IsOnDisk());
-    ASSERT_TRUE(low->IsOnDisk());
-    expected.normalWritesQueued += 1;
-    expected.lowPriorityWritesQueued += 1;
-    expected.bytesWritten += normal->GetDiskCacheFile().Size() + low->GetDiskCacheFile().Size();
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));  // queue length back too
-}
-
-TEST_F(DiskCounters, TheRecordedReasonLandsInItsOwnField) {
-    const struct {
-        MC_StuffData::NoDiskCacheReason reason;
-        uint32_t MC_DiskPerformanceCounters::*field;
-    } cases[] = {
-        {MC_StuffData::NoDiskCacheReason_1, &MC_DiskPerformanceCounters::reason1Count},
-        {MC_StuffData::NoDiskCacheReason_2, &MC_DiskPerformanceCounters::reason2Count},
-        {MC_StuffData::NoDiskCacheReason_4, &MC_DiskPerformanceCounters::reason4Count},
-        {MC_StuffData::NoDiskCacheReason_5, &MC_DiskPerformanceCounters::reason5Count},
+// Each disk event moves exactly its own counters: the row's action returns the expected change.
+TEST_F(DiskCounters, EachEventMovesExactlyItsOwnCounters) {
+    using Counters = MC_DiskPerformanceCounters;
+    uint32_t key = 0;
+    // An item written to disk and purged from memory, ready to be read back.
+    auto onDiskOnly = [&](IntrusivePtr<MC_Stuff>& stuff) {
+        stuff = NewItem(++key, 5000);
+        ASSERT_GT(WriteNow(stuff), 0u);
+        ASSERT_GT(stuff->FreeUpAsMuchAsPossible(true, nullptr), 0u);
     };
-    uint32_t key = 1;
-    for (const auto& c : cases) {
-        IntrusivePtr<MC_Stuff> stuff = NewItem(key++, 5000, MC_CachePriority_Never);
-        stuff->GetDataPtr()->SetNoDiskCache(c.reason);
-        MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
+    auto readFails = [](const IntrusivePtr<MC_Stuff>& stuff) {
+        MC_ScCheckout r(stuff, MC_CheckoutFlag_ReadOnly);
+        EXPECT_FALSE(r.DidCheckout());
+    };
+    auto reason = [&](MC_StuffData::NoDiskCacheReason why) {
+        IntrusivePtr<MC_Stuff> stuff = NewItem(++key, 5000);
+        stuff->GetDataPtr()->SetNoDiskCache(why);
         stuff->MaybeWriteToDisk();
-        expected.*c.field += 1;
-        EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected)) << "reason " << c.reason;
+    };
+    struct Row {
+        const char* what;
+        std::function<void(IntrusivePtr<MC_Stuff>&)> setup;
+        std::function<void(const IntrusivePtr<MC_Stuff>&, Counters&)> act;
+    };
+    const Row rows[] = {
+        {"a write", [&](auto& s) { s = NewItem(++key, 5000); },
+         [&](auto& s, Counters& e) {
+             const uint64_t size = WriteNow(s);
+             EXPECT_GT(size, 5000u);  // header and padding included
+             e.bytesWritten += size;
+         }},
+        {"a read-back", onDiskOnly,
+         [&](auto& s, Counters& e) {
+             MC_ScCheckout r(s, MC_CheckoutFlag_ReadOnly);
+             EXPECT_TRUE(r.DidCheckout() && r.IsInMemory());
+             e.bytesRead += s->GetDiskCacheFile().Size();
+         }},
+        {"a failed write leaves no file", [&](auto& s) { s = NewItem(++key, 5000); },
+         [&](auto& s, Counters& e) {
+             const size_t files = CountFiles(root_.Path());
+             fs_->FailFrom(FsOp::kAppend, 1, Fault::kIoError);
+             EXPECT_EQ(WriteNow(s), 0u);
+             fs_->ClearFaults();
+             EXPECT_EQ(CountFiles(root_.Path()), files);
+             e.writeFailures += 1;
+         }},
+        {"a short write", [&](auto& s) { s = NewItem(++key, 5000); },
+         [&](auto& s, Counters& e) {
+             fs_->FailNth(FsOp::kAppend, 1, Fault::kShortWrite);
+             EXPECT_EQ(WriteNow(s), 0u);
+             e.writeFailures += 1;
+         }},
+        {"a corrupt body deletes the file", onDiskOnly,
+         [&](auto& s, Counters& e) {
+             const auto path = s->GetDiskCacheFile().GetFullPath();
+             PayloadOf(s).SetReadFailure(true);
+             readFails(s);
+             EXPECT_FALSE(s->IsOnDisk() || std::filesystem::exists(path));
+             e.readFailures += 1;
+         }},
+        {"an I/O error on read", onDiskOnly,
+         [&](auto& s, Counters& e) {
+             fs_->FailFrom(FsOp::kRead, 1, Fault::kIoError);
+             readFails(s);
+             fs_->ClearFaults();
+             e.readFailures += 1;
+         }},
+        {"check-in refusals: priority 0 is reason 4, no compute time reason 3", [](auto&) {},
+         [&](auto&, Counters& e) {
+             WriteableCheckin(NewItem(++key, 5000, MC_CachePriority_Never), 1.0);
+             WriteableCheckin(NewItem(++key, 5000, MC_CachePriority_Normal), 0.0);
+             ASSERT_TRUE(DrainWriter());
+             e.reason4Count += 1;
+             e.reason3Count += 1;
+         }},
+        {"queued check-ins count their priority and their writes", [](auto&) {},
+         [&](auto&, Counters& e) {
+             IntrusivePtr<MC_Stuff> normal = NewItem(++key, 5000, MC_CachePriority_Normal);
+             IntrusivePtr<MC_Stuff> low = NewItem(++key, 5000, MC_CachePriority_Low);
+             WriteableCheckin(normal, 1.0);
+             WriteableCheckin(low, 1.0);
+             ASSERT_TRUE(DrainWriter());
+             e.normalWritesQueued += 1;
+             e.lowPriorityWritesQueued += 1;
+             e.bytesWritten += normal->GetDiskCacheFile().Size() + low->GetDiskCacheFile().Size();
+         }},
+        {"recorded reasons land in their fields (0 is not counted)", [](auto&) {},
+         [&](auto&, Counters& e) {
+             reason(MC_StuffData::NoDiskCacheReason_1);
+             reason(MC_StuffData::NoDiskCacheReason_2);
+             reason(MC_StuffData::NoDiskCacheReason_4);
+             reason(MC_StuffData::NoDiskCacheReason_5);
+             reason(MC_StuffData::NoDiskCacheReason(0));
+             e.reason1Count += 1;
+             e.reason2Count += 1;
+             e.reason4Count += 1;
+             e.reason5Count += 1;
+         }},
+        {"a full queue records and counts reason 3",
+         [&](auto& s) { s = NewItem(++key, 5000, MC_CachePriority_High); },
+         [&](auto& s, Counters& e) {
+             MCp_DiskWriteQueue::Get().AdjustCountForTesting(200);
+             s->MaybeWriteToDisk();
+             MCp_DiskWriteQueue::Get().AdjustCountForTesting(-200);
+             EXPECT_EQ(s->GetDataPtr()->GetReasonWhyNoDiskCache(),
+                       MC_StuffData::NoDiskCacheReason_DiskBusy);
+             e.reason3Count += 1;
+         }},
+        {"frame notifications", [](auto&) {},
+         [&](auto&, Counters& e) {
+             MC_NotifyFrameWrittenToDisk();
+             MC_NotifyFrameWrittenToDisk();
+             MC_NotifyFrameReadFromDisk();
+             e.framesWritten += 2;
+             e.framesRead += 1;
+         }},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        IntrusivePtr<MC_Stuff> stuff;
+        row.setup(stuff);
+        const MC_PerformanceCounters memory = MC_GetPerformanceCounters();
+        Counters expected = MC_GetDiskPerformanceCounters();
+        row.act(stuff, expected);
+        EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
+        EXPECT_EQ(MC_GetPerformanceCounters().purgePasses, memory.purgePasses);
     }
-    IntrusivePtr<MC_Stuff> none = NewItem(key, 5000, MC_CachePriority_Never);
-    const MC_DiskPerformanceCounters before = MC_GetDiskPerformanceCounters();
-    none->MaybeWriteToDisk();  // reason 0 is not counted
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), before));
-}
-
-TEST_F(DiskCounters, AFullQueueRecordsAndCountsReasonThree) {
-    IntrusivePtr<MC_Stuff> stuff = NewItem(1, 5000, MC_CachePriority_High);
-    MCp_DiskWriteQueue::Get().AdjustCountForTesting(200);  // the decision sees a full queue
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    stuff->MaybeWriteToDisk();
-    MCp_DiskWriteQueue::Get().AdjustCountForTesting(-200);
-    EXPECT_EQ(stuff->GetDataPtr()->GetReasonWhyNoDiskCache(),
-              MC_StuffData::NoDiskCacheReason_DiskBusy);
-    expected.reason3Count += 1;
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
-}
-
-TEST_F(DiskCounters, QueueLengthCountsTheEntriesWaitingForAWriter) {
-    auto gate = std::make_shared<GatedPayload::Gate>();
-    std::vector<IntrusivePtr<MC_Stuff>> items;
-    for (uint32_t k = 1; k <= 3; ++k)
-        items.push_back(NewItem(k, 5000, MC_CachePriority_Never, new GatedPayload(k, 5000, gate)));
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    for (const auto& stuff : items) MC_Stuff::WriteToDiskAsyncOnDiskThread(stuff);
-    ASSERT_TRUE(gate->WaitStarted(2));  // both writer threads are busy: one entry still queued
-    EXPECT_EQ(MC_GetDiskPerformanceCounters().writeQueueLength, expected.writeQueueLength + 1);
-    gate->Open();
-    ASSERT_TRUE(gate->WaitStarted(3));
-    ASSERT_TRUE(DrainWriter());
-    for (const auto& stuff : items) {
-        ASSERT_TRUE(stuff->IsOnDisk());
-        expected.bytesWritten += stuff->GetDiskCacheFile().Size();
-    }
-    EXPECT_TRUE(Same(MC_GetDiskPerformanceCounters(), expected));
 }
 
 }  // namespace

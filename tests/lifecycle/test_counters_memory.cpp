@@ -1,16 +1,15 @@
-// Performance counters of the memory tier: a fresh process reads all zero, and check-outs,
-// pending renders, purges, sweeps and the host's frame notifications each move exactly their
-// own counter. The counters are process-wide and survive death, so tests compare deltas.
+// Performance counters of the memory tier: check-outs, pending renders, purges and sweeps each
+// move exactly their own counter; the age of the last purged item. The counters are process-wide
+// and survive death, so tests compare deltas.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
 
+#include "host/WaitUntil.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_PerformanceCounters.h"
 #include "mc/MC_ScCheckout.h"
@@ -20,6 +19,7 @@
 #include "support/TestPayload.h"
 
 using namespace mctest;
+using hosttest::WaitUntil;
 
 namespace {
 
@@ -40,166 +40,128 @@ bool SameDisk(const MC_DiskPerformanceCounters& a, const MC_DiskPerformanceCount
     return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
-bool AllZero(const MC_DiskPerformanceCounters& d) {
-    return SameDisk(d, MC_DiskPerformanceCounters{});
-}
-
-// Polls until `condition` holds (generous deadline, only to avoid a hang).
-bool WaitUntil(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+class Counters : public ModuleTest {
+protected:
+    IntrusivePtr<MC_Stuff> Add(uint32_t key, uint32_t size, uint32_t variant = 0) {
+        IntrusivePtr<MC_Stuff> stuff = MakeItem(key, size, variant);
+        stuff->AddToBagAndSortDir(bag_);
+        return stuff;
     }
-    return true;
-}
-
-// Runs in a freshly started copy of this test program, before anything else touched the module.
-int FreshProcessCheck() {
-    const MC_PerformanceCounters p = MC_GetPerformanceCounters();
-    const bool perfZero = p.purgePasses == 0 && p.reservedCount == 0 && p.purgeAttempts == 0 &&
-                          p.lastPurgedAgeMs == 0 && p.pendingWaits == 0 && p.pendingRefusals == 0 &&
-                          p.activeCheckouts == 0 && p.supersededSweeps == 0;
-    return perfZero && AllZero(MC_GetDiskPerformanceCounters()) ? 0 : 1;
-}
-
-TEST(CountersFresh, AFreshProcessReadsAllZero) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");  // re-executes the program: fresh statics
-    EXPECT_EXIT(std::exit(FreshProcessCheck()), ::testing::ExitedWithCode(0), "");
-}
-
-TEST(CountersStructs, ConstructorsZeroEveryField) {
-    MC_PerformanceCounters p;
-    MC_DiskPerformanceCounters d;
-    EXPECT_EQ(p.purgePasses + p.reservedCount + p.purgeAttempts + p.pendingWaits +
-                  p.pendingRefusals + p.activeCheckouts + p.supersededSweeps,
-              0u);
-    EXPECT_EQ(p.lastPurgedAgeMs, 0);
-    EXPECT_TRUE(AllZero(d));
-}
-
-class Counters : public ModuleTest {};
-
-TEST_F(Counters, FrameNotificationsMoveOnlyTheirOwnCounter) {
-    const Perf perf = Snapshot();
-    MC_DiskPerformanceCounters expected = MC_GetDiskPerformanceCounters();
-    MC_NotifyFrameWrittenToDisk();
-    MC_NotifyFrameWrittenToDisk();
-    expected.framesWritten += 2;
-    EXPECT_TRUE(SameDisk(MC_GetDiskPerformanceCounters(), expected));
-    MC_NotifyFrameReadFromDisk();
-    expected.framesRead += 1;
-    EXPECT_TRUE(SameDisk(MC_GetDiskPerformanceCounters(), expected));
-    EXPECT_EQ(Snapshot(), perf);
-}
-
-TEST_F(Counters, TenReadCheckOutsShowTenActiveThenNone) {
-    std::vector<IntrusivePtr<MC_Stuff>> items;
-    for (uint32_t k = 0; k < 5; ++k) {
-        items.push_back(MakeItem(k, 100));
-        items.back()->AddToBagAndSortDir(bag_);
+    void Pending(MC_ScCheckout& creator, uint32_t key) {
+        ASSERT_EQ(creator.FindAndCheckout(MakeRequest(key),
+                                          MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
+                  MC_CheckoutResult_CreatedNewPending);
     }
-    const Perf before = Snapshot();
-    {
-        std::vector<std::unique_ptr<MC_ScCheckout>> receipts;
-        for (int i = 0; i < 10; ++i)  // two read check-outs of each item
-            receipts.push_back(
-                std::make_unique<MC_ScCheckout>(items[i % 5], MC_CheckoutFlag_ReadOnly));
-        Perf expected = before;
-        expected.activeCheckouts += 10;
-        EXPECT_EQ(Snapshot(), expected);
-    }
-    EXPECT_EQ(Snapshot(), before);
-}
+};
 
-TEST_F(Counters, AWriteableCheckOutCountsOnceAndARefusedOneNotAtAll) {
-    IntrusivePtr<MC_Stuff> stuff = MakeItem(1, 100);
-    stuff->AddToBagAndSortDir(bag_);
-    const Perf before = Snapshot();
-    {
-        MC_ScCheckout writer(stuff, 0);
-        ASSERT_TRUE(writer.DidCheckout());
-        MC_ScCheckout reader(stuff, MC_CheckoutFlag_ReadOnly);  // refused while writeable
-        EXPECT_FALSE(reader.DidCheckout());
-        Perf expected = before;
-        expected.activeCheckouts += 1;
-        EXPECT_EQ(Snapshot(), expected);
-    }
-    EXPECT_EQ(Snapshot(), before);
-}
-
-TEST_F(Counters, WaitingForAPendingRenderCountsAWait) {
-    MC_ScCheckout creator;
-    ASSERT_EQ(creator.FindAndCheckout(MakeRequest(7),
-                                      MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
-              MC_CheckoutResult_CreatedNewPending);
-    const Perf before = Snapshot();
-    std::thread waiter([] {
-        MC_ScCheckout r;
-        EXPECT_EQ(r.FindAndCheckout(MakeRequest(7), MC_CheckoutFlag_ReadOnly |
-                                                        MC_CheckoutFlag_WaitIfPendingUnlessLocked),
-                  MC_CheckoutResult_CheckedOut);
-        EXPECT_TRUE(r.IsInMemory());
-    });
-    // The waiter counts its wait before it blocks on the item's gate.
-    ASSERT_TRUE(WaitUntil([&] { return Snapshot().pendingWaits == before.pendingWaits + 1; }));
-    creator.GetStuffPtr()->SetStuffDataFromPendingRender(
-        IntrusivePtr<MC_StuffData>(new TestPayload(7, 100)), 0.1);
-    waiter.join();
-    Perf expected = before;
-    expected.pendingWaits += 1;
-    EXPECT_EQ(Snapshot(), expected);
-}
-
-TEST_F(Counters, APendingItemRefusedUnderTheNotifyLockCountsARefusal) {
-    MC_ScCheckout creator;
-    ASSERT_EQ(creator.FindAndCheckout(MakeRequest(8),
-                                      MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
-              MC_CheckoutResult_CreatedNewPending);
-    const Perf before = Snapshot();
-    std::thread other([&] {
-        host().SetHoldingNotifyLock(true);  // for this thread only
-        MC_ScCheckout r;
-        EXPECT_EQ(r.FindAndCheckout(MakeRequest(8), MC_CheckoutFlag_ReadOnly |
-                                                        MC_CheckoutFlag_WaitIfPendingUnlessLocked),
-                  MC_CheckoutResult_Failed);
-        MC_ScCheckout plain;  // without 0x20 or 0x40 a refusal is not counted
-        EXPECT_EQ(plain.FindAndCheckout(MakeRequest(8), MC_CheckoutFlag_ReadOnly),
-                  MC_CheckoutResult_Failed);
-        host().SetHoldingNotifyLock(false);
-    });
-    other.join();
-    Perf expected = before;
-    expected.pendingRefusals += 1;
-    EXPECT_EQ(Snapshot(), expected);
-    creator.GetStuffPtr()->SetStuffDataFromPendingRender(
-        IntrusivePtr<MC_StuffData>(new TestPayload(8, 100)), 0.1);
-}
-
-TEST_F(Counters, APurgePassCountsItselfAndEachAttempt) {
+// Each memory-tier event moves exactly its own counters (and no disk counter): the row's action
+// returns the expected change.
+TEST_F(Counters, EachEventMovesExactlyItsOwnCounters) {
     host().SetMemUsageLimits(1000, 4000);  // minimum cache size 100 bytes
-    std::vector<IntrusivePtr<MC_Stuff>> items;
-    for (uint32_t k = 0; k < 4; ++k) {
-        items.push_back(MakeItem(k, 1000));
-        items.back()->AddToBagAndSortDir(bag_);
+    struct Row {
+        const char* what;
+        std::function<void(Perf&)> act;
+    };
+    const Row rows[] = {
+        {"a purge pass counts itself and each attempt (first: an empty-handed bag)",
+         [&](Perf& e) {
+             std::vector<IntrusivePtr<MC_Stuff>> items;
+             for (uint32_t k = 10; k < 14; ++k) items.push_back(Add(k, 1000));
+             static_cast<TestPayload&>(*items[0]->GetDataPtr()).SetAllowPurge(false);  // skipped
+             host().SetAmountToPurge(1500);  // items 1 and 2 cover it
+             EXPECT_EQ(bag_->FreeUpSomeMemory(0), 2000);
+             host().SetAmountToPurge(0);
+             e.purgePasses += 1;
+             e.purgeAttempts += 2;
+         }},
+        {"ten read check-outs show ten active, then none",
+         [&](Perf& e) {
+             IntrusivePtr<MC_Stuff> a = Add(1, 100), b = Add(2, 100);
+             std::vector<std::unique_ptr<MC_ScCheckout>> receipts;
+             for (int i = 0; i < 10; ++i)
+                 receipts.push_back(
+                     std::make_unique<MC_ScCheckout>(i % 2 ? a : b, MC_CheckoutFlag_ReadOnly));
+             Perf during = e;
+             during.activeCheckouts += 10;
+             EXPECT_EQ(Snapshot(), during);
+         }},
+        {"a writeable check-out counts once, a refused one not at all",
+         [&](Perf& e) {
+             IntrusivePtr<MC_Stuff> stuff = Add(3, 100);
+             MC_ScCheckout writer(stuff, 0);
+             MC_ScCheckout reader(stuff, MC_CheckoutFlag_ReadOnly);  // refused while writeable
+             EXPECT_TRUE(writer.DidCheckout() && !reader.DidCheckout());
+             Perf during = e;
+             during.activeCheckouts += 1;
+             EXPECT_EQ(Snapshot(), during);
+         }},
+        {"concurrent check-outs balance out",
+         [&](Perf&) {
+             IntrusivePtr<MC_Stuff> stuff = Add(4, 100);
+             std::vector<std::thread> threads;
+             for (int t = 0; t < 4; ++t)
+                 threads.emplace_back([&] {
+                     for (int i = 0; i < 200; ++i) MC_ScCheckout r(stuff, MC_CheckoutFlag_ReadOnly);
+                 });
+             for (auto& th : threads) th.join();
+         }},
+        {"waiting for a pending render counts a wait",
+         [&](Perf& e) {
+             MC_ScCheckout creator;
+             Pending(creator, 7);
+             const uint32_t waits = Snapshot().pendingWaits;
+             std::thread waiter([] {
+                 MC_ScCheckout r;
+                 EXPECT_EQ(r.FindAndCheckout(MakeRequest(7),
+                                             MC_CheckoutFlag_ReadOnly |
+                                                 MC_CheckoutFlag_WaitIfPendingUnlessLocked),
+                           MC_CheckoutResult_CheckedOut);
+             });
+             // The waiter counts its wait before it blocks on the item's gate.
+             ASSERT_TRUE(WaitUntil([&] { return Snapshot().pendingWaits == waits + 1; }));
+             creator.GetStuffPtr()->SetStuffDataFromPendingRender(
+                 IntrusivePtr<MC_StuffData>(new TestPayload(7, 100)), 0.1);
+             waiter.join();
+             e.pendingWaits += 1;
+         }},
+        {"a pending item refused under the notify lock counts a refusal (with 0x20 only)",
+         [&](Perf& e) {
+             MC_ScCheckout creator;
+             Pending(creator, 8);
+             std::thread([&] {
+                 host().SetHoldingNotifyLock(true);  // for this thread only
+                 MC_ScCheckout r, plain;
+                 EXPECT_EQ(r.FindAndCheckout(MakeRequest(8),
+                                             MC_CheckoutFlag_ReadOnly |
+                                                 MC_CheckoutFlag_WaitIfPendingUnlessLocked),
+                           MC_CheckoutResult_Failed);
+                 EXPECT_EQ(plain.FindAndCheckout(MakeRequest(8), MC_CheckoutFlag_ReadOnly),
+                           MC_CheckoutResult_Failed);
+                 host().SetHoldingNotifyLock(false);
+             }).join();
+             creator.GetStuffPtr()->SetStuffDataFromPendingRender(
+                 IntrusivePtr<MC_StuffData>(new TestPayload(8, 100)), 0.1);
+             e.pendingRefusals += 1;
+         }},
+        {"a superseded entry is counted once",
+         [&](Perf& e) {
+             IntrusivePtr<MC_Stuff> old = Add(20, 100, 0);
+             const Perf before = Snapshot();
+             Add(20, 100, 1);  // variant 1 satisfies variant 0
+             EXPECT_TRUE(old->GetBag().expired());
+             Add(20, 100, 0);  // cannot satisfy variant 1
+             e = before;
+             e.supersededSweeps += 1;
+         }},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        const MC_DiskPerformanceCounters disk = MC_GetDiskPerformanceCounters();
+        Perf expected = Snapshot();
+        row.act(expected);
+        EXPECT_EQ(Snapshot(), expected);
+        EXPECT_TRUE(SameDisk(MC_GetDiskPerformanceCounters(), disk));
     }
-    static_cast<TestPayload&>(*items[0]->GetDataPtr()).SetAllowPurge(false);  // skipped
-    host().SetAmountToPurge(1500);  // items 1 and 2 cover it
-    const Perf before = Snapshot();
-    EXPECT_EQ(bag_->FreeUpSomeMemory(0), 2000);
-    Perf expected = before;
-    expected.purgePasses += 1;
-    expected.purgeAttempts += 2;
-    EXPECT_EQ(Snapshot(), expected);
-}
-
-TEST_F(Counters, APurgePassOverAnEmptyBagCountsOnlyThePass) {
-    const Perf before = Snapshot();
-    host().SetAmountToPurge(1000);
-    EXPECT_EQ(bag_->FreeUpSomeMemory(0), 0);
-    Perf expected = before;
-    expected.purgePasses += 1;
-    EXPECT_EQ(Snapshot(), expected);
 }
 
 TEST_F(Counters, AgeOfLastPurgedItemFollowsItsLastUse) {
@@ -221,35 +183,6 @@ TEST_F(Counters, AgeOfLastPurgedItemFollowsItsLastUse) {
     MC_Death();
     EXPECT_EQ(MC_GetPerformanceCounters().lastPurgedAgeMs, 0);  // no global bag
     MC_Birth(false, kAppVersion, false);                        // TearDown kills it again
-}
-
-TEST_F(Counters, ASupersededEntryIsCountedOnce) {
-    IntrusivePtr<MC_Stuff> old = MakeItem(3, 100, 0);
-    old->AddToBagAndSortDir(bag_);
-    const Perf before = Snapshot();
-    IntrusivePtr<MC_Stuff> better = MakeItem(3, 100, 1);  // variant 1 satisfies variant 0
-    better->AddToBagAndSortDir(bag_);
-    Perf expected = before;
-    expected.supersededSweeps += 1;
-    EXPECT_EQ(Snapshot(), expected);
-    EXPECT_TRUE(old->GetBag().expired());
-    IntrusivePtr<MC_Stuff> worse = MakeItem(3, 100, 0);  // cannot satisfy variant 1
-    worse->AddToBagAndSortDir(bag_);
-    EXPECT_EQ(Snapshot(), expected);
-}
-
-TEST_F(Counters, ConcurrentCheckOutsBalanceOut) {
-    IntrusivePtr<MC_Stuff> stuff = MakeItem(1, 100);
-    stuff->AddToBagAndSortDir(bag_);
-    const Perf before = Snapshot();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 200; ++i) MC_ScCheckout r(stuff, MC_CheckoutFlag_ReadOnly);
-        });
-    }
-    for (auto& th : threads) th.join();
-    EXPECT_EQ(Snapshot(), before);
 }
 
 }  // namespace

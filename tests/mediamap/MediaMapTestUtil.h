@@ -1,6 +1,6 @@
-// Helpers for the media map tests: a media manager that records every call before handing it to
-// a real StandaloneMediaManager, a fixture that starts the module with the mirror on over that
-// manager, and a payload that is in memory with a size of 0.
+// Helpers for the media map tests: a media manager that records registrations and forgets before
+// handing them to a real StandaloneMediaManager, and a fixture that starts the module with the
+// mirror on over that manager.
 // Thread-safety: the recorder may be called from any thread; the fixture belongs to the test.
 #pragma once
 
@@ -23,91 +23,51 @@ namespace mediamap_test {
 
 using namespace std::chrono_literals;
 
-class RecordingMediaManager : public NX::IMediaManager {
-  public:
+class RecordingMediaManager : public NX::StandaloneMediaManager {
+public:
     struct Registration {
         NX::IPurgeableSupport* owner = nullptr;
-        velacore::Guid client;
         uint64_t sequence = 0;
         uint64_t bytes = 0;
         int kind = 0;
         int flags = 0;
     };
-
-    explicit RecordingMediaManager(uint64_t budget = uint64_t{1} << 40) : inner_(budget) {}
-
-    uint64_t GetFixedMaxCacheSize() const override { return inner_.GetFixedMaxCacheSize(); }
-    void SetClientCacheLimit(const velacore::Guid& client, uint64_t bytes) override {
-        Count();
-        inner_.SetClientCacheLimit(client, bytes);
-    }
+    explicit RecordingMediaManager(uint64_t budget = uint64_t{1} << 40)
+        : StandaloneMediaManager(budget) {}
     int RegisterEntry(NX::IPurgeableSupport* owner, const velacore::Guid& client, uint64_t sequence,
                       uint64_t bytes, int kind, int flags, uint64_t* out) override {
         {
             std::lock_guard lock(mutex_);
-            ++calls_;
-            registrations_.push_back({owner, client, sequence, bytes, kind, flags});
+            registrations_.push_back({owner, sequence, bytes, kind, flags});
         }
-        return inner_.RegisterEntry(owner, client, sequence, bytes, kind, flags, out);
-    }
-    void TouchEntry(uint64_t sequence, const velacore::Guid& client) override {
-        {
-            std::lock_guard lock(mutex_);
-            ++calls_;
-            touched_.push_back(sequence);
-        }
-        inner_.TouchEntry(sequence, client);
+        return StandaloneMediaManager::RegisterEntry(owner, client, sequence, bytes, kind, flags,
+                                                     out);
     }
     void ForgetEntry(uint64_t sequence) override {
         {
             std::lock_guard lock(mutex_);
-            ++calls_;
             forgotten_.push_back(sequence);
         }
-        inner_.ForgetEntry(sequence);
-    }
-    uint64_t GetRegisteredBytes() const override { return inner_.GetRegisteredBytes(); }
-    void DetachOwner(NX::IPurgeableSupport* owner) override {
-        Count();
-        inner_.DetachOwner(owner);
-    }
-
-    // Calls other than GetFixedMaxCacheSize and GetRegisteredBytes.
-    int Calls() const {
-        std::lock_guard lock(mutex_);
-        return calls_;
+        StandaloneMediaManager::ForgetEntry(sequence);
     }
     std::vector<Registration> Registrations() const {
         std::lock_guard lock(mutex_);
         return registrations_;
     }
-    std::vector<uint64_t> Touched() const {
-        std::lock_guard lock(mutex_);
-        return touched_;
-    }
     std::vector<uint64_t> Forgotten() const {
         std::lock_guard lock(mutex_);
         return forgotten_;
     }
-    NX::StandaloneMediaManager& Inner() { return inner_; }
 
-  private:
-    void Count() {
-        std::lock_guard lock(mutex_);
-        ++calls_;
-    }
-
+private:
     mutable std::mutex mutex_;
-    int calls_ = 0;
     std::vector<Registration> registrations_;
-    std::vector<uint64_t> touched_;
     std::vector<uint64_t> forgotten_;
-    NX::StandaloneMediaManager inner_;
 };
 
-// The module started interactively (mirror on) over a recording manager with a large budget.
+// The module started interactively (mirror on) over a recording manager.
 class MirrorTest : public mctest::ModuleTest {
-  protected:
+protected:
     void ConfigureHost(mctest::RecordingHostServices& h) override {
         h.SetMediaManager(recorder_.get());
     }
@@ -116,7 +76,6 @@ class MirrorTest : public mctest::ModuleTest {
         ModuleTest::TearDown();
         services_->SetMediaManager(nullptr);
     }
-
     std::shared_ptr<zk::MC_MediaMapImpl> Map() { return MCp_MediaMap(); }
     // Registers under the cache lock, as the bag does.
     bool Register(const IntrusivePtr<MC_Stuff>& stuff) {
@@ -128,19 +87,7 @@ class MirrorTest : public mctest::ModuleTest {
         stuff->AddToBagAndSortDir(bag_);
         return stuff;
     }
-    mctest::TestPayload& PayloadOf(const IntrusivePtr<MC_Stuff>& stuff) {
-        return static_cast<mctest::TestPayload&>(*stuff->GetDataPtr());
-    }
-
     std::unique_ptr<RecordingMediaManager> recorder_ = std::make_unique<RecordingMediaManager>();
-};
-
-// In memory, but of size 0.
-class EmptyPayload : public MC_StuffData {
-  public:
-    uint32_t GetApproximateMemorySize() const override { return 0; }
-    bool PurgeIfPossible(MC_ReleaseList*) override { return false; }
-    bool IsInMemory() const override { return true; }
 };
 
 }  // namespace mediamap_test

@@ -20,7 +20,7 @@ const velacore::Guid kClient(std::string_view("0F0E0D0C-0B0A-0908-0706-050403020
 
 // Purges by forgetting the entry, and records the order.
 class ForgettingOwner : public NX::IPurgeableSupport {
-  public:
+public:
     explicit ForgettingOwner(NX::IMediaManager& manager) : manager_(manager) {}
     bool PurgeEntry(uint64_t sequence) override {
         {
@@ -36,40 +36,32 @@ class ForgettingOwner : public NX::IPurgeableSupport {
         return purged_;
     }
 
-  private:
+private:
     NX::IMediaManager& manager_;
     mutable std::mutex mutex_;
     std::vector<uint64_t> purged_;
 };
 
-TEST(MediaManagerClasses, ScratchEntriesGoBeforeCachedOnesWhateverTheirAge) {
-    StandaloneMediaManager m(250);
+// Scratch entries go before cached ones whatever their age; within a class the least recently
+// used goes first, and a touch makes an entry the youngest.
+TEST(MediaManagerClasses, PurgeOrderIsClassThenLeastRecentlyUsed) {
+    StandaloneMediaManager m(350);
     ForgettingOwner owner(m);
-    m.RegisterEntry(&owner, kClient, 1, 100, NX::kMediaEntryCached, 0, nullptr);
-    m.RegisterEntry(&owner, kClient, 2, 100, NX::kMediaEntryCached, 0, nullptr);
-    m.RegisterEntry(&owner, kClient, 3, 100, NX::kMediaEntryScratch, 0, nullptr);  // youngest
-    ASSERT_TRUE(m.WaitUntilSettled(60s));
-    EXPECT_EQ(owner.Purged(), (std::vector<uint64_t>{3}));
-    m.RegisterEntry(&owner, kClient, 4, 100, NX::kMediaEntryCached, 0, nullptr);
-    ASSERT_TRUE(m.WaitUntilSettled(60s));
-    EXPECT_EQ(owner.Purged(), (std::vector<uint64_t>{3, 1}));  // then the oldest cached one
-    EXPECT_EQ(m.GetRegisteredBytes(), 200u);
-}
-
-TEST(MediaManagerClasses, TouchMakesAnEntryTheYoungestOfItsClass) {
-    StandaloneMediaManager m(250);
-    ForgettingOwner owner(m);
-    m.RegisterEntry(&owner, kClient, 1, 100, NX::kMediaEntryCached, 0, nullptr);
-    m.RegisterEntry(&owner, kClient, 2, 100, NX::kMediaEntryCached, 0, nullptr);
+    for (uint64_t seq : {1, 2, 3})
+        m.RegisterEntry(&owner, kClient, seq, 100, NX::kMediaEntryCached, 0, nullptr);
     m.TouchEntry(1, kClient);
-    m.RegisterEntry(&owner, kClient, 3, 100, NX::kMediaEntryCached, 0, nullptr);
-    ASSERT_TRUE(m.WaitUntilSettled(60s));
-    EXPECT_EQ(owner.Purged(), (std::vector<uint64_t>{2}));
+    m.RegisterEntry(&owner, kClient, 4, 100, NX::kMediaEntryScratch, 0, nullptr);  // youngest
+    ASSERT_TRUE(m.WaitUntilSettled(50s));
+    EXPECT_EQ(owner.Purged(), (std::vector<uint64_t>{4}));
+    m.RegisterEntry(&owner, kClient, 5, 100, NX::kMediaEntryCached, 0, nullptr);
+    ASSERT_TRUE(m.WaitUntilSettled(50s));
+    EXPECT_EQ(owner.Purged(), (std::vector<uint64_t>{4, 2}));  // 1 was touched after 2
+    EXPECT_EQ(m.GetRegisteredBytes(), 300u);
 }
 
 // An owner whose purge blocks until released, to hold a call in flight.
 class BlockingOwner : public NX::IPurgeableSupport {
-  public:
+public:
     bool PurgeEntry(uint64_t) override {
         std::unique_lock lock(mutex_);
         entered_ = true;
@@ -81,7 +73,7 @@ class BlockingOwner : public NX::IPurgeableSupport {
     bool IsNonPurgeable(uint64_t) override { return false; }
     void WaitEntered() {
         std::unique_lock lock(mutex_);
-        ASSERT_TRUE(cv_.wait_for(lock, 60s, [&] { return entered_; }));
+        ASSERT_TRUE(cv_.wait_for(lock, 50s, [&] { return entered_; }));
     }
     void Release() {
         std::lock_guard lock(mutex_);
@@ -90,7 +82,7 @@ class BlockingOwner : public NX::IPurgeableSupport {
     }
     std::atomic<bool> finished_{false};
 
-  private:
+private:
     std::mutex mutex_;
     std::condition_variable cv_;
     bool entered_ = false;
@@ -108,7 +100,6 @@ TEST(MediaManagerClasses, DetachThroughTheInterfaceWaitsForTheCallInFlight) {
         manager.DetachOwner(&owner);
         finishedWhenDetached.store(owner.finished_.load());
     });
-    std::this_thread::sleep_for(20ms);  // let the detacher reach its wait (not needed to pass)
     owner.Release();
     detacher.join();
     EXPECT_TRUE(finishedWhenDetached.load());

@@ -64,6 +64,8 @@ public:
     // True while some thread waits in LockWrite (new readers and upgraders then queue behind
     // it). Only a hint for diagnostics and tests: it may change as soon as it returns.
     bool HasWaitingWriter() const;
+    // Threads blocked in a Lock* call right now. A hint for tests, like HasWaitingWriter.
+    uint32_t BlockedThreads() const;
 
 private:
     struct Holder {

@@ -1,0 +1,64 @@
+// Weak references racing the last release: every Lock gets a live object or null, and the
+// object is destroyed exactly once (run it under TSAN and ASan too).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <barrier>
+#include <thread>
+#include <vector>
+
+#include "mc/host/IntrusivePtr.h"
+
+namespace velacore {
+namespace {
+
+class Watched : public RefCountedObjectWithWeakPtr {
+public:
+    Watched(std::atomic<int>* destroyed, int value) : destroyed_(destroyed), value_(value) {}
+    ~Watched() override { destroyed_->fetch_add(1); }
+    int Value() const { return value_; }
+
+private:
+    std::atomic<int>* destroyed_;
+    int value_;
+};
+
+TEST(WeakPtr, LockRacesTheLastRelease) {
+    constexpr int kRounds = 2000;
+    constexpr int kLockers = 3;
+    std::atomic<int> destroyed{0}, badValues{0};
+    std::barrier barrier(kLockers + 1);
+    WeakPtr<Watched> shared;  // written by the main thread between the two barriers
+    int round = 0;
+    std::vector<std::thread> lockers;
+    for (int t = 0; t < kLockers; ++t) {
+        lockers.emplace_back([&] {
+            for (;;) {
+                barrier.arrive_and_wait();  // round starts
+                if (round == kRounds) return;
+                const WeakPtr<Watched> w = shared;
+                for (int i = 0; i < 20; ++i) {
+                    IntrusivePtr<Watched> got = w.Lock();
+                    if (!got) break;
+                    badValues += got->Value() != round ? 1 : 0;
+                }
+                barrier.arrive_and_wait();  // round ends
+            }
+        });
+    }
+    for (; round < kRounds; ++round) {
+        auto p = MakeIntrusive<Watched>(&destroyed, round);
+        shared = WeakPtr<Watched>(p);
+        barrier.arrive_and_wait();
+        p.reset();  // races the lockers
+        barrier.arrive_and_wait();
+        ASSERT_FALSE(shared.Lock());
+        ASSERT_EQ(destroyed.load(), round + 1);
+    }
+    barrier.arrive_and_wait();  // lets the lockers see the end
+    for (auto& t : lockers) t.join();
+    EXPECT_EQ(badValues.load(), 0);
+}
+
+}  // namespace
+}  // namespace velacore
