@@ -99,6 +99,9 @@ public:
     // Looks again at the temporaries counted for `bag`: those gone stop counting, those
     // abandoned since are removed. Never throws.
     static void RecheckCountedTempFiles(MC_Bag& bag);
+    // `committed` was just written or adopted: the temporary it was written as, if counted, is
+    // that file now and stops counting. Never throws.
+    static void ForgetTempOf(MC_Bag& bag, const velacore::File& committed);
 };
 
 // Marks the one-time rescan as already posted (true) or still to come (false). Tests and tools

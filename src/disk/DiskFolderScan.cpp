@@ -24,6 +24,7 @@
 #include "mc/MCp_ScLock.h"
 #include "mc/host/Errors.h"
 #include "mc/host/File.h"
+#include "mc/host/SafeSave.h"
 #include "mc/host/TextConvert.h"
 
 using velacore::File;
@@ -208,6 +209,7 @@ void MCp_DiskFolder::ScanOne(MC_Bag& bag, const File& file) {
             MC_StuffData::CreateSubclass(matchname.c_str(), parsed.header);
         if (!data) return;  // no data class for it here: leave the file for someone who knows it
         Adopt(bag, file, size, parsed.guid, std::move(data));
+        ForgetTempOf(bag, file);
     } catch (int code) {
         if (g_scanTrace.Enabled())
             g_scanTrace.Write("ScanOneDiskCacheFile: deleting " + file.GetFullPathUtf8() +
@@ -279,6 +281,20 @@ void MCp_DiskFolder::RecheckCountedTempFiles(MC_Bag& bag) {
         int64_t delta = 0;
         for (const File& temp : counted) delta += Update(record, temp, now);
         if (delta != 0) bag.AdjustOnDiskCacheSize(delta);
+    } catch (...) {
+        // housekeeping only
+    }
+}
+
+void MCp_DiskFolder::ForgetTempOf(MC_Bag& bag, const File& committed) {
+    try {
+        const File temp = velacore::SafeSave::TempFileFor(committed);
+        std::lock_guard<std::mutex> lock(g_mutex);
+        CountedTemps& record = RecordOf(bag);
+        const auto it = record.sizes.find(temp.GetFullPath());
+        if (it == record.sizes.end()) return;
+        bag.AdjustOnDiskCacheSize(-static_cast<int64_t>(it->second));
+        record.sizes.erase(it);
     } catch (...) {
         // housekeeping only
     }

@@ -373,6 +373,7 @@ void MCp_DiskWriter::WriteFile(MC_Stuff& stuff, const std::shared_ptr<MC_Bag>& b
         stuff.diskFile_ = std::make_shared<velacore::File>(file);
     }
     stuff.SyncDiskSizeWithBag(static_cast<uint32_t>(fileSize));
+    MCp_DiskFolder::ForgetTempOf(*bag, file);  // a scan may have counted it as a temporary
     MCp_GetCounters().bytesWritten.fetch_add(fileSize);
     stuff.stateSignal_(stuff.IsInMemory(), true);
 }

@@ -8,16 +8,13 @@
 #include "mc/host/FileSystem.h"
 
 namespace velacore {
-namespace {
 
-File TempFileFor(const File& finalFile) {
+File SafeSave::TempFileFor(const File& finalFile) {
     if (finalFile.IsEmpty()) throw std::invalid_argument("SafeSave needs a file");
     std::filesystem::path path = finalFile.GetFullPath();
     path += ".tmp";
     return File(std::move(path));
 }
-
-}  // namespace
 
 SafeSave::SafeSave(const File& finalFile) : final_(finalFile), temp_(TempFileFor(finalFile)) {}
 

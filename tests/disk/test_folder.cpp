@@ -372,6 +372,23 @@ TEST_F(ScanTest, MixedFolderScannedTwiceAdoptsEachValidFileOnce) {
     EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), expectedBytes_);
 }
 
+// Another writer's young temporary counts against the budget until that writer commits it;
+// from then on only the committed file counts, at once and not only after a budget pass.
+TEST_F(ScanTest, ATemporaryCountsOnlyUntilItBecomesItsFile) {
+    const fs::path file = Valid(1, 4000).GetFullPath();
+    const fs::path temp = fs::path(file) += ".tmp";
+    fs::rename(file, temp);
+    bag_->ScanDiskCacheDir();
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), expectedBytes_);
+    EXPECT_EQ(bag_->GetNumItems(), 0);
+
+    fs::rename(temp, file);
+    fs::last_write_time(file, fs::file_time_type::clock::now());
+    bag_->ScanDiskCacheDir();
+    EXPECT_EQ(ItemFiles(), expected_);
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), expectedBytes_);
+}
+
 TEST_F(ScanTest, AdoptedItemsAreOnDiskOnly) {
     Valid(3, 64);
     bag_->ScanDiskCacheDir();

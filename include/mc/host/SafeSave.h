@@ -23,6 +23,8 @@ class MCHOST_API SafeSave {
 
     // The file to write: same folder, final name + ".tmp".
     const File& GetTempFile() const { return temp_; }
+    // The temporary a SafeSave of `finalFile` writes (must not be empty).
+    static File TempFileFor(const File& finalFile);
     const File& GetFinalFile() const { return final_; }
 
     // Renames the temporary over the final file (replacing it). On failure deletes the
