@@ -14,6 +14,7 @@
 #include "mc/host/AlignedBuffer.h"
 #include "mc/host/Errors.h"
 #include "mc/host/File.h"
+#include "remote/Farm.h"
 
 namespace {
 debug::TraceSite g_writeFailedTrace("DiskCache", 6);
@@ -71,6 +72,7 @@ void MC_Stuff::WriteToDiskAsyncOnDiskThread(IntrusivePtr<MC_Stuff> stuff) {
     if (!stuff) return;
     std::shared_ptr<velacore::AsyncThreadedSubExecutor> exec = MCp_DiskExecutor();
     if (!exec) return;  // stopped: nothing is queued any more
+    MCr_Publish(stuff);  // the remote tier shares what goes to disk
     std::shared_ptr<MC_ScCheckout> receipt;
     IntrusivePtr<MC_StuffData> data = stuff->GetDataPtr();
     if (data && data->GetCachePriority() == MC_CachePriority_High) {
