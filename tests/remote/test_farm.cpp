@@ -226,3 +226,39 @@ TEST_F(FarmTest, EvictionUnderMemoryPressureGivesMissesNeverWrongBytes) {
 
 }  // namespace
 
+#ifdef MC_MCACHE_PATH
+#include <nlohmann/json.hpp>
+
+namespace {
+
+// Runs one mcache demo process over the timeline and returns its JSON summary.
+nlohmann::json DemoProcess(const std::string& url, const std::filesystem::path& folder) {
+    const std::string cmd = std::string(MC_MCACHE_PATH) + " demo --remote " + url +
+                            " --farm-order 0 --frames 16 --width 64 --height 64 --cost 1"
+                            " --cache-priority high --json --quiet --folder " + folder.string();
+    std::string out;
+    if (FILE* p = ::popen(cmd.c_str(), "r")) {
+        char buf[4096];
+        for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+        ::pclose(p);
+    }
+    return nlohmann::json::parse(out, nullptr, false);
+}
+
+TEST_F(FarmTest, WhatOneProcessRenderedAnotherGetsWithoutRendering) {
+    RedisServer server;
+    ASSERT_TRUE(server.Start());
+    mctest::TempDir root("mc-farm-procs");
+    const nlohmann::json first = DemoProcess(server.Url(), root.Path() / "a");
+    ASSERT_FALSE(first.is_discarded());
+    EXPECT_EQ(first["passes"][0]["rendered"], 16);
+    EXPECT_EQ(first["remote"]["published"], 16);
+    const nlohmann::json second = DemoProcess(server.Url(), root.Path() / "b");
+    ASSERT_FALSE(second.is_discarded());
+    EXPECT_EQ(second["passes"][0]["rendered"], 0);
+    EXPECT_EQ(second["passes"][0]["from_farm"], 16);
+    EXPECT_EQ(second["remote"]["hits"], 16);
+}
+
+}  // namespace
+#endif
