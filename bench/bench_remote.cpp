@@ -9,8 +9,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
+#include "mc/host/ByteStream.h"
+#include "mc/host/Errors.h"
 #include "remote/FarmFixture.h"
 
 using namespace farmtest;
@@ -18,6 +21,71 @@ using namespace farmtest;
 namespace {
 
 constexpr int kRounds = 7;
+
+// A payload that only holds its bytes: its Read costs a copy and nothing else, so the fetch
+// measures the tier.
+class BenchPayload : public MC_StuffData {
+  public:
+    static constexpr const char* kMatchname = "BenchPayload";
+    BenchPayload(uint32_t key, uint32_t size)
+        : key_(key), bytes_(size ? std::make_shared<std::vector<uint8_t>>(size, 7) : nullptr) {}
+    bool IdenticalRequest(IntrusivePtr<MC_StuffData> r) const override {
+        auto* b = dynamic_cast<BenchPayload*>(r.get());
+        return b && b->key_ == key_;
+    }
+    bool CanSatisfyRequest(IntrusivePtr<MC_StuffData> r) const override {
+        return IdenticalRequest(r);
+    }
+    uint32_t GetApproximateMemorySize() const override {
+        auto b = std::atomic_load(&bytes_);
+        return b ? static_cast<uint32_t>(b->size()) : 0;
+    }
+    bool PurgeIfPossible(MC_ReleaseList*) override {
+        return std::atomic_exchange(&bytes_, std::shared_ptr<std::vector<uint8_t>>()) != nullptr;
+    }
+    bool IsInMemory() const override { return std::atomic_load(&bytes_) != nullptr; }
+    bool CanDiskCache() const override { return true; }
+    const char* GetSubclassMatchname() const override { return kMatchname; }
+    void GetHeader(std::vector<uint8_t>& h) const override {
+        h.resize(4);
+        std::memcpy(h.data(), &key_, 4);
+    }
+    double Write(velacore::OByteStream& out) const override {
+        auto b = std::atomic_load(&bytes_);
+        out.WriteU32LE(static_cast<uint32_t>(b->size()));
+        out.WriteBytes(b->data(), b->size());
+        return 0.0;
+    }
+    double Read(velacore::IByteStream& in, velacore::MultiTenantRecursiveMutex&) override {
+        const uint32_t size = in.ReadU32LE();
+        if (size > (1u << 30)) throw velacore::IOError("implausible size");
+        auto b = std::make_shared<std::vector<uint8_t>>(size);
+        in.ReadBytes(b->data(), size);
+        std::atomic_store(&bytes_, std::move(b));
+        return 0.0;
+    }
+    static void Register() {
+        MC_StuffData::Factory f = [](const std::vector<uint8_t>& h) {
+            IntrusivePtr<MC_StuffData> out;
+            if (h.size() != 4) return out;
+            uint32_t key = 0;
+            std::memcpy(&key, h.data(), 4);
+            out = IntrusivePtr<MC_StuffData>(new BenchPayload(key, 0));
+            return out;
+        };
+        MC_StuffData::RegisterFactory(kMatchname, f);
+    }
+    static IntrusivePtr<MC_Stuff> Request(uint32_t key) {
+        IntrusivePtr<MC_Stuff> r =
+            MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new BenchPayload(key, 0)), 0.0);
+        r->SetGuid(mctest::KeyGuid(key));
+        return r;
+    }
+
+  private:
+    uint32_t key_;
+    std::shared_ptr<std::vector<uint8_t>> bytes_;
+};
 
 double Median(std::vector<double> v) {
     std::sort(v.begin(), v.end());
@@ -29,6 +97,7 @@ struct Machine {
     explicit Machine(std::shared_ptr<FarmHost> host) : scoped(host) {
         MC_Birth(false, 0x2B, false);
         TestPayload::RegisterFactory();
+        BenchPayload::Register();
         MC_GlobalBag()->SetDiskCacheInfo(folder.AsDir(), 4096);
         MC_GlobalBag()->EnableDiskCache(true);
     }
@@ -42,9 +111,8 @@ struct Machine {
 
 void Render(uint32_t key, uint32_t size) {
     MC_ScCheckout r;
-    r.FindAndCheckout(mctest::MakeRequest(key), MC_CheckoutFlag_CreatePending);
-    auto* p = new TestPayload(key, size);
-    p->SetDiskCacheable(true);
+    r.FindAndCheckout(BenchPayload::Request(key), MC_CheckoutFlag_CreatePending);
+    auto* p = new BenchPayload(key, size);
     p->SetCachePriority(MC_CachePriority_High);
     r.GetStuffPtr()->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(p), 1.0);
 }
@@ -54,7 +122,7 @@ double TierRound(const std::vector<uint32_t>& keys, uint32_t size) {
     const auto t0 = Clock::now();
     for (uint32_t k : keys) {
         MC_ScCheckout r;
-        if (r.FindAndCheckout(mctest::MakeRequest(k),
+        if (r.FindAndCheckout(BenchPayload::Request(k),
                               MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending) !=
                 MC_CheckoutResult_CheckedOut ||
             !MCr_FilledByThisThread(r.GetStuffPtr().get())) {
@@ -126,7 +194,7 @@ double HitRound(int iterations) {
     const auto t0 = Clock::now();
     for (int i = 0; i < iterations; ++i) {
         MC_ScCheckout r;
-        if (r.FindAndCheckout(mctest::MakeRequest(1), MC_CheckoutFlag_ReadOnly) !=
+        if (r.FindAndCheckout(BenchPayload::Request(1), MC_CheckoutFlag_ReadOnly) !=
             MC_CheckoutResult_CheckedOut)
             std::exit(1);
     }
@@ -141,7 +209,7 @@ double HitMachine(RedisServer& server, bool configured) {
     // A miss starts the tier (when configured) before the measured hits.
     {
         MC_ScCheckout miss;
-        miss.FindAndCheckout(mctest::MakeRequest(999),
+        miss.FindAndCheckout(BenchPayload::Request(999),
                              MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending);
     }
     HitRound(20000);

@@ -163,6 +163,15 @@ std::array<uint8_t, 16> BodyHash(const FarmRecord& rec, const uint8_t* body, siz
     return h.GetHashBytes();
 }
 
+std::array<uint8_t, 16> BodyHash(const FarmRecord& rec,
+                                 const std::vector<std::string_view>& pieces) {
+    velacore::Murmur3MixerState h(0xB0D1);
+    const auto tag = ChunkTag(rec);
+    h.UpdateHashState(tag.data(), tag.size());
+    for (std::string_view p : pieces) h.UpdateHashState(p.data(), p.size());
+    return h.GetHashBytes();
+}
+
 std::string EncodeChunk(const FarmRecord& rec, uint32_t index, const uint8_t* piece,
                         size_t size) {
     Writer w;

@@ -55,6 +55,8 @@ std::vector<uint8_t> EncodeRecord(const FarmRecord& rec);
 std::optional<FarmRecord> DecodeRecord(std::string_view bytes);
 
 std::array<uint8_t, 16> BodyHash(const FarmRecord& rec, const uint8_t* body, size_t size);
+// The same over a body held in pieces (the fetched chunks, without copying them together).
+std::array<uint8_t, 16> BodyHash(const FarmRecord& rec, const std::vector<std::string_view>& pieces);
 // The chunk value: prefix then the piece.
 std::string EncodeChunk(const FarmRecord& rec, uint32_t index, const uint8_t* piece,
                         size_t size);

@@ -3,6 +3,7 @@
 #include <hiredis/hiredis.h>
 
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <mutex>
 #include <random>
@@ -32,6 +33,28 @@ void At(std::string_view point) {
 
 bool IsString(const redisReply* r) { return r && r->type == REDIS_REPLY_STRING; }
 std::string_view View(const redisReply* r) { return {r->str, r->len}; }
+
+// Reads a body held in pieces (views into the fetched replies) in order.
+class PiecesStream : public velacore::IByteStream {
+  public:
+    explicit PiecesStream(const std::vector<std::string_view>& pieces) : pieces_(pieces) {}
+    size_t ReadSome(void* buffer, size_t size) override {
+        while (index_ < pieces_.size() && offset_ == pieces_[index_].size()) {
+            ++index_;
+            offset_ = 0;
+        }
+        if (index_ == pieces_.size()) return 0;
+        const size_t n = std::min(size, pieces_[index_].size() - offset_);
+        std::memcpy(buffer, pieces_[index_].data() + offset_, n);
+        offset_ += n;
+        return n;
+    }
+
+  private:
+    const std::vector<std::string_view>& pieces_;
+    size_t index_ = 0;
+    size_t offset_ = 0;
+};
 
 // One candidate of a GUID group: its record and the payload its factory built.
 struct Candidate {
@@ -180,13 +203,13 @@ class FarmTier {
         cmd[0].Arg("MGET");
         for (uint32_t i = 0; i < rec.chunkCount; ++i) keys.push_back(ChunkKey(ns_, rec, i));
         for (const std::string& k : keys) cmd[0].Arg(k);
-        std::vector<uint8_t> body;
+        std::vector<std::string_view> body;  // views into `replies`
+        std::optional<std::vector<Reply>> replies;
         if (rec.chunkCount != 0) {
-            auto replies = link.Run(cmd);
+            replies = link.Run(cmd);
             if (!replies) return false;
             const redisReply* r = (*replies)[0].get();
             if (r->type != REDIS_REPLY_ARRAY || r->elements != rec.chunkCount) return false;
-            body.reserve(rec.bodyBytes);
             for (uint32_t i = 0; i < rec.chunkCount; ++i) {
                 const redisReply* e = r->element[i];
                 std::optional<std::string_view> piece;
@@ -199,15 +222,15 @@ class FarmTier {
                     Forget(link, IndexKey(ns_, rec.id.guid), cand.name, &rec);
                     return false;
                 }
-                body.insert(body.end(), piece->begin(), piece->end());
+                body.push_back(*piece);
             }
         }
-        if (BodyHash(rec, body.data(), body.size()) != rec.bodyHash) {
+        if (BodyHash(rec, body) != rec.bodyHash) {
             MCp_GetCounters().remoteChecksumRejects.fetch_add(1);
             Forget(link, IndexKey(ns_, rec.id.guid), cand.name, &rec);
             return false;
         }
-        velacore::IMemoryByteStream in(std::move(body));
+        PiecesStream in(body);
         try {
             cand.data->Read(in, pending->GetLock());
         } catch (...) {
