@@ -412,6 +412,9 @@ bool MCr_FillPending(const IntrusivePtr<MC_Stuff>& pending, int flags) {
     t_lastFilled = nullptr;
     if (!pending || (flags & (MC_CheckoutFlag_MemoryOnly | MC_CheckoutFlag_NoDiskRead)))
         return false;
+    // Only payloads that can be rebuilt by name are ever shared (not compute values, say).
+    const IntrusivePtr<MC_StuffData> request = pending->GetFindKeyData();
+    if (!request || !request->GetSubclassMatchname()) return false;
     std::shared_ptr<FarmTier> tier = Tier();
     if (!tier) return false;
     if (!tier->Fill(pending)) {
