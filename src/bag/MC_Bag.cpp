@@ -13,6 +13,7 @@
 #include "mc/host/File.h"
 #include "mc/host/Time.h"
 #include "mediamap/MediaMapHooks.h"
+#include "remote/Farm.h"
 
 using velacore::HighPrecisionTime;
 using velacore::ScopedReadLockWrapper;
@@ -187,7 +188,12 @@ std::vector<MC_Bag::StuffPtr> MC_Bag::SnapshotItems() const {
 
 MC_CheckoutResult MC_Bag::FindAndCheckout(const StuffPtr& request, int checkoutFlags,
                                           StuffPtr* found, bool* foundHasDiskFile) {
-    return sortDir_->FindAndCheckout(request, checkoutFlags, found, foundHasDiskFile);
+    const MC_CheckoutResult r =
+        sortDir_->FindAndCheckout(request, checkoutFlags, found, foundHasDiskFile);
+    // A miss this thread would render: another machine may have rendered it already.
+    if (r == MC_CheckoutResult_CreatedNewPending && MCr_FillPending(*found, checkoutFlags))
+        return MC_CheckoutResult_CheckedOut;
+    return r;
 }
 
 // --- size accounting -----------------------------------------------------------------------

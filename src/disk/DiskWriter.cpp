@@ -26,6 +26,7 @@
 #include "mc/host/FileSystem.h"
 #include "mc/host/SafeSave.h"
 #include "mc/host/Time.h"
+#include "remote/Farm.h"
 
 using velacore::IntrusivePtr;
 using velacore::ScopedReadLockWrapper;
@@ -260,6 +261,7 @@ void MCp_DiskWriter::Enqueue(IntrusivePtr<MC_Stuff> stuff) {
     if (!stuff) return;
     std::shared_ptr<velacore::AsyncThreadedSubExecutor> exec = MCp_DiskExecutor();
     if (!exec) return;  // stopped: nothing is queued any more
+    MCr_Publish(stuff);  // the remote tier shares what goes to disk
     std::shared_ptr<MC_ScCheckout> receipt;
     IntrusivePtr<MC_StuffData> data = stuff->GetDataPtr();
     if (data && data->GetCachePriority() == MC_CachePriority_High) {

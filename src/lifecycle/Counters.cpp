@@ -37,6 +37,15 @@ MC_PerformanceCounters MC_GetPerformanceCounters() {
     out.pendingRefusals = c.pendingRefusals.load();
     out.activeCheckouts = c.activeCheckouts.load();
     out.supersededSweeps = c.supersededSweeps.load();
+    out.remoteHits = c.remoteHits.load();
+    out.remoteMisses = c.remoteMisses.load();
+    out.remoteBytesIn = c.remoteBytesIn.load();
+    out.remoteBytesOut = c.remoteBytesOut.load();
+    out.remotePublished = c.remotePublished.load();
+    out.remotePublishDrops = c.remotePublishDrops.load();
+    out.remoteChecksumRejects = c.remoteChecksumRejects.load();
+    out.remoteTimeouts = c.remoteTimeouts.load();
+    out.remoteBackoffs = c.remoteBackoffs.load();
     return out;
 }
 

@@ -27,6 +27,16 @@ struct MCp_Counters {
     std::atomic<uint32_t> lowPriorityWritesQueued{0};
     std::atomic<uint32_t> reasonCounts[6]{};  // index = NoDiskCacheReason, 1..5 used
 
+    std::atomic<uint32_t> remoteHits{0};
+    std::atomic<uint32_t> remoteMisses{0};
+    std::atomic<uint64_t> remoteBytesIn{0};
+    std::atomic<uint64_t> remoteBytesOut{0};
+    std::atomic<uint32_t> remotePublished{0};
+    std::atomic<uint32_t> remotePublishDrops{0};
+    std::atomic<uint32_t> remoteChecksumRejects{0};
+    std::atomic<uint32_t> remoteTimeouts{0};
+    std::atomic<uint32_t> remoteBackoffs{0};
+
     std::atomic<uint32_t> numStuffs{0};
     std::atomic<uint32_t> numStuffsOnDisk{0};
     std::atomic<uint32_t> numDiskHolds{0};

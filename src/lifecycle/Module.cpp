@@ -15,6 +15,7 @@
 #include "mc/host/Guid.h"
 #include "mc/host/MediaManager.h"
 #include "mediamap/MediaMapHooks.h"
+#include "remote/Farm.h"
 
 namespace {
 
@@ -100,6 +101,7 @@ void MC_StopAllAsyncWork() {
     ALOG_Log(10, "MC", "", "MC_StopAllAsyncWork");
     ModuleState& s = State();
     s.stopRequested.store(true);
+    MCr_Shutdown();
     std::shared_ptr<velacore::AsyncThreadedSubExecutor> disk, async;
     {
         std::lock_guard<std::mutex> lock(s.executorMutex);
@@ -117,6 +119,7 @@ void MC_StopAllAsyncWork() {
 void MC_Death() {
     ALOG_Log(10, "MC", "Death", "MC Death");
     ModuleState& s = State();
+    MCr_Shutdown();
     velacore::GetHostServices().SetMemoryClient({}, {});
     if (std::shared_ptr<MC_Bag> bag = s.bag.load()) {
         bag->ClearBagAndSortDir();

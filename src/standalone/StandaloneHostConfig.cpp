@@ -92,6 +92,8 @@ class TomlReader {
                 ReadBeta(*table);
             } else if (name == "identity") {
                 ReadIdentity(*table);
+            } else if (name == "remote") {
+                ReadRemote(*table);
             } else {
                 Fail(name, "unknown table");
             }
@@ -144,6 +146,33 @@ class TomlReader {
             return ParseByteAmount(*s, hostsys::PhysicalMemoryBytes());
         } catch (const std::invalid_argument& e) {
             Fail(key, e.what());
+        }
+    }
+
+    void ReadRemote(const toml::table& t) {
+        RemoteTierSettings& r = config_.remote;
+        for (auto&& [k, v] : t) {
+            const std::string key = "remote." + std::string(k.str());
+            if (k == "urls") {
+                const toml::array* urls = v.as_array();
+                if (!urls) Fail(key, "expected an array of \"redis://host:port\" texts");
+                r.urls.clear();
+                for (const toml::node& url : *urls) r.urls.push_back(String(key, url));
+            } else if (k == "connect_timeout_ms") {
+                r.connectTimeoutMs = static_cast<int>(Int(key, v, 1, 600000));
+            } else if (k == "operation_timeout_ms") {
+                r.operationTimeoutMs = static_cast<int>(Int(key, v, 1, 600000));
+            } else if (k == "backoff_ms") {
+                r.backoffMs = static_cast<int>(Int(key, v, 1, 3600000));
+            } else if (k == "max_item_bytes") {
+                r.maxItemBytes = Bytes(key, v);
+            } else if (k == "publish_queue") {
+                r.publishQueueLength = static_cast<uint32_t>(Int(key, v, 1, 100000));
+            } else if (k == "read_only") {
+                r.readOnly = Bool(key, v);
+            } else {
+                Fail(key, "unknown key");
+            }
         }
     }
 
@@ -409,6 +438,22 @@ void StandaloneConfig::ApplyEnvironment(const EnvLookup& lookup) {
         betaBuild = *flag;
     }
     if (auto v = lookup("MC_COMPUTER_NAME")) computerName = std::string(Trim(*v));
+    if (auto v = lookup("MC_REMOTE_URLS")) {
+        remote.urls.clear();
+        for (auto url : Split(*v, ',')) remote.urls.emplace_back(url);
+    }
+    if (auto v = lookup("MC_REMOTE_READ_ONLY")) {
+        auto flag = ParseBool(*v);
+        if (!flag) FailEnv("MC_REMOTE_READ_ONLY", *v, "expected 1, 0, true, false, yes, no, on or off");
+        remote.readOnly = *flag;
+    }
+    if (auto v = lookup("MC_REMOTE_MAX_ITEM")) remote.maxItemBytes = EnvBytes("MC_REMOTE_MAX_ITEM", *v);
+    if (auto v = lookup("MC_REMOTE_TIMEOUT_MS")) {
+        auto ms = ParseInt(*v);
+        if (!ms || *ms < 1 || *ms > 600000)
+            FailEnv("MC_REMOTE_TIMEOUT_MS", "(value)", "expected milliseconds from 1 to 600000");
+        remote.operationTimeoutMs = static_cast<int>(*ms);
+    }
 }
 
 }  // namespace velacore

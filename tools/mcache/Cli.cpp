@@ -11,6 +11,7 @@
 
 #include "Admin.h"
 #include "Demo.h"
+#include "Farm.h"
 #include "Output.h"
 #include "mc/standalone/StandaloneHost.h"
 
@@ -24,7 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kCommands[] = {"demo", "ls", "verify", "du", "purge", "trim"};
+constexpr const char* kCommands[] = {"demo", "farm", "ls", "verify", "du", "purge", "trim"};
 
 // An error the user can fix: reported as "mcache: <what>" with status 2.
 struct UsageError : std::runtime_error {
@@ -60,8 +61,8 @@ bool UnknownCommand(int argc, char** argv) {
     for (const char* c : kCommands)
         if (std::string(argv[1]) == c) return false;
     std::fprintf(stderr,
-                 "mcache: unknown command '%s' (commands: demo, ls, verify, du, purge, "
-                 "trim; see mcache --help)\n",
+                 "mcache: unknown command '%s' (commands: demo, farm, ls, verify, du, "
+                 "purge, trim; see mcache --help)\n",
                  argv[1]);
     return true;
 }
@@ -121,6 +122,35 @@ int Main(int argc, char** argv) {
     demoCmd->add_option("--report", demo.reportSvg, "Write an SVG report to this file");
     bool quiet = false;
     demoCmd->add_flag("--quiet", quiet, "No progress display");
+    demoCmd->add_option("--remote", demo.remoteUrl,
+                        "Share frames with other machines through Redis: "
+                        "redis://[user:password@]host:port[/db], several comma-separated");
+    demoCmd->add_option("--farm-order", demo.farmOrder, "(used by farm) one pass in this order")
+        ->group("");
+
+    FarmOptions farm;
+    auto* farmCmd = app.add_subcommand(
+        "farm", "Run render processes that share frames through one Redis and summarise them");
+    farmCmd->add_option("--processes", farm.processes, "Render processes")
+        ->check(CLI::Range(1u, 32u))
+        ->capture_default_str();
+    farmCmd->add_option("--remote", farm.remoteUrl,
+                        "The Redis to share (default: a private redis-server for the run)");
+    farmCmd->add_option("--folder", farm.folder, "Root of the processes' cache folders");
+    farmCmd->add_option("--frames", farm.frames, "Frames in the timeline")
+        ->check(CLI::Range(1u, 100000u))
+        ->capture_default_str();
+    farmCmd->add_option("--width", farm.width, "Frame width")->check(CLI::Range(8u, 8192u));
+    farmCmd->add_option("--height", farm.height, "Frame height")->check(CLI::Range(8u, 8192u));
+    farmCmd->add_option("--cost", farm.cost, "Render work multiplier per frame")
+        ->check(CLI::Range(1u, 1000u));
+    farmCmd->add_option("--threads", farm.threads, "Render threads per process")
+        ->check(CLI::Range(1u, 64u));
+    farmCmd->add_option("--memory-budget", farm.memoryBudget, "Memory budget per process")
+        ->capture_default_str();
+    farmCmd->add_option("--disk-budget", farm.diskBudget, "Disk budget per process")
+        ->capture_default_str();
+    farmCmd->add_flag("--json", farm.json, "Print the summary as JSON");
 
     fs::path folder;
     bool json = false, deleteInvalid = false, otherVersions = false, strict = false, dryRun = false;
@@ -175,6 +205,12 @@ int Main(int argc, char** argv) {
             demo.cachePriority = PriorityByName(priority);
             demo.progress = !quiet;
             return RunDemo(demo);
+        }
+        if (*farmCmd) {
+            if (farm.folder.empty()) farm.folder = DefaultDemoFolder() / "farm";
+            Amount("--memory-budget", farm.memoryBudget, PhysicalMemory());
+            Amount("--disk-budget", farm.diskBudget, 0);
+            return RunFarm(farm);
         }
         if (*ls) return ListFolder(folder, json);
         if (*verify) return VerifyFolder(folder, deleteInvalid, strict, json);

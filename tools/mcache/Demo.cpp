@@ -18,6 +18,7 @@
 #include "mc/host/File.h"
 #include "mc/host/Time.h"
 #include "mc/standalone/StandaloneHost.h"
+#include "remote/Farm.h"
 
 namespace mcache {
 
@@ -29,7 +30,10 @@ using Clock = std::chrono::steady_clock;
 // first 15% of the timeline, which fits in memory) twice, "scrub" random frames anywhere.
 std::vector<uint32_t> PassFrames(const std::string& name, uint32_t frames, uint32_t seed) {
     std::vector<uint32_t> order;
-    if (name == "loop") {
+    if (name == "farm") {  // seed 0 forward, 1 backward, others shuffled
+        for (uint32_t f = 0; f < frames; ++f) order.push_back(seed == 1 ? frames - 1 - f : f);
+        if (seed > 1) std::shuffle(order.begin(), order.end(), std::mt19937(seed));
+    } else if (name == "loop") {
         const uint32_t area = std::max(1u, frames * 3 / 20);
         for (int round = 0; round < 2; ++round)
             for (uint32_t f = 0; f < area; ++f) order.push_back(f);
@@ -49,7 +53,7 @@ struct PassRun {
     std::vector<uint32_t> order;
     std::atomic<size_t> next{0};
     double startT = 0;  // seconds since the session started
-    std::atomic<uint64_t> fromMemory{0}, fromDisk{0}, rendered{0}, done{0};
+    std::atomic<uint64_t> fromMemory{0}, fromDisk{0}, rendered{0}, fromFarm{0}, done{0};
 };
 
 // One request: find the frame, render it on a miss, look at it, check it in.
@@ -69,7 +73,9 @@ void ServeFrame(PassRun& run, uint32_t number) {
         stuff->SetStuffDataFromPendingRender(frame, seconds);
         run.rendered.fetch_add(1);
     } else if (r == MC_CheckoutResult_CheckedOut && stuff) {
-        if (stuff->GetLastReadFromDiskTime() >= start) {
+        if (MCr_FilledByThisThread(stuff.get())) {
+            run.fromFarm.fetch_add(1);
+        } else if (stuff->GetLastReadFromDiskTime() >= start) {
             run.fromDisk.fetch_add(1);
             MC_NotifyFrameReadFromDisk();
         } else {
@@ -170,6 +176,7 @@ PassStats RunPass(const std::string& name, const DemoOptions& o, DemoPlugin* plu
     stats.fromMemory = run.fromMemory.load();
     stats.fromDisk = run.fromDisk.load();
     stats.rendered = run.rendered.load();
+    stats.fromFarm = run.fromFarm.load();
     stats.seconds = std::chrono::duration<double>(Clock::now() - t0).count();
     return stats;
 }
@@ -183,6 +190,15 @@ std::shared_ptr<velacore::StandaloneHostServices> StartHost(DemoOptions& o) {
     else if (!config.memoryBudget)
         config.memoryBudget = kDefaultMemoryBudget;
     o.memoryBudget = *config.memoryBudget;
+    if (!o.remoteUrl.empty()) {
+        config.remote.urls.clear();
+        for (size_t start = 0; start <= o.remoteUrl.size();) {
+            size_t end = o.remoteUrl.find(',', start);
+            if (end == std::string::npos) end = o.remoteUrl.size();
+            if (end > start) config.remote.urls.push_back(o.remoteUrl.substr(start, end - start));
+            start = end + 1;
+        }
+    }
     auto host = std::make_shared<velacore::StandaloneHostServices>(config);
     velacore::SetHostServices(host);
     return host;
@@ -242,14 +258,18 @@ int RunDemo(DemoOptions o) {
         const auto t0 = Clock::now();
         {
             Sampler sampler(bag, progress, t0);
-            const char* passes[] = {"playback", "scrub", "playback", "loop"};
-            uint32_t seed = 7;
+            const std::vector<const char*> passes =
+                o.farmOrder >= 0 ? std::vector<const char*>{"farm"}
+                                 : std::vector<const char*>{"playback", "scrub", "playback", "loop"};
+            uint32_t seed = o.farmOrder >= 0 ? static_cast<uint32_t>(o.farmOrder) : 7;
             for (const char* name : passes) {
                 result.passes.push_back(RunPass(name, o, plugin.get(), sampler, seed++, t0));
                 progress.PassDone(result.passes.back());
             }
             if (!MC_Bag::WaitForDiskWrites(60))
                 std::fprintf(stderr, "mcache demo: disk writes still queued after 60 s\n");
+            if (!MCr_WaitForPublishing(60))
+                std::fprintf(stderr, "mcache demo: farm publications still queued after 60 s\n");
             result.samples = sampler.Samples();
         }
         result.seconds = std::chrono::duration<double>(Clock::now() - t0).count();

@@ -28,6 +28,8 @@ struct DemoOptions {
     bool json = false;
     std::string reportSvg;
     bool progress = true;
+    std::string remoteUrl;  // the remote tier's server(s), comma-separated; empty: off
+    int farmOrder = -1;     // >= 0: one pass over the timeline in order number farmOrder (farm)
 };
 
 // Hits of one pass, by where the frame came from.
@@ -38,6 +40,7 @@ struct PassStats {
     uint64_t fromMemory = 0;
     uint64_t fromDisk = 0;
     uint64_t rendered = 0;
+    uint64_t fromFarm = 0;  // fetched from the remote tier instead of rendered
     double seconds = 0;
 };
 

@@ -179,6 +179,7 @@ nlohmann::json SummaryJson(const DemoOptions& o, const DemoResult& r, MC_Bag& ba
                                {"from_memory", p.fromMemory},
                                {"from_disk", p.fromDisk},
                                {"rendered", p.rendered},
+                               {"from_farm", p.fromFarm},
                                {"start", p.start},
                                {"seconds", p.seconds}});
     j["memory"] = {{"budget", o.memoryBudget},
@@ -198,6 +199,16 @@ nlohmann::json SummaryJson(const DemoOptions& o, const DemoResult& r, MC_Bag& ba
                   {"purge_attempts", pc.purgeAttempts},
                   {"pending_waits", pc.pendingWaits},
                   {"superseded_sweeps", pc.supersededSweeps}};
+    j["remote"] = {{"configured", !o.remoteUrl.empty()},
+                   {"hits", pc.remoteHits},
+                   {"misses", pc.remoteMisses},
+                   {"bytes_in", pc.remoteBytesIn},
+                   {"bytes_out", pc.remoteBytesOut},
+                   {"published", pc.remotePublished},
+                   {"publish_drops", pc.remotePublishDrops},
+                   {"checksum_rejects", pc.remoteChecksumRejects},
+                   {"timeouts", pc.remoteTimeouts},
+                   {"backoffs", pc.remoteBackoffs}};
     j["statistics"] = {{"requests", r.statsRequests}, {"computed", r.statsComputed}};
     j["plugin"] = r.pluginPath;
     return j;
@@ -234,6 +245,19 @@ void PrintSummary(const DemoOptions& o, const DemoResult& r, MC_Bag& bag, int ap
                 b(d["bytes_read"]).c_str(), d["frames_read"].get<unsigned>());
     std::printf("        %u write failures, %u read failures\n",
                 d["write_failures"].get<unsigned>(), d["read_failures"].get<unsigned>());
+    if (!o.remoteUrl.empty()) {
+        const auto& f = j["remote"];
+        uint64_t fromFarm = 0;
+        for (const PassStats& p : r.passes) fromFarm += p.fromFarm;
+        std::printf("farm:   %llu frames from the farm; %u hits, %u misses; in %s, out %s\n",
+                    U(fromFarm), f["hits"].get<unsigned>(), f["misses"].get<unsigned>(),
+                    b(f["bytes_in"]).c_str(), b(f["bytes_out"]).c_str());
+        std::printf("        %u published, %u dropped, %u checksum rejects, %u time-outs, "
+                    "%u back-offs\n",
+                    f["published"].get<unsigned>(), f["publish_drops"].get<unsigned>(),
+                    f["checksum_rejects"].get<unsigned>(), f["timeouts"].get<unsigned>(),
+                    f["backoffs"].get<unsigned>());
+    }
     std::printf("cache:  %d items; %u waits for another thread's render\n", c["items"].get<int>(),
                 c["pending_waits"].get<unsigned>());
     std::printf("frame statistics (C plug-in, compute cache): %llu requests, %llu computed\n",

@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "mc/host/Export.h"
 
@@ -24,6 +25,19 @@ class IMediaManager;
 }
 
 namespace velacore {
+
+// The optional remote tier behind the disk cache: machines share rendered items through one or
+// more Redis servers. Off while `urls` is empty.
+struct RemoteTierSettings {
+    // "redis://[user:password@]host:port[/db]"; several are shards (items placed by GUID).
+    std::vector<std::string> urls;
+    int connectTimeoutMs = 500;
+    int operationTimeoutMs = 2000;
+    uint64_t maxItemBytes = 64ull << 20;  // larger items are not shared
+    bool readOnly = false;                // fetch only, never publish
+    int backoffMs = 5000;                 // how long a failing server is left alone
+    uint32_t publishQueueLength = 64;     // items waiting to be published; more are dropped
+};
 
 class MCHOST_API HostServices {
 public:
@@ -110,6 +124,10 @@ public:
     virtual void* AllocatePtrClear(size_t size, std::string_view label) = 0;
     // Bytes currently allocated under a label.
     virtual uint64_t AllocatedBytes(std::string_view label) = 0;
+
+    // --- remote tier --------------------------------------------------------------------
+    // Read when the tier first starts after MC_Birth. Default: off.
+    virtual RemoteTierSettings GetRemoteTierSettings() { return {}; }
 };
 
 // Forwards every call to a target; derive from it and override what you need.
@@ -185,6 +203,7 @@ public:
         return target_->AllocatePtrClear(s, l);
     }
     uint64_t AllocatedBytes(std::string_view l) override { return target_->AllocatedBytes(l); }
+    RemoteTierSettings GetRemoteTierSettings() override { return target_->GetRemoteTierSettings(); }
 
 private:
     std::shared_ptr<HostServices> target_;

@@ -72,6 +72,7 @@ struct MCSTANDALONE_API StandaloneConfig {
     bool betaBuild = false;
     std::optional<std::string> computerName;  // default: the machine's name
     bool frontmost = true;
+    RemoteTierSettings remote;  // [remote] / MC_REMOTE_*: off without URLs
     std::string configFile;  // the TOML file read, empty when none
 
     // Reads a TOML document; `source` names it in error messages. Throws StandaloneConfigError.
@@ -200,6 +201,7 @@ class MCSTANDALONE_API StandaloneHostServices : public HostServices {
     // Blocks stay owned by the services and are freed when it is destroyed; never free them.
     void* AllocatePtrClear(size_t size, std::string_view label) override;
     uint64_t AllocatedBytes(std::string_view label) override;
+    RemoteTierSettings GetRemoteTierSettings() override { return config_.remote; }
 
     // --- standalone extras --------------------------------------------------------------
     // The configuration as given (budgets not yet resolved; see the resolved figures below).

@@ -1,0 +1,243 @@
+// FarmTest: a private redis-server on a free loopback port (no persistence, in a temporary
+// folder) that a test can kill and restart, and the module started as one "machine" with the
+// remote tier pointed at it; Rebirth() starts it again as another machine with an empty memory
+// and disk. Helpers render an item, wait for publication, and talk to the server directly.
+// Tests skip with a message when redis-server is not installed.
+// Thread-safety: the fixture belongs to the test's main thread.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <hiredis/hiredis.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lifecycle/Counters.h"
+#include "lifecycle/Settings.h"
+#include "mc/MC_Bag.h"
+#include "mc/MC_Module.h"
+#include "mc/MC_ScCheckout.h"
+#include "remote/Farm.h"
+#include "remote/RedisLink.h"
+#include "support/RecordingHostServices.h"
+#include "support/TempDir.h"
+#include "support/TestPayload.h"
+
+namespace farmtest {
+
+using mctest::TestPayload;
+using velacore::IntrusivePtr;
+using Clock = std::chrono::steady_clock;
+
+inline std::string RedisServerBinary() {
+    for (const char* dir : {"/usr/bin", "/usr/local/bin", "/usr/sbin"}) {
+        const std::string p = std::string(dir) + "/redis-server";
+        if (::access(p.c_str(), X_OK) == 0) return p;
+    }
+    return {};
+}
+
+inline int FreeLoopbackPort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    const int port = ntohs(a.sin_port);
+    ::close(fd);
+    return port;
+}
+
+// One redis-server child process.
+class RedisServer {
+  public:
+    explicit RedisServer(std::vector<std::string> extra = {})
+        : port_(FreeLoopbackPort()), extra_(std::move(extra)) {}
+    ~RedisServer() { Kill(); }
+
+    bool Start() {
+        const std::string bin = RedisServerBinary();
+        std::vector<std::string> args = {bin, "--port", std::to_string(port_), "--bind",
+                                         "127.0.0.1", "--save", "", "--appendonly", "no",
+                                         "--dir", dir_.Path().string(), "--logfile",
+                                         (dir_.Path() / "redis.log").string()};
+        args.insert(args.end(), extra_.begin(), extra_.end());
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            std::vector<char*> argv;
+            for (std::string& a : args) argv.push_back(a.data());
+            argv.push_back(nullptr);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        const auto deadline = Clock::now() + std::chrono::seconds(20);
+        while (Clock::now() < deadline) {
+            if (auto r = Do({"PING"}); r) return true;  // PONG, or NOAUTH with a password
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+    void Kill() {
+        if (pid_ <= 0) return;
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+    int Port() const { return port_; }
+    std::string Url(const std::string& creds = {}) const {
+        return "redis://" + (creds.empty() ? "" : creds + "@") + "127.0.0.1:" +
+               std::to_string(port_);
+    }
+    // One command on a fresh connection (authenticating with `password` when given).
+    mc_remote::Reply Do(const std::vector<std::string>& args, const std::string& password = {}) {
+        timeval tv{2, 0};
+        std::unique_ptr<redisContext, decltype(&redisFree)> c(
+            redisConnectWithTimeout("127.0.0.1", port_, tv), &redisFree);
+        if (!c || c->err) return nullptr;
+        if (!password.empty())
+            mc_remote::Reply(static_cast<redisReply*>(
+                redisCommand(c.get(), "AUTH %b", password.data(), password.size())));
+        std::vector<const char*> argv;
+        std::vector<size_t> len;
+        for (const std::string& a : args) {
+            argv.push_back(a.data());
+            len.push_back(a.size());
+        }
+        return mc_remote::Reply(static_cast<redisReply*>(
+            redisCommandArgv(c.get(), static_cast<int>(argv.size()), argv.data(), len.data())));
+    }
+    // Keys matching a pattern.
+    std::vector<std::string> Keys(const std::string& pattern) {
+        std::vector<std::string> out;
+        if (auto r = Do({"KEYS", pattern}); r && r->type == REDIS_REPLY_ARRAY)
+            for (size_t i = 0; i < r->elements; ++i)
+                out.emplace_back(r->element[i]->str, r->element[i]->len);
+        return out;
+    }
+
+  private:
+    mctest::TempDir dir_{"mc-redis"};
+    int port_;
+    std::vector<std::string> extra_;
+    pid_t pid_ = -1;
+};
+
+class FarmHost : public mctest::RecordingHostServices {
+  public:
+    velacore::RemoteTierSettings GetRemoteTierSettings() override { return remote; }
+    velacore::RemoteTierSettings remote;
+};
+
+// Polls `done` until it holds or `seconds` pass (for what happens on other threads and servers).
+inline bool Eventually(const std::function<bool()>& done, int seconds = 20) {
+    const auto deadline = Clock::now() + std::chrono::seconds(seconds);
+    while (!done()) {
+        if (Clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+inline bool HasKeyPattern(const IntrusivePtr<MC_StuffData>& data, uint32_t key, uint32_t size) {
+    auto* payload = dynamic_cast<TestPayload*>(data.get());
+    std::shared_ptr<std::vector<uint8_t>> bytes = payload ? payload->Bytes() : nullptr;
+    if (!bytes || bytes->size() != size) return false;
+    for (uint32_t i = 0; i < size; ++i)
+        if ((*bytes)[i] != static_cast<uint8_t>((key * 131 + i) & 0xFF)) return false;
+    return true;
+}
+
+class FarmTest : public ::testing::Test {
+  protected:
+    static constexpr unsigned kAppVersion = 0x2B;
+
+    void SetUp() override {
+        if (RedisServerBinary().empty()) GTEST_SKIP() << "redis-server is not installed";
+        host_ = std::make_shared<FarmHost>();
+        host_->remote.backoffMs = 200;
+        host_->remote.operationTimeoutMs = 5000;
+        scoped_ = std::make_unique<mctest::ScopedHostServices>(host_);
+        mc_settings::ResetForTesting();
+        auto& c = MCp_GetCounters();
+        for (auto* n : {&c.remoteHits, &c.remoteMisses, &c.remotePublished, &c.remotePublishDrops,
+                        &c.remoteChecksumRejects, &c.remoteTimeouts, &c.remoteBackoffs})
+            n->store(0);
+        Birth();
+    }
+    void TearDown() override {
+        MCr_SetTestHook({});
+        Death();
+        scoped_.reset();
+    }
+    void Birth() {
+        folder_ = std::make_unique<mctest::TempDir>("mc-farm");
+        MC_Birth(false, kAppVersion, false);
+        TestPayload::RegisterFactory();
+        MC_GlobalBag()->SetDiskCacheInfo(folder_->AsDir(), 4096);
+        MC_GlobalBag()->EnableDiskCache(true);
+    }
+    void Death() {
+        if (!scoped_) return;
+        MC_StopAllAsyncWork();
+        MC_Death();
+        folder_.reset();
+    }
+    // Another machine: empty memory and disk, same servers.
+    void Rebirth() {
+        Death();
+        Birth();
+    }
+    void UseServers(const std::vector<std::string>& urls) { host_->remote.urls = urls; }
+
+    // Renders (key, variant) of `size` bytes here; it goes to disk and so to the remote tier.
+    void Render(uint32_t key, uint32_t size, uint32_t variant = 0) {
+        MC_ScCheckout r;
+        ASSERT_EQ(r.FindAndCheckout(mctest::MakeRequest(key, variant),
+                                    MC_CheckoutFlag_CreatePending),
+                  MC_CheckoutResult_CreatedNewPending);
+        auto* p = new TestPayload(key, size, variant);
+        p->SetDiskCacheable(true);
+        p->SetCachePriority(MC_CachePriority_High);
+        r.GetStuffPtr()->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(p), 0.5);
+    }
+    // Renders and waits until the tier has published it (or failed to).
+    bool RenderAndPublish(uint32_t key, uint32_t size, uint32_t variant = 0) {
+        auto& c = MCp_GetCounters();
+        const uint32_t before = c.remotePublished.load() + c.remotePublishDrops.load();
+        Render(key, size, variant);
+        return Eventually([&] {
+            return c.remotePublished.load() + c.remotePublishDrops.load() > before;
+        });
+    }
+    // What a request finds: the payload when the remote tier (or memory) had it, else null
+    // (a pending item was created, and is abandoned).
+    IntrusivePtr<MC_StuffData> Fetch(uint32_t key, uint32_t variant = 0,
+                                     bool* fromFarm = nullptr) {
+        MC_ScCheckout r;
+        const MC_CheckoutResult res = r.FindAndCheckout(
+            mctest::MakeRequest(key, variant), MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending);
+        if (fromFarm) *fromFarm = MCr_FilledByThisThread(r.GetStuffPtr().get());
+        if (res != MC_CheckoutResult_CheckedOut) return nullptr;
+        return r.GetStuffPtr()->GetDataPtr();
+    }
+    MCp_Counters& counters() { return MCp_GetCounters(); }
+
+    std::shared_ptr<FarmHost> host_;
+    std::unique_ptr<mctest::ScopedHostServices> scoped_;
+    std::unique_ptr<mctest::TempDir> folder_;
+};
+
+}  // namespace farmtest
