@@ -5,7 +5,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "host/posix/PosixFileSystem.h"
+#include "host/NativeFileSystem.h"
 #include "mc/host/AlignedBuffer.h"
 #include "mc/host/Errors.h"
 #include "mc/host/FileSystem.h"
@@ -91,7 +91,8 @@ TEST(DirectWrite, UnalignedAppendFallsBackToBufferedWrites) {
 
 TEST(DirectWrite, BufferedModeWritesAnySizeAndSyncsAtClose) {
     TempDir dir;
-    velacore::PosixFileSystem fs(velacore::PosixFileSystem::Options{.allowDirectIo = false});
+    const auto native = velacore::MakeNativeFileSystem({.allowDirectIo = false});
+    FileSystem& fs = *native;
     const auto path = dir / "buffered.bin";
     fs.CreateFile(path, true);
     const std::vector<uint8_t> data = PatternBytes(10007, 5);

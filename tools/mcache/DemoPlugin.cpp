@@ -1,7 +1,9 @@
 #include "DemoPlugin.h"
 
 #include <cstdio>
+#include <string>
 
+#include "helpers/Machine.h"
 #include "HistogramPlugin.h"
 #include "host/HostOps.h"
 
@@ -32,10 +34,11 @@ struct DemoPlugin::Api {
 // Installed: <prefix>/lib/mc beside <prefix>/bin/mcache, found from the executable's own path,
 // so a moved installation still finds it. Otherwise the build tree's plug-in.
 std::filesystem::path DefaultPluginPath() {
-    constexpr const char* kName = "mc_example_histogram_plugin.so";
+    const std::string kName =
+        std::string("mc_example_histogram_plugin") + velacore::SharedLibrarySuffix();
     std::error_code ec;
-    const std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-    if (!ec) {
+    const std::filesystem::path exe = velacore::ExecutablePath();
+    if (!exe.empty()) {
         const auto installed = exe.parent_path() / MCACHE_PLUGIN_RELDIR / kName;
         if (std::filesystem::is_regular_file(installed, ec)) return installed;
     }

@@ -1,8 +1,5 @@
 #include "Output.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -10,6 +7,7 @@
 #include <sstream>
 #include <vector>
 
+#include "helpers/Machine.h"
 #include "helpers/Terminal.h"
 #include "mc/MC.h"
 #include "mc/standalone/StandaloneHost.h"
@@ -76,8 +74,7 @@ std::string ErrorText(int code) {
 }
 
 uint64_t PhysicalMemory() {
-    const long pages = sysconf(_SC_PHYS_PAGES), size = sysconf(_SC_PAGESIZE);
-    return pages > 0 && size > 0 ? static_cast<uint64_t>(pages) * static_cast<uint64_t>(size) : 0;
+    return velacore::PhysicalMemoryBytes();
 }
 
 std::string JsonText(const nlohmann::json& j) {
@@ -85,8 +82,7 @@ std::string JsonText(const nlohmann::json& j) {
 }
 
 size_t TerminalColumns() {
-    winsize ws{};
-    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) return ws.ws_col;
+    if (const size_t columns = velacore::StderrColumns(); columns > 0) return columns;
     if (const char* c = std::getenv("COLUMNS")) {
         const long v = std::strtol(c, nullptr, 10);
         if (v > 0 && v < 10000) return static_cast<size_t>(v);
