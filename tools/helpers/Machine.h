@@ -1,5 +1,5 @@
 // What the tool asks of the machine and its own process: installed memory, the program's file,
-// the file name suffix of loadable libraries.
+// the file name suffix of loadable libraries, setting environment variables.
 // Thread-safety: stateless; callable from any thread.
 #pragma once
 
@@ -14,5 +14,8 @@ uint64_t PhysicalMemoryBytes();
 std::filesystem::path ExecutablePath();
 // The file name suffix of a loadable library (".so", ".dll").
 const char* SharedLibrarySuffix();
+// Sets the process environment variable `name` to `value`, or removes it when `value` is null.
+// Returns whether it did. Not safe against concurrent getenv.
+bool SetProcessEnv(const char* name, const char* value);
 
 }  // namespace velacore

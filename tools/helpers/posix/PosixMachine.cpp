@@ -1,6 +1,8 @@
 // Machine queries over sysconf and /proc.
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include "helpers/Machine.h"
 
 namespace velacore {
@@ -18,6 +20,10 @@ std::filesystem::path ExecutablePath() {
 
 const char* SharedLibrarySuffix() {
     return ".so";
+}
+
+bool SetProcessEnv(const char* name, const char* value) {
+    return (value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name)) == 0;
 }
 
 }  // namespace velacore

@@ -2,6 +2,7 @@
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "helpers/Machine.h"
@@ -31,6 +32,11 @@ std::filesystem::path ExecutablePath() {
 
 const char* SharedLibrarySuffix() {
     return ".dll";
+}
+
+bool SetProcessEnv(const char* name, const char* value) {
+    // The C runtime's copy is what getenv reads; an empty value removes the variable.
+    return ::_putenv_s(name, value != nullptr ? value : "") == 0;
 }
 
 }  // namespace velacore
