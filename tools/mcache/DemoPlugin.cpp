@@ -3,8 +3,9 @@
 #include <cstdio>
 #include <string>
 
-#include "helpers/Machine.h"
 #include "HistogramPlugin.h"
+#include "Output.h"
+#include "helpers/Machine.h"
 #include "host/HostOps.h"
 
 namespace mcache {
@@ -62,7 +63,7 @@ std::unique_ptr<DemoPlugin> DemoPlugin::Load(const std::filesystem::path& reques
         api->getCounters = library->Function<HistPluginGetCountersFunc>("HistPlugin_GetCounters");
         if (!api->main || !api->shutdown || !api->getHistogram || !api->getCounters) {
             std::fprintf(stderr, "mcache: %s is not the statistics plug-in; no statistics\n",
-                         path.c_str());
+                         PathText(path).c_str());
             return nullptr;
         }
         if (int err = api->main(&AcquireSuiteForPlugin)) {

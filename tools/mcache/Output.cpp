@@ -55,6 +55,11 @@ std::string Bytes(double bytes) {
     return buf;
 }
 
+std::string PathText(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return std::string(text.begin(), text.end());
+}
+
 std::string AppVersionText(uint32_t version) {
     return Format("%u.%u (%u)", version >> 8, version & 0xFFu, version);
 }
@@ -210,7 +215,7 @@ void PrintSummary(const DemoOptions& o, const DemoResult& r, MC_Bag& bag, int ap
     auto b = [](const nlohmann::json& v) { return Bytes(v.get<double>()); };
     std::printf("\nmcache demo: %u frames of %s, %u render threads, %.1f s\n", o.frames,
                 b(j["frame_bytes"]).c_str(), o.threads, r.seconds);
-    std::printf("folder:  %s\n", o.folder.c_str());
+    std::printf("folder:  %s\n", PathText(o.folder).c_str());
     std::printf("version: %s; %llu files adopted at start\n",
                 j["app_version_text"].get<std::string>().c_str(), U(r.adoptedAtStart));
     std::printf("\n%-10s %8s %12s %10s %10s %8s\n", "pass", "frames", "from memory", "from disk",

@@ -23,7 +23,7 @@ bool IsDotOrDotDot(const wchar_t* name) {
 
 // Owns a search handle from FindFirstFileExW.
 class FindHandle {
-  public:
+public:
     explicit FindHandle(HANDLE handle) : handle_(handle) {}
     ~FindHandle() {
         if (handle_ != INVALID_HANDLE_VALUE) ::FindClose(handle_);
@@ -32,7 +32,7 @@ class FindHandle {
     FindHandle& operator=(const FindHandle&) = delete;
     HANDLE Get() const { return handle_; }
 
-  private:
+private:
     HANDLE handle_;
 };
 
@@ -59,7 +59,8 @@ std::vector<RawEntry> ReadEntries(const std::filesystem::path& path) {
         ThrowFsError(code, "open folder", path);
     }
     do {
-        if (!IsDotOrDotDot(data.cFileName)) entries.push_back({data.cFileName, data.dwFileAttributes});
+        if (!IsDotOrDotDot(data.cFileName))
+            entries.push_back({data.cFileName, data.dwFileAttributes});
     } while (::FindNextFileW(find.Get(), &data));
     const DWORD code = ::GetLastError();
     if (code != ERROR_NO_MORE_FILES) ThrowFsError(code, "read folder", path);

@@ -2,11 +2,10 @@
 // Folder operations are in WindowsDirectories.cpp, open files in WindowsFiles.cpp.
 #include "host/windows/WindowsFileSystem.h"
 
-#include "host/windows/Win32.h"
-
 #include <algorithm>
 #include <vector>
 
+#include "host/windows/Win32.h"
 #include "host/windows/WindowsFsErrors.h"
 #include "host/windows/WindowsPaths.h"
 
@@ -24,8 +23,8 @@ using windows::ThrowLastFsError;
 constexpr int64_t kUnixEpochTicks = 116'444'736'000'000'000;
 
 int64_t ToUnixNanos(const FILETIME& time) {
-    const int64_t ticks = static_cast<int64_t>(
-        (static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime);
+    const int64_t ticks = static_cast<int64_t>((static_cast<uint64_t>(time.dwHighDateTime) << 32) |
+                                               time.dwLowDateTime);
     return (ticks - kUnixEpochTicks) * 100;
 }
 
@@ -87,8 +86,7 @@ void WindowsFileSystem::DeleteFile(const std::filesystem::path& path) {
     if (!::DeleteFileW(SystemPath(path).c_str())) ThrowLastFsError("delete file", path);
 }
 
-void WindowsFileSystem::Rename(const std::filesystem::path& from,
-                               const std::filesystem::path& to) {
+void WindowsFileSystem::Rename(const std::filesystem::path& from, const std::filesystem::path& to) {
     if (!::MoveFileExW(SystemPath(from).c_str(), SystemPath(to).c_str(),
                        MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
         ThrowLastFsError("rename to '" + windows::PathText(to) + "' from", from);

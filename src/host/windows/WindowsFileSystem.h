@@ -13,7 +13,7 @@
 namespace velacore {
 
 class MCHOST_API WindowsFileSystem final : public FileSystem {
-  public:
+public:
     using Options = NativeFileSystemOptions;
 
     WindowsFileSystem() = default;
@@ -38,7 +38,7 @@ class MCHOST_API WindowsFileSystem final : public FileSystem {
     uint64_t GetFreeSpace(const std::filesystem::path& path) override;
     void SetNotContentIndexed(const std::filesystem::path& path) override;
 
-  private:
+private:
     Options options_;
 };
 

@@ -28,7 +28,7 @@ constexpr DWORD kWriteFlags =
 Handle OpenRegularFile(const std::filesystem::path& path, DWORD access, DWORD share, DWORD flags);
 
 class WindowsWritableFile final : public WritableFile {
-  public:
+public:
     WindowsWritableFile(Handle file, std::filesystem::path path, bool direct)
         : file_(std::move(file)), path_(std::move(path)), direct_(direct) {}
 
@@ -71,7 +71,7 @@ class WindowsWritableFile final : public WritableFile {
 
     bool IsDirectIo() const override { return direct_; }
 
-  private:
+private:
     // Reopens the file write-through but buffered, at the same offset (the unshared handle
     // must go first).
     void DropDirectIo() {
@@ -94,7 +94,7 @@ class WindowsWritableFile final : public WritableFile {
 };
 
 class WindowsReadableFile final : public ReadableFile {
-  public:
+public:
     WindowsReadableFile(Handle file, std::filesystem::path path)
         : file_(std::move(file)), path_(std::move(path)) {}
 
@@ -126,7 +126,7 @@ class WindowsReadableFile final : public ReadableFile {
         return static_cast<uint64_t>(size.QuadPart);
     }
 
-  private:
+private:
     Handle file_;
     std::filesystem::path path_;
     uint64_t offset_ = 0;
@@ -135,8 +135,7 @@ class WindowsReadableFile final : public ReadableFile {
 // Opens an existing entry without following a link in its last component and checks that it is
 // a regular file on disk (not a folder, link, device or pipe). Returns an invalid handle with
 // the last error set on failure.
-Handle OpenRegularFile(const std::filesystem::path& path, DWORD access, DWORD share,
-                       DWORD flags) {
+Handle OpenRegularFile(const std::filesystem::path& path, DWORD access, DWORD share, DWORD flags) {
     Handle file(::CreateFileW(SystemPath(path).c_str(), access, share, nullptr, OPEN_EXISTING,
                               flags | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     if (!file.Valid()) return file;
@@ -144,7 +143,8 @@ Handle OpenRegularFile(const std::filesystem::path& path, DWORD access, DWORD sh
     DWORD code = ERROR_SUCCESS;
     if (!::GetFileInformationByHandle(file.Get(), &info)) {
         code = ::GetLastError();
-    } else if (::GetFileType(file.Get()) != FILE_TYPE_DISK || IsReparsePoint(info.dwFileAttributes) ||
+    } else if (::GetFileType(file.Get()) != FILE_TYPE_DISK ||
+               IsReparsePoint(info.dwFileAttributes) ||
                (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
         code = ERROR_INVALID_PARAMETER;
     }
@@ -161,7 +161,8 @@ std::unique_ptr<WritableFile> WindowsFileSystem::OpenForDirectWrite(
     bool direct = false;
     Handle file;
     if (options_.allowDirectIo) {
-        file = OpenRegularFile(path, GENERIC_WRITE, kWriteShare, kWriteFlags | FILE_FLAG_NO_BUFFERING);
+        file =
+            OpenRegularFile(path, GENERIC_WRITE, kWriteShare, kWriteFlags | FILE_FLAG_NO_BUFFERING);
         if (file.Valid()) {
             direct = true;
         } else if (::GetLastError() != ERROR_INVALID_PARAMETER) {

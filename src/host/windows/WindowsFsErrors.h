@@ -4,13 +4,12 @@
 // Thread-safety: stateless.
 #pragma once
 
-#include "host/windows/Win32.h"
-
 #include <cerrno>
 #include <filesystem>
 #include <string>
 #include <string_view>
 
+#include "host/windows/Win32.h"
 #include "mc/host/Errors.h"
 #include "mc/host/TextConvert.h"
 
@@ -85,7 +84,8 @@ inline std::string Win32Text(DWORD code) {
     std::string result = "error " + std::to_string(code);
     if (length > 0 && text != nullptr) {
         std::wstring_view view(text, length);
-        while (!view.empty() && (view.back() == L'\r' || view.back() == L'\n' || view.back() == L' '))
+        while (!view.empty() &&
+               (view.back() == L'\r' || view.back() == L'\n' || view.back() == L' '))
             view.remove_suffix(1);
         result = PathText(std::filesystem::path(view)) + " (" + result + ")";
     }
@@ -96,8 +96,7 @@ inline std::string Win32Text(DWORD code) {
 // Throws for a failure of `operation` on `path` with Win32 error `code`. Never returns.
 [[noreturn]] inline void ThrowFsError(DWORD code, std::string_view operation,
                                       const std::filesystem::path& path) {
-    std::string message =
-        std::string(operation) + " '" + PathText(path) + "': " + Win32Text(code);
+    std::string message = std::string(operation) + " '" + PathText(path) + "': " + Win32Text(code);
     if (IsMissing(code)) throw FileNotFoundError(message);
     throw IOError(message, ErrnoFromWin32(code));
 }

@@ -3,11 +3,11 @@
 // Thread-safety: stateless; a Handle belongs to one thread at a time.
 #pragma once
 
-#include "host/windows/Win32.h"
-
 #include <filesystem>
 #include <string>
 #include <utility>
+
+#include "host/windows/Win32.h"
 
 namespace velacore::windows {
 
@@ -25,7 +25,7 @@ inline std::wstring SystemPath(const std::filesystem::path& path) {
 
 // Owns a file handle from CreateFileW.
 class Handle {
-  public:
+public:
     Handle() = default;
     explicit Handle(HANDLE handle) : handle_(handle) {}
     ~Handle() { Reset(); }
@@ -48,7 +48,7 @@ class Handle {
         return ::CloseHandle(std::exchange(handle_, INVALID_HANDLE_VALUE)) != 0;
     }
 
-  private:
+private:
     HANDLE handle_ = INVALID_HANDLE_VALUE;
 };
 

@@ -1,7 +1,7 @@
 // Windows side of the standalone host's system queries (see standalone/StandaloneSystem.h).
 #define WIN32_LEAN_AND_MEAN
-#include <windows.h>
 #include <malloc.h>
+#include <windows.h>
 
 #include <string>
 

@@ -1,9 +1,9 @@
 // Terminal detection and width on the Windows console. A console stream gets virtual-terminal
 // processing switched on, so the progress line's escape sequences work.
 #define WIN32_LEAN_AND_MEAN
-#include <windows.h>
-
 #include "helpers/Terminal.h"
+
+#include <windows.h>
 
 namespace velacore {
 namespace {
@@ -22,8 +22,12 @@ bool IsConsole(DWORD stream) {
 
 }  // namespace
 
-bool IsStdoutTerminal() { return IsConsole(STD_OUTPUT_HANDLE); }
-bool IsStderrTerminal() { return IsConsole(STD_ERROR_HANDLE); }
+bool IsStdoutTerminal() {
+    return IsConsole(STD_OUTPUT_HANDLE);
+}
+bool IsStderrTerminal() {
+    return IsConsole(STD_ERROR_HANDLE);
+}
 
 size_t StderrColumns() {
     CONSOLE_SCREEN_BUFFER_INFO info{};

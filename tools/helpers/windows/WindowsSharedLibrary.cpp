@@ -24,8 +24,8 @@ std::unique_ptr<SharedLibrary> SharedLibrary::Open(const std::filesystem::path& 
         throw FileNotFoundError("load library '" + PathText(path) + "': no such file");
     // The library's own folder is searched for what it depends on, not the current folder.
     const std::filesystem::path full = std::filesystem::absolute(path, ec).make_preferred();
-    HMODULE handle = ::LoadLibraryExW(full.c_str(), nullptr,
-                                      LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
+    HMODULE handle = ::LoadLibraryExW(
+        full.c_str(), nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
     if (handle == nullptr) {
         const DWORD code = ::GetLastError();
         throw IOError("load library '" + PathText(path) + "': error " + std::to_string(code));
