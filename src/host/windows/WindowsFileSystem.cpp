@@ -49,6 +49,7 @@ DWORD AttributesIfPresent(const std::filesystem::path& path) {
 
 // The root of the volume holding `path` ("\\?\C:\"), which the volume queries want.
 std::wstring VolumeRoot(const std::filesystem::path& path) {
+    AttributesOrThrow(path);  // the volume of a missing path is not asked for
     const std::wstring full = SystemPath(path);
     std::vector<wchar_t> root(full.size() + 2);
     if (!::GetVolumePathNameW(full.c_str(), root.data(), static_cast<DWORD>(root.size()))) {
@@ -83,7 +84,11 @@ void WindowsFileSystem::CreateFile(const std::filesystem::path& path, bool failI
 }
 
 void WindowsFileSystem::DeleteFile(const std::filesystem::path& path) {
-    if (!::DeleteFileW(SystemPath(path).c_str())) ThrowLastFsError("delete file", path);
+    if (::DeleteFileW(SystemPath(path).c_str())) return;
+    const DWORD code = ::GetLastError();
+    // A folder is refused as "access denied"; say what it is.
+    const bool folder = code == ERROR_ACCESS_DENIED && IsDirectory(path);
+    ThrowFsError(folder ? ERROR_DIRECTORY_NOT_SUPPORTED : code, "delete file", path);
 }
 
 void WindowsFileSystem::Rename(const std::filesystem::path& from, const std::filesystem::path& to) {

@@ -136,9 +136,18 @@ private:
 // a regular file on disk (not a folder, link, device or pipe). Returns an invalid handle with
 // the last error set on failure.
 Handle OpenRegularFile(const std::filesystem::path& path, DWORD access, DWORD share, DWORD flags) {
-    Handle file(::CreateFileW(SystemPath(path).c_str(), access, share, nullptr, OPEN_EXISTING,
+    const std::wstring name = SystemPath(path);
+    Handle file(::CreateFileW(name.c_str(), access, share, nullptr, OPEN_EXISTING,
                               flags | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-    if (!file.Valid()) return file;
+    if (!file.Valid()) {
+        // A folder is refused as "access denied"; say what it is.
+        const DWORD code = ::GetLastError();
+        const DWORD attributes = ::GetFileAttributesW(name.c_str());
+        const bool folder = code == ERROR_ACCESS_DENIED && attributes != INVALID_FILE_ATTRIBUTES &&
+                            (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+        ::SetLastError(folder ? ERROR_DIRECTORY_NOT_SUPPORTED : code);
+        return file;
+    }
     BY_HANDLE_FILE_INFORMATION info{};
     DWORD code = ERROR_SUCCESS;
     if (!::GetFileInformationByHandle(file.Get(), &info)) {

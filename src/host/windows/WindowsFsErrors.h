@@ -13,6 +13,11 @@
 #include "mc/host/Errors.h"
 #include "mc/host/TextConvert.h"
 
+// "An operation is not supported on a directory" (older MinGW headers lack it).
+#ifndef ERROR_DIRECTORY_NOT_SUPPORTED
+#define ERROR_DIRECTORY_NOT_SUPPORTED 336L
+#endif
+
 namespace velacore::windows {
 
 // The errno value the rest of the module expects for a Win32 error code.
@@ -27,6 +32,8 @@ inline int ErrnoFromWin32(DWORD code) {
             return ENOENT;
         case ERROR_DIRECTORY:
             return ENOTDIR;
+        case ERROR_DIRECTORY_NOT_SUPPORTED:
+            return EISDIR;
         case ERROR_ACCESS_DENIED:
         case ERROR_WRITE_PROTECT:
         case ERROR_PRIVILEGE_NOT_HELD:
