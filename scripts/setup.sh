@@ -5,7 +5,8 @@ packages=(g++ cmake ninja-build pkgconf
   libboost-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libtbb-dev
   clang-14 libclang-rt-14-dev
-  libhiredis-dev redis-server)
+  libhiredis-dev redis-server clang-format
+  g++-mingw-w64-x86-64-posix wine64)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

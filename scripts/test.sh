@@ -1,20 +1,22 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite, then again under ThreadSanitizer and under
-# AddressSanitizer+UndefinedBehaviorSanitizer; a full run starts with the fuzz targets, each for a
-# bounded time. Installs the Debian packages it needs first. Arguments: the presets to run
-# (default: all three, after the fuzz run).
+# AddressSanitizer+UndefinedBehaviorSanitizer, then the Windows cross-build under Wine; a full run
+# starts with the fuzz targets, each for a bounded time. Installs the Debian packages it needs
+# first. Arguments: the presets to run (default: all four, after the fuzz run).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
-presets=("${@:-default tsan asan}")
+presets=("${@:-default tsan asan windows}")
 if [ $# -eq 0 ]; then
   echo "=== fuzz: 30 s per target ==="
   scripts/fuzz.sh 30
 fi
 for preset in ${presets[*]}; do
+  start=$SECONDS
   echo "=== ${preset}: configure and build ==="
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$(nproc)"
   echo "=== ${preset}: tests ==="
   ctest --preset "$preset"
+  echo "=== ${preset}: $((SECONDS - start)) s ==="
 done

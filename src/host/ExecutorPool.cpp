@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/ExecutorRunFrame.h"
+#include "host/ProcessExit.h"
 #include "mc/host/Executor.h"
 
 namespace velacore {
@@ -117,6 +118,11 @@ class IOBoundExecutor final : public Executor {
         }
         st_->workCv.notify_all();
         dropped.clear();  // outside the lock: a job's captures may post or stop things
+        if (fromDestructor && IsProcessExiting()) {
+            // The workers were killed with the process: nothing is left to wait for.
+            for (std::thread& t : threads) t.detach();
+            return;
+        }
         for (std::thread& t : threads) {
             if (t.get_id() == std::this_thread::get_id()) {
                 t.detach();

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "host/posix/PosixFileSystem.h"
+#include "host/NativeFileSystem.h"
 
 namespace velacore {
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid.hpp>
+#include <random>
 
 #include "mc/host/Errors.h"
 
@@ -60,6 +61,13 @@ std::string Narrow(std::u16string_view text) {
     return shown;
 }
 
+std::mt19937 SeededEngine() {
+    std::random_device device;
+    std::seed_seq seed{device(), device(), device(), device(),
+                       device(), device(), device(), device()};
+    return std::mt19937(seed);
+}
+
 }  // namespace
 
 Guid::Guid(std::string_view text) : bytes_(ParseText(text, text)) {}
@@ -67,8 +75,12 @@ Guid::Guid(std::string_view text) : bytes_(ParseText(text, text)) {}
 Guid::Guid(std::u16string_view text) : bytes_(ParseText(text, Narrow(text))) {}
 
 Guid Guid::CreateUnique() {
-    // Version 4, RFC 4122 variant; one generator per thread, seeded from the system's entropy.
-    thread_local boost::uuids::random_generator_mt19937 generator;
+    // Version 4, RFC 4122 variant; one engine per thread, seeded from the system's entropy. The
+    // engine is trivially destructible: a thread that ends (also at process exit on Windows,
+    // where a thread-local destructor in a DLL can hang the exit) has nothing to run for it.
+    static_assert(std::is_trivially_destructible_v<std::mt19937>);
+    thread_local std::mt19937 engine = SeededEngine();
+    boost::uuids::basic_random_generator<std::mt19937> generator(&engine);
     const boost::uuids::uuid id = generator();
     Bytes bytes{};
     std::copy(id.begin(), id.end(), bytes.begin());

@@ -177,6 +177,10 @@ bool StandaloneHostServices::IsOnMainThread() {
     return mainThread_.load(std::memory_order_acquire) == std::this_thread::get_id();
 }
 
+void StandaloneHostServices::SetMainThread() {
+    SetMainThread(std::this_thread::get_id());
+}
+
 void StandaloneHostServices::SetMainThread(std::thread::id id) {
     mainThread_.store(id, std::memory_order_release);
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Cli.h"
+#include "helpers/Machine.h"
 #include "support/TempDir.h"
 #include "tools/ToolRun.h"
 
@@ -36,13 +37,13 @@ class ScopedEnv {
 public:
     ScopedEnv(const char* name, const std::string& value) : name_(name) {
         if (const char* old = std::getenv(name)) old_ = old;
-        ::setenv(name, value.c_str(), 1);
+        velacore::SetProcessEnv(name, value.c_str());
     }
     ~ScopedEnv() {
         if (old_)
-            ::setenv(name_, old_->c_str(), 1);
+            velacore::SetProcessEnv(name_, old_->c_str());
         else
-            ::unsetenv(name_);
+            velacore::SetProcessEnv(name_, nullptr);
     }
 
 private:

@@ -56,7 +56,7 @@ bool RequireFolder(const fs::path& folder) {
             problem = why.c_str();
         }
     }
-    if (problem) std::fprintf(stderr, "mcache: %s: %s\n", folder.c_str(), problem);
+    if (problem) std::fprintf(stderr, "mcache: %s: %s\n", PathText(folder).c_str(), problem);
     return problem == nullptr;
 }
 
@@ -240,13 +240,13 @@ int VerifyFolder(const fs::path& folder, bool deleteInvalid, bool strict, bool j
         if (e.valid && !(strict && e.unframed)) continue;
         ++invalid;
         bad.push_back(EntryJson(e));
-        if (!json) std::printf("invalid: %s: %s\n", e.path.c_str(), e.problem.c_str());
+        if (!json) std::printf("invalid: %s: %s\n", PathText(e.path).c_str(), e.problem.c_str());
         if (deleteInvalid) {
             std::error_code ec;
             if (fs::remove(e.path, ec))
                 ++deleted;
             else
-                std::fprintf(stderr, "mcache: cannot delete %s: %s\n", e.path.c_str(),
+                std::fprintf(stderr, "mcache: cannot delete %s: %s\n", PathText(e.path).c_str(),
                              ec.message().c_str());
         }
     }
@@ -349,7 +349,7 @@ int PurgeRoot(const fs::path& root, bool otherVersions, bool dryRun, bool json) 
                                           {"left_bytes", 0}})
                                     .c_str());
         else
-            std::printf("nothing to purge: no disk cache under %s\n", root.c_str());
+            std::printf("nothing to purge: no disk cache under %s\n", PathText(root).c_str());
         return 0;
     }
     auto host = velacore::StandaloneHostServices::CreateFromEnvironment();
@@ -395,8 +395,8 @@ int PurgeRoot(const fs::path& root, bool otherVersions, bool dryRun, bool json) 
                         Bytes(static_cast<double>(after)).c_str(),
                         otherVersions ? "" : "; other versions kept");
     } catch (int code) {
-        std::fprintf(stderr, "mcache: cannot use %s as a disk-cache root: %s\n", root.c_str(),
-                     ErrorText(code).c_str());
+        std::fprintf(stderr, "mcache: cannot use %s as a disk-cache root: %s\n",
+                     PathText(root).c_str(), ErrorText(code).c_str());
         status = 2;
     }
     MC_StopAllAsyncWork();
@@ -421,7 +421,7 @@ int TrimFolder(const fs::path& folder, uint64_t budget, bool dryRun, bool json) 
         std::error_code ec;
         if (!dryRun && !fs::remove(e.path, ec)) {
             ++failed;
-            std::fprintf(stderr, "mcache: cannot delete %s: %s\n", e.path.c_str(),
+            std::fprintf(stderr, "mcache: cannot delete %s: %s\n", PathText(e.path).c_str(),
                          ec ? ec.message().c_str() : "already gone");
             continue;
         }

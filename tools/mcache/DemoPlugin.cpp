@@ -1,8 +1,11 @@
 #include "DemoPlugin.h"
 
 #include <cstdio>
+#include <string>
 
 #include "HistogramPlugin.h"
+#include "Output.h"
+#include "helpers/Machine.h"
 #include "host/HostOps.h"
 
 namespace mcache {
@@ -32,10 +35,11 @@ struct DemoPlugin::Api {
 // Installed: <prefix>/lib/mc beside <prefix>/bin/mcache, found from the executable's own path,
 // so a moved installation still finds it. Otherwise the build tree's plug-in.
 std::filesystem::path DefaultPluginPath() {
-    constexpr const char* kName = "mc_example_histogram_plugin.so";
+    const std::string kName =
+        std::string("mc_example_histogram_plugin") + velacore::SharedLibrarySuffix();
     std::error_code ec;
-    const std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-    if (!ec) {
+    const std::filesystem::path exe = velacore::ExecutablePath();
+    if (!exe.empty()) {
         const auto installed = exe.parent_path() / MCACHE_PLUGIN_RELDIR / kName;
         if (std::filesystem::is_regular_file(installed, ec)) return installed;
     }
@@ -59,7 +63,7 @@ std::unique_ptr<DemoPlugin> DemoPlugin::Load(const std::filesystem::path& reques
         api->getCounters = library->Function<HistPluginGetCountersFunc>("HistPlugin_GetCounters");
         if (!api->main || !api->shutdown || !api->getHistogram || !api->getCounters) {
             std::fprintf(stderr, "mcache: %s is not the statistics plug-in; no statistics\n",
-                         path.c_str());
+                         PathText(path).c_str());
             return nullptr;
         }
         if (int err = api->main(&AcquireSuiteForPlugin)) {

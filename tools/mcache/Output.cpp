@@ -1,8 +1,5 @@
 #include "Output.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -10,6 +7,7 @@
 #include <sstream>
 #include <vector>
 
+#include "helpers/Machine.h"
 #include "helpers/Terminal.h"
 #include "mc/MC.h"
 #include "mc/standalone/StandaloneHost.h"
@@ -57,6 +55,11 @@ std::string Bytes(double bytes) {
     return buf;
 }
 
+std::string PathText(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return std::string(text.begin(), text.end());
+}
+
 std::string AppVersionText(uint32_t version) {
     return Format("%u.%u (%u)", version >> 8, version & 0xFFu, version);
 }
@@ -76,8 +79,7 @@ std::string ErrorText(int code) {
 }
 
 uint64_t PhysicalMemory() {
-    const long pages = sysconf(_SC_PHYS_PAGES), size = sysconf(_SC_PAGESIZE);
-    return pages > 0 && size > 0 ? static_cast<uint64_t>(pages) * static_cast<uint64_t>(size) : 0;
+    return velacore::PhysicalMemoryBytes();
 }
 
 std::string JsonText(const nlohmann::json& j) {
@@ -85,8 +87,7 @@ std::string JsonText(const nlohmann::json& j) {
 }
 
 size_t TerminalColumns() {
-    winsize ws{};
-    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) return ws.ws_col;
+    if (const size_t columns = velacore::StderrColumns(); columns > 0) return columns;
     if (const char* c = std::getenv("COLUMNS")) {
         const long v = std::strtol(c, nullptr, 10);
         if (v > 0 && v < 10000) return static_cast<size_t>(v);
@@ -225,7 +226,7 @@ void PrintSummary(const DemoOptions& o, const DemoResult& r, MC_Bag& bag, int ap
     auto b = [](const nlohmann::json& v) { return Bytes(v.get<double>()); };
     std::printf("\nmcache demo: %u frames of %s, %u render threads, %.1f s\n", o.frames,
                 b(j["frame_bytes"]).c_str(), o.threads, r.seconds);
-    std::printf("folder:  %s\n", o.folder.c_str());
+    std::printf("folder:  %s\n", PathText(o.folder).c_str());
     std::printf("version: %s; %llu files adopted at start\n",
                 j["app_version_text"].get<std::string>().c_str(), U(r.adoptedAtStart));
     std::printf("\n%-10s %8s %12s %10s %10s %8s\n", "pass", "frames", "from memory", "from disk",

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <filesystem>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -49,6 +50,9 @@ size_t TerminalColumns();
 
 // "12.3 MiB" style.
 std::string Bytes(double bytes);
+
+// A path as UTF-8 text for messages (whatever the system's path encoding).
+std::string PathText(const std::filesystem::path& path);
 // An application version as "1.0 (256)".
 std::string AppVersionText(uint32_t version);
 // The standalone host's application version (from the environment), as AppVersionText.

@@ -218,8 +218,11 @@ class MCSTANDALONE_API StandaloneHostServices : public HostServices {
     // The media manager, owned by the services.
     NX::StandaloneMediaManager& MediaManager() { return *media_; }
 
-    // Makes `id` the main thread (default: the calling thread).
-    void SetMainThread(std::thread::id id = std::this_thread::get_id());
+    // Makes `id` the main thread.
+    void SetMainThread(std::thread::id id);
+    // The calling thread becomes the main thread. Its id is taken inside this library: a
+    // statically linked thread runtime gives each Windows module its own ids.
+    void SetMainThread();
     void SetApplicationFrontmost(bool frontmost);
     // Shows channel up to level (a negative level hides it); notifies cached trace sites.
     void SetTraceLevel(std::string_view channel, int level);

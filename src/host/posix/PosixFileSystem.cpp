@@ -121,8 +121,8 @@ void PosixFileSystem::SetNotContentIndexed(const std::filesystem::path&) {
     // Nothing indexes file content behind our back here.
 }
 
-std::shared_ptr<FileSystem> MakeNativeFileSystem() {
-    return std::make_shared<PosixFileSystem>();
+std::shared_ptr<FileSystem> MakeNativeFileSystem(NativeFileSystemOptions options) {
+    return std::make_shared<PosixFileSystem>(options);
 }
 
 }  // namespace velacore

@@ -6,6 +6,7 @@
 
 #include <memory>
 
+#include "host/NativeFileSystem.h"
 #include "mc/host/Export.h"
 #include "mc/host/FileSystem.h"
 
@@ -13,10 +14,7 @@ namespace velacore {
 
 class MCHOST_API PosixFileSystem final : public FileSystem {
   public:
-    struct Options {
-        // Try direct I/O in OpenForDirectWrite; false always uses buffered writes + fdatasync.
-        bool allowDirectIo = true;
-    };
+    using Options = NativeFileSystemOptions;
 
     PosixFileSystem() = default;
     explicit PosixFileSystem(Options options) : options_(options) {}
@@ -43,8 +41,5 @@ class MCHOST_API PosixFileSystem final : public FileSystem {
   private:
     Options options_;
 };
-
-// A new instance of the operating system's file system (owned by the caller).
-MCHOST_API std::shared_ptr<FileSystem> MakeNativeFileSystem();
 
 }  // namespace velacore

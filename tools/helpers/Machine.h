@@ -1,0 +1,21 @@
+// What the tool asks of the machine and its own process: installed memory, the program's file,
+// the file name suffix of loadable libraries, setting environment variables.
+// Thread-safety: stateless; callable from any thread.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+
+namespace velacore {
+
+// Installed physical memory in bytes; 0 when the system does not say.
+uint64_t PhysicalMemoryBytes();
+// The running program's own file; empty when the system does not say.
+std::filesystem::path ExecutablePath();
+// The file name suffix of a loadable library (".so", ".dll").
+const char* SharedLibrarySuffix();
+// Sets the process environment variable `name` to `value`, or removes it when `value` is null.
+// Returns whether it did. Not safe against concurrent getenv.
+bool SetProcessEnv(const char* name, const char* value);
+
+}  // namespace velacore

@@ -1,0 +1,42 @@
+// Machine queries over GlobalMemoryStatusEx and GetModuleFileNameW.
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "helpers/Machine.h"
+
+namespace velacore {
+
+uint64_t PhysicalMemoryBytes() {
+    MEMORYSTATUSEX status{};
+    status.dwLength = sizeof status;
+    return ::GlobalMemoryStatusEx(&status) ? status.ullTotalPhys : 0;
+}
+
+std::filesystem::path ExecutablePath() {
+    std::wstring name(512, L'\0');
+    for (;;) {
+        const DWORD length =
+            ::GetModuleFileNameW(nullptr, name.data(), static_cast<DWORD>(name.size()));
+        if (length == 0) return {};
+        if (length < name.size()) {
+            name.resize(length);
+            return name;
+        }
+        if (name.size() >= 32768) return {};
+        name.resize(name.size() * 2);
+    }
+}
+
+const char* SharedLibrarySuffix() {
+    return ".dll";
+}
+
+bool SetProcessEnv(const char* name, const char* value) {
+    // The C runtime's copy is what getenv reads; an empty value removes the variable.
+    return ::_putenv_s(name, value != nullptr ? value : "") == 0;
+}
+
+}  // namespace velacore
