@@ -1,21 +1,29 @@
-// MC_Stuff: identity, fields, state queries and size reporting. Check-out and check-in live in
-// MC_StuffCheckout.cpp, the purge in src/bag, the disk side in src/disk.
+// MC_Stuff: one cached item. Identity, fields, state queries and size reporting; check-out,
+// check-in and pending renders; the purge of one item. The disk side forwards into src/disk
+// (StuffDisk.cpp); the states and the guard of each field are listed in mc/MC_Stuff.h.
 #include "mc/MC_Stuff.h"
 
 #include <boost/functional/hash.hpp>
+#include <chrono>
+#include <string>
 #include <thread>
 
 #include "bag/MC_SortDir.h"
 #include "host/HostOps.h"
 #include "lifecycle/Counters.h"
-#include "mc/MCp_ScLock.h"
+#include "lifecycle/Messages.h"
+#include "lifecycle/Module.h"
+#include "lifecycle/Settings.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
+#include "mc/MCp_ScLock.h"
 #include "mc/host/Time.h"
+#include "mediamap/MediaMapHooks.h"
 
 using velacore::Guid;
 using velacore::HighPrecisionTime;
 using velacore::ScopedReadLockWrapper;
+using velacore::ScopedUpgradeLockWrapper;
 using velacore::ScopedWriteLockWrapper;
 
 namespace {
@@ -262,4 +270,436 @@ MC_Stuff::DiskCacheCheckoutScoper::DiskCacheCheckoutScoper(std::atomic<uint32_t>
 MC_Stuff::DiskCacheCheckoutScoper::~DiskCacheCheckoutScoper() {
     itemCount_.fetch_sub(1);
     globalCount_.fetch_sub(1);
+}
+
+// --- check-out, check-in and pending renders ---------------------------------------------
+
+namespace {
+debug::TraceSite g_checkinTrace("MC_Stuff", 6);
+constexpr auto kPendingWaitLimit = std::chrono::nanoseconds(86'400'000'000'000LL);
+}  // namespace
+
+// Steps shared by read-only and writeable check-outs; the caller holds the item lock (upgrade
+// or write). Returns 0 with nothing changed, or 1 with the count raised.
+MC_CheckoutResult MC_Stuff::CheckoutLocked(int flags, bool writeable, bool acceptPending) {
+    const bool countRefusal = (flags & (MC_CheckoutFlag_WaitIfPendingUnlessLocked |
+                                        MC_CheckoutFlag_WaitIfPending)) != 0;
+    if (checkedOutWriteable_) return MC_CheckoutResult_Failed;
+    if (writeable && GetCheckoutCount() != 0) return MC_CheckoutResult_Failed;
+    if (!acceptPending && IsPendingRender()) {
+        if (countRefusal) MCp_GetCounters().pendingRefusals.fetch_add(1);
+        return MC_CheckoutResult_Failed;
+    }
+    if (!data_ && !IsPendingRender()) return MC_CheckoutResult_Failed;
+    const bool inMemory = data_ && data_->IsInMemory();
+    if ((flags & MC_CheckoutFlag_MemoryOnly) && !inMemory && !IsPendingRender())
+        return MC_CheckoutResult_Failed;
+    // The rendering thread must not wait on its own pending item (caller holds the item lock).
+    if (IsPendingRender() && creatorThread_ == std::this_thread::get_id() &&
+        GetCheckoutCount() != 0)
+        return MC_CheckoutResult_Failed;
+
+    checkoutCount_.fetch_add(1);
+    bool resident = inMemory;
+    if (!resident && diskFile_ && !(flags & MC_CheckoutFlag_NoDiskRead)) {
+        try {
+            resident = EnsureInMemory();
+        } catch (...) {
+            checkoutCount_.fetch_sub(1);
+            throw;
+        }
+        if (!resident) {
+            checkoutCount_.fetch_sub(1);
+            return MC_CheckoutResult_Failed;
+        }
+    }
+    const bool ok = resident || IsPendingRender() || (flags & MC_CheckoutFlag_AllowNoData) ||
+                    (diskFile_ && (flags & MC_CheckoutFlag_NoDiskRead));
+    if (!ok) {
+        checkoutCount_.fetch_sub(1);
+        return MC_CheckoutResult_Failed;
+    }
+    return MC_CheckoutResult_CheckedOut;
+}
+
+MC_CheckoutResult MC_Stuff::Checkout(int flags) {
+    if (!(flags & MC_CheckoutFlag_ReadOnly)) return CheckoutForWrite(flags);
+    const bool acceptPending =
+        (flags & MC_CheckoutFlag_WaitIfPending) ||
+        ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
+         !ScNotifyHoldingMutexLock::IsHoldingLock());
+    MC_CheckoutResult result;
+    uint32_t size = 0;
+    {
+        ScopedUpgradeLockWrapper up(lock_);
+        result = CheckoutLocked(flags, false, acceptPending);
+        if (data_) size = data_->GetApproximateMemorySize();
+    }
+    if (result == MC_CheckoutResult_Failed) return result;
+    MCp_GetCounters().activeCheckouts.fetch_add(1);
+    SyncMemorySizeWithBag(size);
+    return result;
+}
+
+// Every refusal is decided under the locks before anything is read: the item is claimed first
+// (writeable, out of its sort directory), and only then is a disk-only payload read back, outside
+// the cache lock. A read that leaves nothing to check out gives the claim back.
+MC_CheckoutResult MC_Stuff::CheckoutForWrite(int flags) {
+    const bool readBack = !(flags & (MC_CheckoutFlag_NoDiskRead | MC_CheckoutFlag_MemoryOnly));
+    const bool acceptPending =
+        (flags & MC_CheckoutFlag_WaitIfPending) ||
+        ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
+         !ScNotifyHoldingMutexLock::IsHoldingLock());
+    MC_CheckoutResult result;
+    {
+        MCp_ScLock lock;
+        ScopedWriteLockWrapper w(lock_);
+        result = CheckoutLocked(flags | MC_CheckoutFlag_NoDiskRead, true, acceptPending);
+        if (result == MC_CheckoutResult_Failed) return result;
+        try {
+            TempRemoveFromSortDir(lock, w);
+        } catch (...) {
+            checkoutCount_.fetch_sub(1);
+            throw;
+        }
+        checkedOutWriteable_ = true;
+    }
+    if (readBack && !IsInMemory() && IsOnDisk()) {
+        bool resident = false;
+        try {
+            resident = EnsureInMemory();
+        } catch (...) {
+            UndoWriteableCheckout();
+            throw;
+        }
+        if (!resident && !IsPendingRender() && !(flags & MC_CheckoutFlag_AllowNoData)) {
+            UndoWriteableCheckout();
+            return MC_CheckoutResult_Failed;
+        }
+    }
+    MCp_GetCounters().activeCheckouts.fetch_add(1);
+    SyncMemorySizeWithBag(GetApproximateMemorySize());
+    return result;
+}
+
+// Gives back a writeable check-out that failed after it was claimed: back into its sort
+// directory (displacing nothing) with the count as it was.
+void MC_Stuff::UndoWriteableCheckout() {
+    IntrusivePtr<MC_Stuff> self(this);
+    MCp_ScLock lock;
+    std::shared_ptr<MC_SortDir> dir;
+    {
+        ScopedWriteLockWrapper w(lock_);
+        checkedOutWriteable_ = false;
+        checkoutCount_.fetch_sub(1);
+        dir = sortDir_.lock();
+        sortDir_.reset();
+    }
+    if (dir) dir->AddStuff(self, false);
+}
+
+void MC_Stuff::Checkin(int flags, double computeTime) {
+    bool wasWriteable = false;
+    std::shared_ptr<MC_SortDir> dir;
+    {
+        ScopedReadLockWrapper r(lock_);
+        wasWriteable = checkedOutWriteable_;
+        if (wasWriteable) dir = sortDir_.lock();
+    }
+    bool decremented = false;
+    bool lastOut = false;
+    {
+        MCp_ScLock lock;
+        IntrusivePtr<MC_Stuff> self(this);
+        if (wasWriteable && dir) {
+            {
+                ScopedWriteLockWrapper w(lock_);
+                sortDir_.reset();
+            }
+            dir->AddStuff(self);  // back under its current key
+            if (g_checkinTrace.Enabled())
+                g_checkinTrace.Write("check-in updated w/ guid:" + GetGuid().AsString());
+        }
+        {
+            ScopedWriteLockWrapper w(lock_);
+            checkedOutWriteable_ = false;
+            uint32_t count = checkoutCount_.load();
+            while (count != 0 && !checkoutCount_.compare_exchange_weak(count, count - 1)) {
+            }
+            decremented = count != 0;
+            lastOut = count == 1;
+        }
+        if (!(flags & MC_CheckinFlag_DontUpdateLastUsed)) {
+            if (mruBag_) mruBag_->UpdateWithNewLastUsedTime(self, lock);
+        }
+    }
+    // A render completed under this writeable check-out waited for it to end (the writer cannot
+    // take an item held writeable); it is weighed here, once.
+    const bool renderDone = renderAwaitsCheckin_.exchange(false);
+    if (flags & MC_CheckinFlag_Remove) {
+        RemoveFromBagAndSortDir();
+    } else if (flags & MC_CheckinFlag_Purge) {
+        FreeUpAsMuchAsPossible(true, nullptr);
+    } else {
+        CheckinDiskStep(flags, wasWriteable, computeTime, renderDone);
+    }
+    if (lastOut && purgeAtLastCheckin_.load()) PurgeAfterLastCheckin();
+    if (decremented) MCp_GetCounters().activeCheckouts.fetch_sub(1);
+    SyncMemorySizeWithBag(GetApproximateMemorySize());
+}
+
+// Frees the payload of an item that left its bag while others still held it checked out.
+void MC_Stuff::PurgeAfterLastCheckin() {
+    MCp_ScLock lock;
+    ScopedWriteLockWrapper w(lock_);
+    if (GetCheckoutCount() != 0) return;
+    if (!purgeAtLastCheckin_.exchange(false) || bag_.lock()) return;  // back in a bag: keep it
+    PurgeIfPossiblePrivate(w, nullptr);
+}
+
+// The disk-write step of a check-in: forced writes go to the disk executor at once; writeable
+// check-ins ask whether the item is worth writing.
+void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime,
+                               bool renderDone) {
+    if (!(flags & MC_CheckinFlag_ForceWriteToDisk) && !wasWriteable) return;  // nothing to decide
+    IntrusivePtr<MC_StuffData> data = GetDataPtr();
+    if (!data || !data->IsInMemory() || !data->CanDiskCache()) return;
+    IntrusivePtr<MC_Stuff> self(this);
+    if (flags & MC_CheckinFlag_ForceWriteToDisk) {
+        if (auto exec = MCp_DiskExecutor())
+            exec->Post([self] { MC_Stuff::WriteToDiskAsync(self, nullptr); });
+        return;
+    }
+    if (!wasWriteable) return;
+    if (renderDone) {
+        MaybeWriteToDisk();  // on the render's own compute time, like any completed render
+        return;
+    }
+    if (!MCp_DiskExecutor()) return;  // writer stopped: nothing is queued or counted
+    std::shared_ptr<MC_Bag> bag = LockBag();
+    if (!bag || !bag->IsDiskCacheEnabled()) return;
+    bool lowPriority = false;
+    if (WorthWritingToDiskCache(computeTime, nullptr, nullptr, &lowPriority)) {
+        WriteToDiskAsyncOnDiskThread(self);
+        taggedToWrite_.store(true);
+        auto& c = MCp_GetCounters();
+        (lowPriority ? c.lowPriorityWritesQueued : c.normalWritesQueued).fetch_add(1);
+    } else {
+        const bool hasPriority = data->GetCachePriority() != MC_CachePriority_Never;
+        MCp_GetCounters().reasonCounts[hasPriority ? 3 : 4].fetch_add(1);
+    }
+}
+
+MC_CheckoutResult MC_Stuff::CheckinAndCheckout(int checkinFlags, double computeTime,
+                                               int checkoutFlags) {
+    MCp_ScLock lock;
+    Checkin(checkinFlags, computeTime);
+    return Checkout(checkoutFlags);
+}
+
+void MC_Stuff::ThrowIfCheckedOutWriteable() {
+    if (checkedOutWriteable_) MCp_ThrowMisuse(11, MCp_Err_CheckedOut);
+}
+void MC_Stuff::ThrowIfCheckedOutMoreThan(int n) {
+    if (GetCheckoutCount() > static_cast<uint32_t>(n)) MCp_ThrowMisuse(12, MCp_Err_CheckedOut);
+}
+void MC_Stuff::ThrowIfCheckedOutLessThan(int n) {
+    if (GetCheckoutCount() < static_cast<uint32_t>(n)) MCp_ThrowMisuse(22, MCp_Err_NotCheckedOut);
+}
+
+void MC_Stuff::ConvertToWriteable() {
+    {
+        MCp_ScLock lock;
+        ScopedWriteLockWrapper w(lock_);
+        ThrowIfCheckedOutWriteable();
+        ThrowIfCheckedOutMoreThan(1);
+        ThrowIfCheckedOutLessThan(1);
+        TempRemoveFromSortDir(lock, w);
+        checkedOutWriteable_ = true;
+    }
+    DeleteDiskCacheFile();  // the payload is about to change
+}
+
+void MC_Stuff::SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData> data,
+                                             double computeTime) {
+    SetStuffDataFromPendingRender_Impl(std::move(data), computeTime);
+}
+
+void MC_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> data,
+                                                  double computeTime) {
+    if (int32_t ms = mc_settings::DebugSleepMsSetStuffData(); ms > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    if (!IsPendingRender()) return;
+    if (!pending_.exchange(false)) return;  // another completion won
+    IntrusivePtr<MC_Stuff> self(this);
+    {
+        ScopedWriteLockWrapper w(lock_);
+        data_ = data;
+        computeTime_ = computeTime;
+    }
+    if (data) {
+        SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+        if (IsCheckedOutWriteable())
+            renderAwaitsCheckin_.store(true);
+        else
+            MaybeWriteToDisk();
+        ScopedWriteLockWrapper w(lock_);
+        findKeyData_.reset();
+    } else {
+        RemoveFromBagAndSortDir();
+    }
+    gate_->Open();
+}
+
+void MC_Stuff::WaitForPendingCompletion() {
+    if (!IsPendingRender()) return;
+    MCp_GetCounters().pendingWaits.fetch_add(1);
+    debug::ProfileScope profile("ZK.MC_Stuff::WaitForPending", 6);
+    std::shared_ptr<velacore::OpenOnceGate> gate = gateWeak_.lock();
+    if (gate) gate->Pass(velacore::OpenOnceGate::Clock::now() + kPendingWaitLimit);
+}
+
+// --- bag membership ------------------------------------------------------------------------
+
+void MC_Stuff::AddToBagAndSortDir(const std::shared_ptr<MC_Bag>& bag) {
+    bag->AddToBagAndSortDir(IntrusivePtr<MC_Stuff>(this));
+    MaybeWriteToDisk();
+}
+
+MC_CheckoutResult MC_Stuff::AddToBagAndSortDirAndCheckout(const std::shared_ptr<MC_Bag>& bag,
+                                                          int flags) {
+    MCp_ScLock lock;
+    AddToBagAndSortDir(bag);
+    return Checkout(flags);
+}
+
+void MC_Stuff::RemoveFromBagAndSortDir() {
+    IntrusivePtr<MC_Stuff> self(this);
+    MCp_ScLock lock;
+    ScopedWriteLockWrapper w(lock_);
+    if (std::shared_ptr<MC_SortDir> dir = sortDir_.lock()) {
+        // A writeable holder (who got the item after a Remove check-in let go of it) has it out
+        // of the index already; forgetting the directory keeps its check-in from adding it back.
+        if (checkedOutWriteable_) {
+            dir->TakeBack(self);
+            sortDir_.reset();
+        } else
+            dir->RemoveStuff(self);
+    }
+    if (std::shared_ptr<MC_Bag> bag = bag_.lock()) bag->RemoveStuff(self);
+    // A holder's payload is never freed under it: the last check-in frees it.
+    if (GetCheckoutCount() != 0) {
+        purgeAtLastCheckin_.store(true);
+        return;
+    }
+    purgeAtLastCheckin_.store(false);
+    PurgeIfPossiblePrivate(w, nullptr);
+}
+
+void MC_Stuff::TempRemoveFromSortDir(const MCp_ScLock&, const ScopedWriteLockWrapper&) {
+    std::shared_ptr<MC_SortDir> dir = GetSortDir();
+    if (!dir) return;
+    IntrusivePtr<MC_Stuff> self(this);
+    dir->RemoveStuff(self);
+    SetSortDir(dir);
+    dir->HoldOut(self);  // still found by scan-back, which must not give its file to a twin
+}
+
+// --- purge of one item -------------------------------------------------------------------
+
+namespace {
+debug::TraceSite g_purgeTrace("MC_MediaMap", 6);
+
+std::string Describe(const MC_Stuff* stuff, const std::shared_ptr<MC_Bag>& bag) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%p", static_cast<const void*>(stuff));
+    uint64_t inMemory = 0, onDisk = 0;
+    if (bag) bag->GetCacheSizesInBytes(inMemory, onDisk);
+    return std::string(buf) + " MC Cache size " + std::to_string(inMemory) + " MediaMap size " +
+           std::to_string(MCp_MediaMapSize());
+}
+
+// Claims the purge guard shared with the disk writer; releases it on scope exit.
+class PurgeGuardClaim {
+public:
+    explicit PurgeGuardClaim(std::atomic<int32_t>& word) : word_(word) {
+        int32_t idle = 0;
+        claimed_ = word_.compare_exchange_strong(idle, 2);
+    }
+    ~PurgeGuardClaim() {
+        if (claimed_) word_.store(0);
+    }
+    bool Claimed() const { return claimed_; }
+
+private:
+    std::atomic<int32_t>& word_;
+    bool claimed_ = false;
+};
+}  // namespace
+
+bool MC_Stuff::PurgeIfPossiblePrivate(const ScopedWriteLockWrapper&,
+                                      MC_ReleaseList* releaseList) {
+    PurgeGuardClaim claim(purgeGuard_);
+    if (!claim.Claimed()) return false;
+    IntrusivePtr<MC_StuffData> data = GetDataPtr();
+    if (!data) return false;
+    const bool purged = data->PurgeIfPossible(releaseList);
+    if (purged) SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+    return purged;
+}
+
+uint32_t MC_Stuff::FreeUpAsMuchAsPossible(bool updateMediaMap, MC_ReleaseList* releaseList) {
+    debug::ProfileScope profile("ZK.MC_Stuff::FreeUpAsMuchAsPossible", 7);
+    IntrusivePtr<MC_Stuff> self(this);
+    MCp_ScLock lock;
+    bool freedAnything = false;
+    uint32_t sizeBefore = 0;
+    {
+        ScopedWriteLockWrapper w(lock_);
+        if (GetCheckoutCount() != 0) return 0;
+        sizeBefore = GetApproximateMemorySize();
+        if (IsInMemory()) freedAnything = PurgeIfPossiblePrivate(w, releaseList);
+    }
+    bool removedFromBag = false;
+    std::shared_ptr<MC_Bag> bag = LockBag();
+    if (!IsInMemory() && !IsOnDisk() && !IsPendingRender() && bag) {
+        bag->RemoveStuffFromBagAndSortDir(self, lock, updateMediaMap);
+        removedFromBag = true;
+    }
+    const bool mirror = MCp_MediaMapEnabled();
+    if (mirror && freedAnything && !removedFromBag && updateMediaMap) MCp_MediaMapErase(self);
+    if (mirror && g_purgeTrace.Enabled()) {
+        if (freedAnything) {
+            g_purgeTrace.Write("FreeUpAsMuchAsPossible " + Describe(this, bag) + "\n");
+            if (removedFromBag && !updateMediaMap)
+                g_purgeTrace.Write("FreeUpAsMuchAsPossible purged from media manager " +
+                                   Describe(this, bag) + " num entries = " +
+                                   std::to_string(MCp_MediaMapEntryCount()) + "\n");
+        } else {
+            g_purgeTrace.Write("FreeUpAsMuchAsPossible - couldn't free anything " +
+                               Describe(this, bag) + " freed_anything = " +
+                               std::to_string(freedAnything) +
+                               " removedFromBag = " + std::to_string(removedFromBag) + "\n");
+        }
+    }
+    return (freedAnything || removedFromBag) ? sizeBefore : 0;
+}
+
+void MC_Stuff::PurgeFromMediaMap() {
+    std::shared_ptr<MC_Bag> bag = LockBag();
+    if (!bag) {
+        if (g_purgeTrace.Enabled()) {
+            char buf[32];
+            std::snprintf(buf, sizeof buf, "%p", static_cast<const void*>(this));
+            g_purgeTrace.Write(std::string(buf) +
+                               " stuff ain't got no bag, this should be harmless and mem will go "
+                               "away when stuff ref does.\n");
+        }
+        return;
+    }
+    IntrusivePtr<MC_Stuff> self(this);
+    FreeUpAsMuchAsPossible(false, nullptr);
+    // A payload that stayed in memory in the bag (checked out, refusing, or busy being written)
+    // keeps its entry, so that the media manager goes on counting its bytes.
+    if (!IsInMemory() || !LockBag()) MCp_MediaMapErase(self);
 }
