@@ -221,12 +221,14 @@ TEST_F(McacheTool, EveryErrorIsOneLineAndStatusTwo) {
     const std::string folder = root().string();
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"ls", absent}, "no such folder"},
+        {{"trim", absent, "--to", "1M"}, "no such folder"},
         {{"ls", file}, "not a folder"},
         {{"bogus"}, "unknown command 'bogus'"},
         {{}, "subcommand"},
         {{"demo", "--frames", "0"}, "--frames"},
         {{"trim", folder}, "--to"},
         {{"demo", "--folder", folder, "--memory-budget", "lots"}, "not a size"},
+        {{"demo", "--folder", folder, "--memory-budget", "99999999999999999999G"}, "too large"},
         {{"demo", "--folder", folder, "--memory-budget", "0"}, "more than 0"},
         {{"demo", "--folder", folder, "--disk-budget", "10%"}, "percentage"},
         {{"demo", "--folder", folder, "--cache-priority", "urgent"}, "--cache-priority"},
