@@ -103,7 +103,9 @@ class MC_MediaMapImpl : public NX::IMediaMap, public NX::IPurgeableSupport {
     // erases the entry. Returns whether the entry is gone. Takes the cache lock.
     bool PurgeEntry(uint64_t sequence) override;
 
-    // Sum of the bytes of the entries in the ID index (what MC_GetMediaMapSize reports).
+    // Sum of the bytes of the entries in the ID index (what MC_GetMediaMapSize reports): the
+    // cache's own registered items. Entries added with Insert alone are counted by the manager,
+    // not here, on purpose.
     uint64_t TotalBytes() const;
     // The sequence number of the entry of `stuff`, 0 when it has none.
     uint64_t SequenceOf(const IntrusivePtr<MC_Stuff>& stuff) const;

@@ -42,6 +42,7 @@ TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemOnly) {
     IntrusivePtr<MC_Stuff> d = AddItem(5, 500);
     Settle();
     EXPECT_EQ(Manager().PurgedCount(), 0u);  // 3000 fits
+    EXPECT_EQ(MC_GetMediaMapSize(), 2500u);  // the manager counts the inserted entry, the map not
 
     auto hold = std::make_unique<MC_ScCheckout>(a, MC_CheckoutFlag_ReadOnly);
     IntrusivePtr<MC_Stuff> e = AddItem(6, 500);
@@ -61,6 +62,11 @@ TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemOnly) {
     EXPECT_EQ(Manager().PurgedCount(), 2u);
     EXPECT_EQ(Manager().GetRegisteredBytes(), 3000u);
     EXPECT_EQ(MC_GetMediaMapSize(), 3000u);
+    // The pinned item never joined the bag but, alive and in memory, counts against the global
+    // bag; its purge through the map could not free it (no bag), its release does.
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 3500);
+    pinnedItem.reset();
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 3000);
 }
 
 // Renders and reads frames from several threads while the manager purges. A check-out must

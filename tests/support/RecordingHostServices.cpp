@@ -45,12 +45,6 @@ bool RecordingHostServices::HasMemoryClient() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return clientUsage_ || clientPurge_;
 }
-bool RecordingHostServices::RunClientPurge() {
-    const std::function<void()> purge = Get(clientPurge_);
-    if (purge) purge();
-    return static_cast<bool>(purge);
-}
-
 int RecordingHostServices::StartQuietErrorsOnCurrentThread(int level) {
     const int refusal = Get(quietRefusal_);
     return refusal != 0 ? refusal : standalone_->StartQuietErrorsOnCurrentThread(level);

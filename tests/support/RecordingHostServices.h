@@ -59,7 +59,7 @@ public:
     uint64_t AmountToPurge() override { return Get(amountToPurge_); }
     uint64_t AmountAvailableBeforePurge() override { return Get(amountAvailable_); }
     void PurgeRecycledMemory() override;
-    // Kept, never called by the services (see RunClientPurge).
+    // Kept (HasMemoryClient), never called: memory pressure is scripted.
     void SetMemoryClient(std::function<int64_t()> usage, std::function<void()> purge) override;
     int StartQuietErrorsOnCurrentThread(int level) override;
     bool IsOnMainThread() override;
@@ -90,8 +90,6 @@ public:
     void SetMemUsageLimits(uint64_t limit, uint64_t physical, int result = 0);
     uint64_t PurgeRecycledCount() const { return Get(purgeRecycled_); }
     bool HasMemoryClient() const;
-    // Calls the memory client's purge hook on this thread; false without one.
-    bool RunClientPurge();
     // While deferring, top-level functions wait until RunDeferredTopLevelFunctions (on the
     // calling thread) runs the ones queued so far and returns how many.
     void SetDeferTopLevelFunctions(bool defer) { Set(deferTopLevel_, defer); }
@@ -111,9 +109,6 @@ public:
     NX::StandaloneMediaManager& OwnMediaManager() { return standalone_->MediaManager(); }
     void SetMediaBudget(uint64_t bytes) { OwnMediaManager().SetBudget(bytes); }
     void SetFailAllocations(bool fail) { Set(failAllocations_, fail); }
-    uint64_t AllocatedBlocks(std::string_view label) const {
-        return standalone_->AllocatedBlocks(label);
-    }
     void SetTraceLevel(std::string_view channel, int level) {
         standalone_->SetTraceLevel(channel, level);
     }
