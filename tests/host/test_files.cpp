@@ -9,7 +9,7 @@
 #include <random>
 #include <set>
 
-#include "host/posix/PosixFileSystem.h"
+#include "host/NativeFileSystem.h"
 #include "mc/host/AlignedBuffer.h"
 #include "mc/host/ByteStream.h"
 #include "mc/host/Errors.h"
@@ -121,8 +121,8 @@ TEST(FileSystem, ListingAndRecursiveRemovalNeverFollowLinks) {
 // that refuses direct I/O writes any size. The bytes on disk are always exactly what was sent.
 TEST(DirectWrite, BytesOnDiskMatchWhateverTheMode) {
     TempDir dir;
-    velacore::PosixFileSystem buffered(velacore::PosixFileSystem::Options{.allowDirectIo = false});
-    for (velacore::FileSystem* fs : {&Fs(), static_cast<velacore::FileSystem*>(&buffered)}) {
+    const auto buffered = velacore::MakeNativeFileSystem({.allowDirectIo = false});
+    for (velacore::FileSystem* fs : {&Fs(), buffered.get()}) {
         const auto path = dir / "blocks.bin";
         mctest::WriteWholeFile(path, PatternBytes(100000, 2));  // opening discards it
         const size_t block = fs->GetBlockSize(path);
@@ -142,7 +142,7 @@ TEST(DirectWrite, BytesOnDiskMatchWhateverTheMode) {
         file->Sync();
         file->Close();
         EXPECT_EQ(ReadWholeFile(path), data);
-        EXPECT_TRUE(fs != &buffered || !direct);
+        EXPECT_TRUE(fs != buffered.get() || !direct);
     }
 }
 
