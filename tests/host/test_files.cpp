@@ -99,7 +99,13 @@ TEST(FileSystem, ListingAndRecursiveRemovalNeverFollowLinks) {
     Fs().CreateDirectory(tree / "\xE6\x97\xA5");
     Fs().CreateFile(tree / "caf\xC3\xA9.zkcache", true);
     Fs().CreateFile(tree / "\xE6\x97\xA5" / "deep.bin", true);
+#ifdef _WIN32
+    std::error_code linkError;
+    std::filesystem::create_directory_symlink(outside, tree / "to-outside", linkError);
+    if (linkError) GTEST_SKIP() << "this account or Wine cannot create symbolic links";
+#else
     std::filesystem::create_directory_symlink(outside, tree / "to-outside");
+#endif
     std::filesystem::create_symlink(outside / "keep.bin", tree / "file-link");
 
     std::map<std::string, char> listing;  // 'd' folder, 'f' regular file, '-' anything else
