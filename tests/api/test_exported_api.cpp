@@ -11,8 +11,16 @@
 #include "mc/MC.h"
 #include "mc/host/ByteStream.h"
 #include "mc/host/File.h"
+#include "mc/standalone/StandaloneHostFactory.h"
 
 namespace {
+
+// The Windows linker drops a DLL nothing refers to: naming the host keeps libmc_standalone loaded.
+void UseStandaloneHost() {
+#ifdef _WIN32
+    velacore::InstallStandaloneHost();
+#endif
+}
 
 class Frame : public MC_StuffData {
 public:
@@ -53,6 +61,7 @@ IntrusivePtr<MC_Stuff> Request(uint32_t number) {
 }
 
 TEST(ExportedApi, FindRenderCheckInAndHitAgain) {
+    UseStandaloneHost();
     MC_Birth(false, 1, false);
     std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
     ASSERT_TRUE(bag);
@@ -112,6 +121,7 @@ TEST(ExportedApi, WaitForDiskWritesWaitsForTheWriteInProgress) {
     const auto root = std::filesystem::temp_directory_path() /
                       ("mc-api-wait-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
     std::filesystem::create_directories(root);
+    UseStandaloneHost();
     MC_Birth(false, 256, false);
     std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
     bag->SetDiskCacheInfo(velacore::Dir(root), 16);

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "disk/FastWriteOnlyStream.h"
+#include "disk/CacheFile.h"
 #include "host/windows/Win32.h"
 #include "mc/host/AlignedBuffer.h"
 #include "mc/host/Errors.h"

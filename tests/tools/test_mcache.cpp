@@ -248,7 +248,11 @@ TEST_F(McacheTool, EveryErrorIsOneLineAndStatusTwo) {
 
 TEST_F(McacheTool, BudgetsFlagBeatsEnvironmentAndDefaultFolderIsTheUsersCache) {
     const ScopedEnv env("MC_MEMORY_BUDGET", "32M");
+#ifdef _WIN32
+    const ScopedEnv cache("LOCALAPPDATA", (temp_.Path() / "xdg").string());
+#else
     const ScopedEnv cache("XDG_CACHE_HOME", (temp_.Path() / "xdg").string());
+#endif
     const ScopedEnv tmp("TMPDIR", (temp_.Path() / "no-such-tmp").string());
     EXPECT_EQ(Mcache({"--version"}).status, 0);
     auto budget = [&](std::vector<std::string> extra) {

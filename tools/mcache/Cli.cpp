@@ -48,10 +48,15 @@ uint64_t Amount(const std::string& option, const std::string& text, uint64_t per
 
 // Where the demo keeps its cache by default: the user's own cache directory.
 fs::path DefaultDemoFolder() {
+#ifdef _WIN32
+    if (const char* local = std::getenv("LOCALAPPDATA"); local && fs::path(local).is_absolute())
+        return fs::path(local) / "mcache-demo";
+#else
     if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg && *xdg == '/')
         return fs::path(xdg) / "mcache-demo";
     if (const char* home = std::getenv("HOME"); home && *home)
         return fs::path(home) / ".cache" / "mcache-demo";
+#endif
     return fs::current_path() / ".mcache-demo";
 }
 
@@ -90,7 +95,8 @@ int Main(int argc, char** argv) {
     auto* demoCmd = app.add_subcommand(
         "demo", "Simulate an interactive compositing session against the cache and summarise it");
     demoCmd->add_option("--folder", demo.folder,
-                        "Disk-cache root (default: $XDG_CACHE_HOME or ~/.cache, /mcache-demo)");
+                        "Disk-cache root (default: $XDG_CACHE_HOME or ~/.cache, on Windows "
+                        "%LOCALAPPDATA%, /mcache-demo)");
     demoCmd->add_option("--frames", demo.frames, "Frames in the timeline")
         ->check(CLI::Range(1u, 100000u))
         ->capture_default_str();
