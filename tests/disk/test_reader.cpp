@@ -199,7 +199,8 @@ TEST_F(ReadBack, NoFileIsReadOrWrittenUnderTheCacheLock) {
     item->SetGuid(mctest::KeyGuid(9));
     bag_->AddToBagAndSortDir(item);
     item->MaybeWriteToDisk();
-    ASSERT_TRUE(WaitUntil([&] { return item->IsOnDisk(); }));
+    ASSERT_TRUE(DrainWriter());  // the file is there and the writer has let go of the item
+    ASSERT_TRUE(item->IsOnDisk());
     for (const int flags : {int{MC_CheckoutFlag_ReadOnly}, 0}) {  // read-only, then writeable
         item->FreeUpAsMuchAsPossible(true, nullptr);
         ASSERT_FALSE(item->IsInMemory());
