@@ -12,6 +12,7 @@
 namespace velacore {
 
 WritableFile::~WritableFile() = default;
+void WritableFile::Reserve(uint64_t /*size*/) {}
 ReadableFile::~ReadableFile() = default;
 FileSystem::~FileSystem() = default;
 

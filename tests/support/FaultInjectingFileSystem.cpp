@@ -155,6 +155,7 @@ class FaultyWritableFile final : public WritableFile {
         target_->Close();
     }
     bool IsDirectIo() const override { return target_->IsDirectIo(); }
+    void Reserve(uint64_t size) override { target_->Reserve(size); }
 
   private:
     std::unique_ptr<WritableFile> target_;

@@ -42,6 +42,11 @@ class MCHOST_API WritableFile {
 
     // Whether writes currently bypass the system's cache (direct I/O).
     virtual bool IsDirectIo() const = 0;
+
+    // Sets aside room for `size` bytes up front where the file system supports it (nothing
+    // otherwise). The length at Close is still exactly what was appended. Throws IOError
+    // (ENOSPC when the disk is full).
+    virtual void Reserve(uint64_t size);
 };
 
 // A file opened for reading, with its own position.
