@@ -220,10 +220,12 @@ size_t BlockSizeFor(const File& file) {
 
 }  // namespace
 
-FastWriteOnlyStream::FastWriteOnlyStream(const File& file) try
+FastWriteOnlyStream::FastWriteOnlyStream(const File& file, uint64_t expectedBytes) try
     : OPlatformByteStream(file),
       bufferSize_(kBlocksPerBuffer * BlockSizeFor(file)),
       buffer_(bufferSize_, std::bit_ceil(bufferSize_ / kBlocksPerBuffer)) {
+    if (expectedBytes != 0)
+        GetWritableFile().Reserve(velacore::RoundUpToBlock(expectedBytes, bufferSize_));
 } catch (...) {
     RethrowAsFileError(file);
 }

@@ -111,8 +111,10 @@ public:
     static constexpr size_t kBlocksPerBuffer = 64;
 
     // Opens `file` (empties it if it exists; its folder must exist) and allocates the buffer.
-    // Throws FileNotFoundError / IOError / std::bad_alloc.
-    explicit FastWriteOnlyStream(const velacore::File& file);
+    // With `expectedBytes`, reserves room for that many bytes rounded up to whole buffers (the
+    // file still ends at the last buffer written). Throws FileNotFoundError / IOError /
+    // std::bad_alloc.
+    explicit FastWriteOnlyStream(const velacore::File& file, uint64_t expectedBytes = 0);
     ~FastWriteOnlyStream() override;
 
     FastWriteOnlyStream(const FastWriteOnlyStream&) = delete;

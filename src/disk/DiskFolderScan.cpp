@@ -24,6 +24,7 @@
 #include "mc/MCp_ScLock.h"
 #include "mc/host/Errors.h"
 #include "mc/host/File.h"
+#include "mc/host/FileSystem.h"
 #include "mc/host/SafeSave.h"
 #include "mc/host/TextConvert.h"
 
@@ -97,35 +98,48 @@ void Adopt(MC_Bag& bag, const File& file, uint64_t size, const velacore::Guid& g
         same->SyncDiskSizeWithBag(ClampToU32(size));
 }
 
-// The cache files under `dir` created at or after `mark` (0: all of them), and every writer's
-// temporary into `temps`. Sets `stopped` when the module's stop request cut the walk short.
-std::vector<File> CollectCacheFiles(const velacore::Dir& dir, uint64_t mark, bool& stopped,
-                                    std::vector<File>& temps) {
-    std::vector<File> files;
-    velacore::RecursiveFileIterator walk(dir, [](const File& f) {
-        return MCp_CacheFile::IsCacheFile(f) || MCp_CacheFile::IsTempFile(f);
-    });
+// A cache file met by the walk, with the size the listing saw.
+struct ListedFile {
     File file;
-    while (walk.Next(file)) {
-        if (MCp_StopRequested()) {
-            stopped = true;
-            break;
+    uint64_t size = 0;
+};
+
+// What one walk over the cache folder gathers.
+struct Walk {
+    uint64_t mark = 0;  // cache files created before this are skipped (0: none)
+    bool stopped = false;
+    std::vector<ListedFile> files;
+    std::vector<File> temps;
+
+    // Lists `folder` (one look per file, relative to the folder) and the folders below it. A
+    // failure to list the top folder throws; below it, a folder that cannot be listed is skipped.
+    void Folder(const std::filesystem::path& folder, int depth) {
+        std::vector<velacore::DirectoryEntry> entries;
+        try {
+            entries = velacore::GetFileSystem().ListDirectoryWithStats(folder);
+        } catch (const velacore::HostError&) {
+            if (depth == 0) throw;
+            return;
         }
-        if (MCp_CacheFile::IsTempFile(file)) {
-            temps.push_back(file);
-            continue;
-        }
-        if (mark != 0) {
-            try {
-                if (static_cast<uint64_t>(std::max<int64_t>(file.Created(), 0)) < mark) continue;
-            } catch (const velacore::HostError&) {
-                continue;  // vanished meanwhile
+        for (velacore::DirectoryEntry& entry : entries) {
+            if (stopped || (stopped = MCp_StopRequested())) return;
+            const std::filesystem::path path =
+                folder / std::u8string(entry.name.begin(), entry.name.end());
+            if (entry.isDirectory) {
+                if (depth < velacore::RecursiveFileIterator::kMaxDepth) Folder(path, depth + 1);
+            } else if (entry.isRegularFile) {
+                File file(path);
+                if (MCp_CacheFile::IsTempFile(file)) {
+                    temps.push_back(std::move(file));
+                } else if (MCp_CacheFile::IsCacheFile(file) &&
+                           (mark == 0 ||
+                            static_cast<uint64_t>(std::max<int64_t>(entry.created, 0)) >= mark)) {
+                    files.push_back({std::move(file), entry.size});
+                }
             }
         }
-        files.push_back(file);
     }
-    return files;
-}
+};
 
 // --- temporaries ---
 
@@ -193,6 +207,29 @@ int64_t Update(CountedTemps& record, const File& temp, int64_t now) {
 
 }  // namespace
 
+namespace {
+
+// Adopts the cache file `file` of `size` bytes, or deletes it when its name is not of this
+// version or format.
+void AdoptOrDelete(MC_Bag& bag, const File& file, uint64_t size) {
+    try {
+        ParsedCacheFileName parsed = MCp_CacheFile::ParseName(file, bag.GetAppVersion());
+        const std::string matchname = velacore::ToUtf8(parsed.matchname);
+        IntrusivePtr<MC_StuffData> data =
+            MC_StuffData::CreateSubclass(matchname.c_str(), parsed.header);
+        if (!data) return;  // no data class for it here: leave the file for someone who knows it
+        Adopt(bag, file, size, parsed.guid, std::move(data));
+        MCp_DiskFolder::ForgetTempOf(bag, file);
+    } catch (int code) {
+        if (g_scanTrace.Enabled())
+            g_scanTrace.Write("ScanOneDiskCacheFile: deleting " + file.GetFullPathUtf8() +
+                              " (error " + std::to_string(code) + ")\n");
+        DeleteQuietly(file);
+    }
+}
+
+}  // namespace
+
 void MCp_DiskFolder::ScanOne(MC_Bag& bag, const File& file) {
     if (!MCp_CacheFile::IsCacheFile(file)) return;  // never touch what is not ours
     ScQuietErrors quiet;
@@ -202,20 +239,7 @@ void MCp_DiskFolder::ScanOne(MC_Bag& bag, const File& file) {
     } catch (const velacore::HostError&) {
         return;
     }
-    try {
-        ParsedCacheFileName parsed = MCp_CacheFile::ParseName(file, bag.GetAppVersion());
-        const std::string matchname = velacore::ToUtf8(parsed.matchname);
-        IntrusivePtr<MC_StuffData> data =
-            MC_StuffData::CreateSubclass(matchname.c_str(), parsed.header);
-        if (!data) return;  // no data class for it here: leave the file for someone who knows it
-        Adopt(bag, file, size, parsed.guid, std::move(data));
-        ForgetTempOf(bag, file);
-    } catch (int code) {
-        if (g_scanTrace.Enabled())
-            g_scanTrace.Write("ScanOneDiskCacheFile: deleting " + file.GetFullPathUtf8() +
-                              " (error " + std::to_string(code) + ")\n");
-        DeleteQuietly(file);
-    }
+    AdoptOrDelete(bag, file, size);
 }
 
 void MCp_DiskFolder::Scan(MC_Bag& bag) {
@@ -228,25 +252,27 @@ void MCp_DiskFolder::Scan(MC_Bag& bag) {
         mark = bag.lastScanMark_;
     }
     const uint64_t passStart = static_cast<uint64_t>(NowNanos());
-    bool stopped = false;
-    std::vector<File> files, temps;
+    Walk walk;
+    walk.mark = mark;
     try {
-        files = CollectCacheFiles(dir, mark, stopped, temps);
+        walk.Folder(dir.GetFullPath(), 0);
     } catch (...) {
         if (g_scanTrace.Enabled()) g_scanTrace.Write("ScanDiskCacheDir: walk failed\n");
         return;
     }
-    SweepTempFiles(bag, temps);
-    for (const File& file : files) {
+    SweepTempFiles(bag, walk.temps);
+    bool stopped = walk.stopped;
+    for (const ListedFile& listed : walk.files) {
         if (MCp_StopRequested()) {
             stopped = true;
             break;
         }
         try {
-            ScanOne(bag, file);
+            AdoptOrDelete(bag, listed.file, listed.size);
         } catch (...) {
             if (g_scanTrace.Enabled())
-                g_scanTrace.Write("ScanDiskCacheDir: skipped " + file.GetFullPathUtf8() + "\n");
+                g_scanTrace.Write("ScanDiskCacheDir: skipped " + listed.file.GetFullPathUtf8() +
+                                  "\n");
         }
     }
     if (stopped) return;  // the next pass must still see what this one did not reach

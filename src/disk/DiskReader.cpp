@@ -26,7 +26,9 @@ namespace {
 debug::TraceSite g_prepTrace("MC_Stuff", 7);
 debug::TraceSite g_readFailedTrace("DiskCache", 6);
 
-constexpr size_t kReadBufferSize = 2097152;  // 2 MiB
+// Small on purpose: a payload read at least this long goes straight into the payload's memory,
+// only the header and small reads pass through the buffer.
+constexpr size_t kReadBufferSize = 65536;
 constexpr size_t kReadBlockSize = 4096;
 
 // Quiet error reports on this thread for the scope. A host that refuses quiet mode has its code

@@ -155,7 +155,7 @@ double WriteContent(const velacore::File& temp, const CacheFileHeader& header,
         std::this_thread::sleep_for(std::chrono::milliseconds(ms));
         seconds += ms / 1000.0;
     }
-    FastWriteOnlyStream stream(temp);
+    FastWriteOnlyStream stream(temp, kCacheFileHeaderSize + data.GetApproximateMemorySize());
     header.WriteTo(stream);
     velacore::Timer writeTimer;
     const double reported = data.Write(stream);

@@ -8,12 +8,29 @@
 #include <utility>
 
 #include "host/NativeFileSystem.h"
+#include "mc/host/Errors.h"
 
 namespace velacore {
 
 WritableFile::~WritableFile() = default;
+void WritableFile::Reserve(uint64_t /*size*/) {}
 ReadableFile::~ReadableFile() = default;
 FileSystem::~FileSystem() = default;
+
+std::vector<DirectoryEntry> FileSystem::ListDirectoryWithStats(const std::filesystem::path& path) {
+    std::vector<DirectoryEntry> entries = ListDirectory(path);
+    std::erase_if(entries, [&](DirectoryEntry& entry) {
+        if (!entry.isRegularFile) return false;
+        try {
+            entry.size = FileSize(path / entry.name);
+            entry.created = CreationTime(path / entry.name);
+            return false;
+        } catch (const HostError&) {
+            return true;  // vanished, or cannot be looked at: not listed
+        }
+    });
+    return entries;
+}
 
 // --- FileSystemWrapper ----------------------------------------------------------------------
 

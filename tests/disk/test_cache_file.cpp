@@ -266,6 +266,19 @@ TEST_F(CacheStreamTest, ExactlyFullBufferAddsNoEmptyTail) {
     EXPECT_EQ(std::filesystem::file_size(file.GetFullPath()), kBuffer);
 }
 
+// The room reserved for the expected size is cut back to the buffers actually written.
+TEST_F(CacheStreamTest, RoomReservedPastTheLastBufferIsCutOffAtClose) {
+    const File file = dir_.FileAt("short.zkcache");
+    FastWriteOnlyStream out(file, 4 * kBuffer);
+    const std::vector<uint8_t> payload(kBuffer + 10, 0x3C);
+    out.WriteBytes(payload.data(), payload.size());
+    out.Finish();
+    out.Close();
+    const std::vector<uint8_t> bytes = ReadWholeFile(file.GetFullPath());
+    ASSERT_EQ(bytes.size(), 2 * kBuffer);
+    EXPECT_EQ(std::vector<uint8_t>(bytes.begin(), bytes.begin() + payload.size()), payload);
+}
+
 TEST_F(CacheStreamTest, WriteAfterFinishIsAnIoError) {
     FastWriteOnlyStream out(dir_.FileAt("f.zkcache"));
     out.WriteByte(1);

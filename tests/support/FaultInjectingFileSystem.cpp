@@ -80,6 +80,7 @@ public:
         target_->Close();
     }
     bool IsDirectIo() const override { return target_->IsDirectIo(); }
+    void Reserve(uint64_t size) override { target_->Reserve(size); }
 
 private:
     std::unique_ptr<WritableFile> target_;

@@ -42,6 +42,11 @@ class MCHOST_API WritableFile {
 
     // Whether writes currently bypass the system's cache (direct I/O).
     virtual bool IsDirectIo() const = 0;
+
+    // Sets aside room for `size` bytes up front where the file system supports it (nothing
+    // otherwise). The length at Close is still exactly what was appended. Throws IOError
+    // (ENOSPC when the disk is full).
+    virtual void Reserve(uint64_t size);
 };
 
 // A file opened for reading, with its own position.
@@ -66,6 +71,9 @@ struct DirectoryEntry {
     std::string name;  // UTF-8, without the folder
     bool isDirectory = false;
     bool isRegularFile = false;
+    // Filled for regular files by ListDirectoryWithStats only.
+    uint64_t size = 0;
+    int64_t created = 0;  // nanoseconds since 1970 (birth time, else last modification)
 };
 
 class MCHOST_API FileSystem {
@@ -130,6 +138,10 @@ class MCHOST_API FileSystem {
     // The entries of a folder (without "." and ".."), in no particular order. Links inside are
     // listed, not followed (see DirectoryEntry); the folder itself may be reached through one.
     virtual std::vector<DirectoryEntry> ListDirectory(const std::filesystem::path& path) = 0;
+
+    // ListDirectory with each regular file's size and creation time (as FileSize and
+    // CreationTime give them). A file that vanishes while it is listed is left out.
+    virtual std::vector<DirectoryEntry> ListDirectoryWithStats(const std::filesystem::path& path);
 
     // The efficient I/O size of the file system holding the path (at least 512).
     virtual size_t GetBlockSize(const std::filesystem::path& path) = 0;

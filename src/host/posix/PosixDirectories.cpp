@@ -88,6 +88,32 @@ void RemoveTree(int parentFd, const char* name, const std::filesystem::path& pat
     }
 }
 
+// Fills kind, size and creation time of `name` in the folder `dirFd`. Returns false when it
+// vanished or cannot be looked at.
+bool StatAt(int dirFd, const char* name, DirectoryEntry& out) {
+#ifdef STATX_BTIME
+    struct statx stx {};
+    constexpr unsigned kMask = STATX_TYPE | STATX_SIZE | STATX_BTIME | STATX_MTIME;
+    if (::statx(dirFd, name, AT_SYMLINK_NOFOLLOW, kMask, &stx) == 0) {
+        out.isDirectory = S_ISDIR(stx.stx_mode);
+        out.isRegularFile = S_ISREG(stx.stx_mode);
+        out.size = stx.stx_size;
+        const struct statx_timestamp& ts =
+            (stx.stx_mask & STATX_BTIME) ? stx.stx_btime : stx.stx_mtime;
+        out.created = static_cast<int64_t>(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
+        return true;
+    }
+    if (errno != ENOSYS) return false;
+#endif
+    struct stat st {};
+    if (::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    out.isDirectory = S_ISDIR(st.st_mode);
+    out.isRegularFile = S_ISREG(st.st_mode);
+    out.size = static_cast<uint64_t>(st.st_size);
+    out.created = static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
+    return true;
+}
+
 }  // namespace
 
 void PosixFileSystem::CreateDirectory(const std::filesystem::path& path) {
@@ -110,6 +136,30 @@ std::vector<DirectoryEntry> PosixFileSystem::ListDirectory(const std::filesystem
     if (raw == nullptr) ThrowLastFsError("open folder", path);
     DirStream dir(raw);
     return ReadEntries(dir.Get(), path);
+}
+
+std::vector<DirectoryEntry> PosixFileSystem::ListDirectoryWithStats(
+    const std::filesystem::path& path) {
+    DIR* raw = ::opendir(path.c_str());
+    if (raw == nullptr) ThrowLastFsError("open folder", path);
+    DirStream dir(raw);
+    std::vector<DirectoryEntry> entries;
+    for (;;) {
+        errno = 0;
+        const dirent* entry = ::readdir(dir.Get());
+        if (entry == nullptr) {
+            if (errno != 0) ThrowLastFsError("read folder", path);
+            return entries;
+        }
+        if (IsDotOrDotDot(entry->d_name)) continue;
+        DirectoryEntry out{entry->d_name, entry->d_type == DT_DIR, false};
+        // Folders and other kinds are known from the listing; files take one look each,
+        // relative to the folder and never through a link.
+        if (entry->d_type == DT_REG || entry->d_type == DT_UNKNOWN) {
+            if (!StatAt(::dirfd(dir.Get()), entry->d_name, out)) continue;
+        }
+        entries.push_back(std::move(out));
+    }
 }
 
 }  // namespace velacore

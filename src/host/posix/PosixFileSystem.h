@@ -34,6 +34,7 @@ class MCHOST_API PosixFileSystem final : public FileSystem {
     void RemoveDirectory(const std::filesystem::path& path) override;
     void RemoveDirectoryRecursive(const std::filesystem::path& path) override;
     std::vector<DirectoryEntry> ListDirectory(const std::filesystem::path& path) override;
+    std::vector<DirectoryEntry> ListDirectoryWithStats(const std::filesystem::path& path) override;
     size_t GetBlockSize(const std::filesystem::path& path) override;
     uint64_t GetFreeSpace(const std::filesystem::path& path) override;
     void SetNotContentIndexed(const std::filesystem::path& path) override;
