@@ -62,7 +62,12 @@ public:
     std::shared_ptr<MC_SortDir> GetSortDir() const { return sortDir_; }
 
     // --- size accounting ---
+    // Adds to the in-memory total; a rise above the wake threshold calls the wake hook.
     void AdjustInMemoryCacheSize(int64_t delta);
+    // Calls `wake` whenever the in-memory total rises from at most `threshold` bytes to above
+    // it. `wake` must be cheap and must not call back into the cache: it may run under the
+    // cache lock. An empty `wake` turns it off.
+    void SetMemoryWake(int64_t threshold, std::function<void()> wake);
     void AdjustCheckedOutMemoryCacheSize(int64_t delta);
     void AdjustOnDiskCacheSize(int64_t delta);
     int64_t GetInMemoryCacheSizeInBytes_LockFree() const { return inMemory_.load(); }
@@ -165,6 +170,11 @@ private:
     std::atomic<uint64_t> lastPurgedUsedTime_{0};  // stored under the cache lock
     std::atomic<int64_t> inMemory_{0};
     std::atomic<int64_t> checkedOut_{0};
+    std::atomic<int64_t> wakeAbove_{INT64_MAX};  // the wake threshold; stored under wakeMutex_
+
+    // --- guarded by wakeMutex_ (a leaf lock, taken only when the total crosses) ---
+    std::mutex wakeMutex_;
+    std::function<void()> wake_;
 
     // --- thread-safe by itself ---
     velacore::Signal<void()> diskOutOfSpace_;

@@ -41,6 +41,7 @@
 #include "mc/host/Guid.h"
 #include "mc/host/IntrusivePtr.h"
 #include "mc/host/MultiTenantRecursiveMutex.h"
+#include "mc/host/OnDemand.h"
 #include "mc/host/OpenOnceGate.h"
 #include "mc/host/Signal.h"
 
@@ -111,7 +112,8 @@ public:
     std::weak_ptr<MC_Bag> GetBag() const;
     std::shared_ptr<MC_SortDir> GetSortDir() const;
     void SetSortDir(const std::shared_ptr<MC_SortDir>& dir);
-    StateSignal& GetMemDiskChangedSignal() { return stateSignal_; }
+    // Built at the first call: items nobody subscribes to carry no list.
+    StateSignal& GetMemDiskChangedSignal() { return stateSignal_.Get(); }
 
     // --- state ---
     bool IsInMemory() const;
@@ -257,14 +259,18 @@ private:
     // --- compare-and-swap word shared by the purge and the writer ---
     std::atomic<int32_t> purgeGuard_{0};  // 0 idle, 2 purging, 1 writing
 
-    // --- set at construction, never changed (gateWeak_ is initialised from gate_) ---
-    std::shared_ptr<velacore::OpenOnceGate> gate_;
-    std::weak_ptr<velacore::OpenOnceGate> gateWeak_;
+    // --- the render gate, built by the first waiter. The completion sets renderDone_ and
+    // then opens the gate if there is one; a waiter installs the gate and then reads
+    // renderDone_ (both sequentially consistent), so one of the two always sees the other ---
+    velacore::OnDemand<velacore::OpenOnceGate> gate_;
+    std::atomic<bool> renderDone_{false};
+    // --- set at construction, never changed ---
     std::thread::id creatorThread_;
 
-    // --- thread-safe by itself; emitted outside the item lock, except when a disk file is
-    // deleted under it (MaybeDeleteDiskCacheFile, a failed read-back) ---
-    StateSignal stateSignal_;
+    // --- thread-safe by itself, built by the first subscriber; emitted outside the item lock,
+    // except when a disk file is deleted under it (MaybeDeleteDiskCacheFile, a failed
+    // read-back) ---
+    velacore::OnDemandSignal<void(bool inMemory, bool onDisk)> stateSignal_;
 
     // --- guarded by the item lock ---
     IntrusivePtr<MC_StuffData> data_;

@@ -199,9 +199,19 @@ MC_CheckoutResult MC_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
 // --- size accounting -----------------------------------------------------------------------
 
 void MC_Bag::AdjustInMemoryCacheSize(int64_t delta) {
-    inMemory_.fetch_add(delta);
+    const int64_t before = inMemory_.fetch_add(delta);
+    const int64_t limit = wakeAbove_.load(std::memory_order_relaxed);
+    if (before <= limit && before + delta > limit) {
+        std::lock_guard<std::mutex> lock(wakeMutex_);
+        if (wake_) wake_();
+    }
     if (g_adjustMemTrace.Enabled())
         g_adjustMemTrace.Write("AdjustInMemoryCacheSize: " + std::to_string(delta) + "\n");
+}
+void MC_Bag::SetMemoryWake(int64_t threshold, std::function<void()> wake) {
+    std::lock_guard<std::mutex> lock(wakeMutex_);
+    wakeAbove_.store(wake ? threshold : INT64_MAX, std::memory_order_relaxed);
+    wake_ = std::move(wake);
 }
 void MC_Bag::AdjustCheckedOutMemoryCacheSize(int64_t delta) {
     checkedOut_.fetch_add(delta);

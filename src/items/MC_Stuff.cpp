@@ -37,15 +37,13 @@ MC_Stuff::MC_Stuff()
     : guid_(Guid::CreateUnique()),
       lastUseTime_(HighPrecisionTime::Now()),
       guidHash_(HashOf(guid_)),
-      gate_(std::make_shared<velacore::OpenOnceGate>()),
-      gateWeak_(gate_),
       creatorThread_(std::this_thread::get_id()) {
     MCp_GetCounters().numStuffs.fetch_add(1, std::memory_order_relaxed);
 }
 
 MC_Stuff::~MC_Stuff() {
     try {
-        if (IsInMemory()) stateSignal_(false, false);
+        if (stateSignal_.HasList() && IsInMemory()) stateSignal_(false, false);
         SyncMemorySizeWithBag(0);
         SyncDiskSizeWithBag(0);
     } catch (...) {
@@ -548,15 +546,18 @@ void MC_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> dat
     } else {
         RemoveFromBagAndSortDir();
     }
-    gate_->Open();
+    renderDone_.store(true, std::memory_order_seq_cst);
+    if (velacore::OpenOnceGate* gate = gate_.Peek()) gate->Open();
 }
 
 void MC_Stuff::WaitForPendingCompletion() {
     if (!IsPendingRender()) return;
     MCp_GetCounters().pendingWaits.fetch_add(1);
     debug::ProfileScope profile("ZK.MC_Stuff::WaitForPending", 6);
-    std::shared_ptr<velacore::OpenOnceGate> gate = gateWeak_.lock();
-    if (gate) gate->Pass(velacore::OpenOnceGate::Clock::now() + kPendingWaitLimit);
+    // The caller holds the item, so the gate lives as long as this wait.
+    velacore::OpenOnceGate& gate = gate_.Get();
+    if (renderDone_.load(std::memory_order_seq_cst)) return;
+    gate.Pass(velacore::OpenOnceGate::Clock::now() + kPendingWaitLimit);
 }
 
 // --- bag membership ------------------------------------------------------------------------

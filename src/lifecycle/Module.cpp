@@ -1,6 +1,7 @@
 // Module start-up and shut-down, the global bag, and the process-wide settings.
 #include "lifecycle/Module.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <mutex>
@@ -58,6 +59,12 @@ void ConnectMemoryClient() {
         [] {
             if (std::shared_ptr<MC_Bag> bag = MC_GlobalBag()) bag->FreeUpSomeMemory(0);
         });
+    // Crossing the budget wakes the monitor at once, so the total overshoots by about an item
+    // rather than by what a timer interval lets in.
+    velacore::HostServices::MemoryWake wake = velacore::GetHostServices().GetMemoryWake();
+    if (std::shared_ptr<MC_Bag> bag = MC_GlobalBag(); bag && wake.wake)
+        bag->SetMemoryWake(static_cast<int64_t>(std::min<uint64_t>(wake.threshold, INT64_MAX)),
+                           std::move(wake.wake));
 }
 
 }  // namespace
@@ -122,6 +129,7 @@ void MC_Death() {
     MCr_Shutdown();
     velacore::GetHostServices().SetMemoryClient({}, {});
     if (std::shared_ptr<MC_Bag> bag = s.bag.load()) {
+        bag->SetMemoryWake(0, {});
         bag->ClearBagAndSortDir();
         s.bag.store(nullptr);
     }

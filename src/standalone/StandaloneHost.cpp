@@ -106,6 +106,12 @@ void StandaloneHostServices::SetMemoryClient(std::function<int64_t()> usage,
     monitor_->SetClient(std::move(usage), std::move(purge));
 }
 
+velacore::HostServices::MemoryWake StandaloneHostServices::GetMemoryWake() {
+    // The monitor lives as long as these services; the cache drops the hook before they go.
+    StandaloneMemoryMonitor* monitor = monitor_.get();
+    return {monitor->Budget(), [monitor] { monitor->Wake(); }};
+}
+
 bool StandaloneHostServices::IsMemoryMonitorRunning() const {
     return monitor_->IsRunning();
 }

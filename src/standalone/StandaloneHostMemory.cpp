@@ -91,6 +91,14 @@ bool StandaloneMemoryMonitor::IsRunning() const {
     return running_;
 }
 
+void StandaloneMemoryMonitor::Wake() {
+    {
+        std::lock_guard lock(mutex_);
+        wakeRequested_ = true;
+    }
+    wake_.notify_all();
+}
+
 void StandaloneMemoryMonitor::Run(uint64_t generation) {
     std::unique_lock lock(mutex_);
     const auto current = [&] { return running_ && generation_ == generation; };
@@ -100,7 +108,8 @@ void StandaloneMemoryMonitor::Run(uint64_t generation) {
         if (client) SampleOnce(*client);
         client.reset();
         lock.lock();
-        wake_.wait_for(lock, interval_, [&] { return !current(); });
+        wake_.wait_for(lock, interval_, [&] { return !current() || wakeRequested_; });
+        wakeRequested_ = false;
     }
     if (!running_) {  // stopped, not replaced: the figures of the last sample no longer hold
         amountToPurge_.store(0, std::memory_order_release);

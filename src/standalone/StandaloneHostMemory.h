@@ -41,6 +41,10 @@ class StandaloneMemoryMonitor {
     // that callers never run the client's usage source on their own thread.
     uint64_t AmountAvailable() const;
     bool IsRunning() const;
+    // Makes the thread sample now instead of at the end of its interval. Takes only the
+    // monitor's own lock, briefly, and never calls the client.
+    void Wake();
+    uint64_t Budget() const { return budget_; }
     uint64_t SampleCount() const { return samples_.load(std::memory_order_relaxed); }
     uint64_t PurgeCount() const { return purges_.load(std::memory_order_relaxed); }
 
@@ -61,6 +65,7 @@ class StandaloneMemoryMonitor {
     uint64_t generation_ = 0;  // a thread runs while its generation is current
     std::thread thread_;
     bool running_ = false;
+    bool wakeRequested_ = false;
     std::atomic<uint64_t> amountToPurge_{0};
     std::atomic<uint64_t> lastUsage_{0};
     std::atomic<uint64_t> samples_{0};

@@ -3,13 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <random>
 #include <thread>
 #include <vector>
 
 #include "bag/MC_SortDir.h"
+#include "host/WaitUntil.h"
 #include "mc/MCp_ScLock.h"
 #include "mc/MC_ScCheckout.h"
+#include "mc/standalone/StandaloneHost.h"
 #include "support/ModuleAccess.h"
 #include "support/ModuleFixture.h"
 #include "support/TestPayload.h"
@@ -199,3 +202,27 @@ TEST_F(Purge, SoakEndsWithExactTotals) {
 }
 
 }  // namespace
+
+// With its timer effectively off, the memory monitor still samples and purges once the bag's
+// total rises above the budget, and only on the rise, not on every later growth.
+TEST(MemoryWake, ARiseAboveTheBudgetWakesTheMonitorAtOnce) {
+    velacore::StandaloneConfig config;
+    config.memoryBudget = 1000;
+    config.monitorInterval = std::chrono::hours(1);
+    auto host = std::make_shared<velacore::StandaloneHostServices>(config);
+    auto bag = std::make_shared<MC_Bag>(0);
+    velacore::HostServices::MemoryWake wake = host->GetMemoryWake();
+    ASSERT_EQ(wake.threshold, 1000u);
+    bag->SetMemoryWake(static_cast<int64_t>(wake.threshold), wake.wake);
+    std::atomic<int> purges{0};
+    host->SetMemoryClient([&] { return bag->GetInMemoryCacheSizeInBytes_LockFree(); },
+                          [&] { purges.fetch_add(1); });
+    ASSERT_TRUE(hosttest::WaitUntil([&] { return host->GetCounters().memorySamples == 1; }));
+    bag->AdjustInMemoryCacheSize(1000);  // at the budget: not over it
+    bag->AdjustInMemoryCacheSize(1);
+    ASSERT_TRUE(hosttest::WaitUntil([&] { return purges.load() == 1; }));
+    bag->AdjustInMemoryCacheSize(500);  // still above: no new crossing
+    EXPECT_EQ(host->GetCounters().memorySamples, 2u);
+    host->SetMemoryClient(nullptr, nullptr);
+    bag->SetMemoryWake(0, {});
+}

@@ -56,6 +56,15 @@ public:
     // The cache tells the host how to read its in-memory total and how to make it purge.
     // Either may be empty (to disconnect). The purge hook is never called under a cache lock.
     virtual void SetMemoryClient(std::function<int64_t()> usage, std::function<void()> purge) = 0;
+    // How the cache wakes the memory monitor the moment its in-memory total rises above
+    // `threshold` bytes instead of at the next timed sample. `wake` only notifies the monitor's
+    // thread (it never purges or calls back), so it may run under the cache's locks. An empty
+    // `wake`: the host samples on its timer only.
+    struct MemoryWake {
+        uint64_t threshold = 0;
+        std::function<void()> wake;
+    };
+    virtual MemoryWake GetMemoryWake() { return {}; }
 
     // --- reports ------------------------------------------------------------------------
     // A broken invariant, with its literal message.
@@ -146,6 +155,7 @@ public:
     void SetMemoryClient(std::function<int64_t()> u, std::function<void()> p) override {
         target_->SetMemoryClient(std::move(u), std::move(p));
     }
+    MemoryWake GetMemoryWake() override { return target_->GetMemoryWake(); }
     void ReportFailedVerification(std::string_view m) override {
         target_->ReportFailedVerification(m);
     }

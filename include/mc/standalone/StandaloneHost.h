@@ -152,6 +152,7 @@ class MCSTANDALONE_API StandaloneHostServices : public HostServices {
     // purge above the budget; empty hooks stop it (waiting for a purge in flight, unless called
     // from purge itself). The services keep copies of both functions until replaced.
     void SetMemoryClient(std::function<int64_t()> usage, std::function<void()> purge) override;
+    MemoryWake GetMemoryWake() override;
     // Reports are counted, and logged unless errors are quiet on the calling thread.
     void ReportFailedVerification(std::string_view message) override;
     void ReportErrString(uint32_t base, int severity, std::u16string_view text) override;
