@@ -42,8 +42,12 @@ void* operator new(std::size_t n) {
     if (void* p = std::malloc(n ? n : 1)) return p;
     throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
 
 namespace {
 
@@ -113,9 +117,9 @@ void BM_ReferenceLru_Hit(benchmark::State& state) {
     const uint64_t allocBefore = g_allocations.load();
     for (auto _ : state) benchmark::DoNotOptimize(g_reference->Get(keys[i++ & (kKeyStream - 1)]));
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()));
-    state.counters["allocs_per_hit"] = benchmark::Counter(
-        static_cast<double>(g_allocations.load() - allocBefore) /
-        static_cast<double>(state.iterations()));
+    state.counters["allocs_per_hit"] =
+        benchmark::Counter(static_cast<double>(g_allocations.load() - allocBefore) /
+                           static_cast<double>(state.iterations()));
 }
 
 #if MC_HAVE_TBB
@@ -131,9 +135,9 @@ void BM_TbbLru_Hit(benchmark::State& state) {
         benchmark::DoNotOptimize(h.value());
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()));
-    state.counters["allocs_per_hit"] = benchmark::Counter(
-        static_cast<double>(g_allocations.load() - allocBefore) /
-        static_cast<double>(state.iterations()));
+    state.counters["allocs_per_hit"] =
+        benchmark::Counter(static_cast<double>(g_allocations.load() - allocBefore) /
+                           static_cast<double>(state.iterations()));
 }
 #endif
 
@@ -247,10 +251,11 @@ int main(int argc, char** argv) {
     std::printf("reference LRU: 1 thread %.1f ns/hit; 2 threads %.2fx one thread\n",
                 1e9 / ref1.opsPerSec, ref2.opsPerSec / ref1.opsPerSec);
     auto purge = get("BM_PurgeWalk/iterations:3");
-    std::printf("purge walk freeing half of %u items: %.1f ms per walk, %.1f ns per visited item, "
-                "%.0f%% of the call under the cache lock\n",
-                kItems, purge.nsPerOp, purge.counters["ns_per_visited_item"],
-                100.0 * purge.counters["share_under_cache_lock"]);
+    std::printf(
+        "purge walk freeing half of %u items: %.1f ms per walk, %.1f ns per visited item, "
+        "%.0f%% of the call under the cache lock\n",
+        kItems, purge.nsPerOp, purge.counters["ns_per_visited_item"],
+        100.0 * purge.counters["share_under_cache_lock"]);
     std::printf("ratio MC / reference LRU time per hit (1 thread): %.2f\n",
                 ref1.opsPerSec / mc1.opsPerSec);
 #if MC_HAVE_TBB

@@ -47,8 +47,12 @@ void* operator new(std::size_t n) {
     if (void* p = std::malloc(n ? n : 1)) return p;
     throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
 
 namespace {
 
@@ -138,8 +142,8 @@ struct McBag {
 // Receipt hit on the global bag, the figure the issue quotes.
 bool ReceiptHit(const IntrusivePtr<MC_Stuff>& request) {
     MC_ScCheckout receipt;
-    return receipt.FindAndCheckout(request, MC_CheckoutFlag_ReadOnly |
-                                                MC_CheckoutFlag_NoDiskRead) ==
+    return receipt.FindAndCheckout(request,
+                                   MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_NoDiskRead) ==
            MC_CheckoutResult_CheckedOut;
 }
 
@@ -161,7 +165,9 @@ double TwoThreadRate(int ops, F&& op) {
     return 2.0 * ops / std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
-size_t HeapInUse() { return mallinfo2().uordblks; }
+size_t HeapInUse() {
+    return mallinfo2().uordblks;
+}
 
 void Print(const char* what, const Samples& s, const char* unit) {
     std::printf("  %-44s min %9.1f  median %9.1f %s\n", what, s.Min(), s.Median(), unit);
@@ -223,8 +229,7 @@ int main(int argc, char** argv) {
         PlainLru plain(kItems);
         McBag small(1000, false);
 #if MC_HAVE_TBB
-        TbbCache tbb([](uint32_t) { return std::make_shared<std::vector<uint8_t>>(64); },
-                     kItems);
+        TbbCache tbb([](uint32_t) { return std::make_shared<std::vector<uint8_t>>(64); }, kItems);
         for (uint32_t k = 0; k < kItems; ++k) tbb[k];
 #endif
         const auto keys = Keys(kItems, 1, 1 << 20);
@@ -257,25 +262,28 @@ int main(int argc, char** argv) {
                 if (!small.Hit(k)) std::abort();
             }));
             const double one = 1e9 / TimeOps(keys, kHitOps, [&](uint32_t k) {
-                if (!ReceiptHit(global.requests[k])) std::abort();
-            });
-            two.v.push_back(TwoThreadRate(kHitOps, [&](int t, int ops) {
-                              const auto& ks = threadKeys[static_cast<size_t>(t)];
-                              for (int i = 0; i < ops; ++i)
-                                  if (!ReceiptHit(global.requests[ks[static_cast<size_t>(i)]]))
-                                      std::abort();
-                          }) /
-                          one);
+                                   if (!ReceiptHit(global.requests[k])) std::abort();
+                               });
+            two.v.push_back(
+                TwoThreadRate(kHitOps,
+                              [&](int t, int ops) {
+                                  const auto& ks = threadKeys[static_cast<size_t>(t)];
+                                  for (int i = 0; i < ops; ++i)
+                                      if (!ReceiptHit(global.requests[ks[static_cast<size_t>(i)]]))
+                                          std::abort();
+                              }) /
+                one);
             const double oneControl = 1e9 / TimeOps(keys, kHitOps, [&](uint32_t k) {
-                if (!own0.Get(k)) std::abort();
-            });
-            twoControl.v.push_back(TwoThreadRate(kHitOps, [&](int t, int ops) {
-                                       const auto& ks = threadKeys[static_cast<size_t>(t)];
-                                       for (int i = 0; i < ops; ++i)
-                                           if (!own[t]->Get(ks[static_cast<size_t>(i)]))
-                                               std::abort();
-                                   }) /
-                                   oneControl);
+                                          if (!own0.Get(k)) std::abort();
+                                      });
+            twoControl.v.push_back(
+                TwoThreadRate(kHitOps,
+                              [&](int t, int ops) {
+                                  const auto& ks = threadKeys[static_cast<size_t>(t)];
+                                  for (int i = 0; i < ops; ++i)
+                                      if (!own[t]->Get(ks[static_cast<size_t>(i)])) std::abort();
+                              }) /
+                oneControl);
         }
     }
     // The 1,000,000-item bag is built once, after the others are gone.
@@ -286,10 +294,12 @@ int main(int argc, char** argv) {
         const auto keysBig = Keys(1'000'000, 6, 1 << 20);
         const auto keysMid = Keys(kItems, 7, 1 << 20);
         for (int r = 0; r < rounds; ++r) {
-            mcLocal100k.v.push_back(
-                TimeOps(keysMid, kHitOps, [&](uint32_t k) { if (!mid.Hit(k)) std::abort(); }));
-            mcLocal1M.v.push_back(
-                TimeOps(keysBig, kHitOps, [&](uint32_t k) { if (!big.Hit(k)) std::abort(); }));
+            mcLocal100k.v.push_back(TimeOps(keysMid, kHitOps, [&](uint32_t k) {
+                if (!mid.Hit(k)) std::abort();
+            }));
+            mcLocal1M.v.push_back(TimeOps(keysBig, kHitOps, [&](uint32_t k) {
+                if (!big.Hit(k)) std::abort();
+            }));
         }
     }
 

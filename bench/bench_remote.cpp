@@ -25,7 +25,7 @@ constexpr int kRounds = 7;
 // A payload that only holds its bytes: its Read costs a copy and nothing else, so the fetch
 // measures the tier.
 class BenchPayload : public MC_StuffData {
-  public:
+public:
     static constexpr const char* kMatchname = "BenchPayload";
     BenchPayload(uint32_t key, uint32_t size)
         : key_(key), bytes_(size ? std::make_shared<std::vector<uint8_t>>(size, 7) : nullptr) {}
@@ -82,7 +82,7 @@ class BenchPayload : public MC_StuffData {
         return r;
     }
 
-  private:
+private:
     uint32_t key_;
     std::shared_ptr<std::vector<uint8_t>> bytes_;
 };
@@ -91,7 +91,9 @@ double Median(std::vector<double> v) {
     std::sort(v.begin(), v.end());
     return v[v.size() / 2];
 }
-double Min(const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); }
+double Min(const std::vector<double>& v) {
+    return *std::min_element(v.begin(), v.end());
+}
 
 struct Machine {
     explicit Machine(std::shared_ptr<FarmHost> host) : scoped(host) {
@@ -172,7 +174,7 @@ void FetchBench(RedisServer& server, uint32_t size, uint32_t firstKey) {
     redisContext* c = redisConnectWithTimeout("127.0.0.1", server.Port(), tv);
     Machine reader(host);
     MC_GlobalBag()->EnableDiskCache(false);  // fetched items stay off this machine's disk
-    TierRound(keys, size);  // warm connections and allocator
+    TierRound(keys, size);                   // warm connections and allocator
     PlainRound(c, kItems, value.size());
     std::vector<double> tier, plain, ratio;
     for (int round = 0; round < kRounds; ++round) {
@@ -183,10 +185,10 @@ void FetchBench(RedisServer& server, uint32_t size, uint32_t firstKey) {
         ratio.push_back(t / p);
     }
     redisFree(c);
-    std::printf("fetch %u MiB: tier %.0f MB/s, plain GET %.0f MB/s (medians); ratio min %.2f "
-                "median %.2f over %d rounds\n",
-                size >> 20, Median(tier) / 1e6, Median(plain) / 1e6, Min(ratio), Median(ratio),
-                kRounds);
+    std::printf(
+        "fetch %u MiB: tier %.0f MB/s, plain GET %.0f MB/s (medians); ratio min %.2f "
+        "median %.2f over %d rounds\n",
+        size >> 20, Median(tier) / 1e6, Median(plain) / 1e6, Min(ratio), Median(ratio), kRounds);
 }
 
 // Nanoseconds per hit of one in-memory item.
@@ -225,9 +227,10 @@ void HitBench(RedisServer& server) {
         off.push_back(b);
         ratio.push_back(a / b);
     }
-    std::printf("hit path: tier configured %.0f ns, not configured %.0f ns (medians); "
-                "cost ratio min %.3f median %.3f over %d rounds\n",
-                Median(on), Median(off), Min(ratio), Median(ratio), kRounds);
+    std::printf(
+        "hit path: tier configured %.0f ns, not configured %.0f ns (medians); "
+        "cost ratio min %.3f median %.3f over %d rounds\n",
+        Median(on), Median(off), Min(ratio), Median(ratio), kRounds);
 }
 
 }  // namespace

@@ -20,8 +20,8 @@
 #include "mc/MC_StuffData.h"
 #include "mc/host/ByteStream.h"
 #include "mc/host/Errors.h"
-#include "mc/standalone/StandaloneHost.h"
 #include "mc/host/TextConvert.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace {
 

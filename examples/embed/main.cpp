@@ -16,8 +16,8 @@
 #include "mc/host/ByteStream.h"
 #include "mc/host/File.h"
 #include "mc/host/HostServices.h"
-#include "mc/standalone/StandaloneHost.h"
 #include "mc/host/Time.h"
+#include "mc/standalone/StandaloneHost.h"
 
 namespace {
 

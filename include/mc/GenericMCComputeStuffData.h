@@ -24,7 +24,7 @@ struct ComputeValueHolder {
 };
 
 class MC_API MCComputeValue {
-  public:
+public:
     // Owns `refcon` from now on (freed through callbacks.DisposeValue). Keeps its own copies of
     // the class name and of the callbacks, so it outlives its class's registration.
     MCComputeValue(std::string_view className, const ZKGP_ComputeCacheCallbacks& callbacks,
@@ -43,14 +43,14 @@ class MC_API MCComputeValue {
     // The plug-in's value pointer; still owned by this object.
     void* GetRefcon() const { return holder_ ? holder_->refcon : nullptr; }
 
-  private:
+private:
     std::string className_;
     ZKGP_ComputeCacheCallbacks callbacks_;
     std::unique_ptr<ComputeValueHolder> holder_;
 };
 
 class MC_API GenericMCComputeStuffData : public MC_StuffData {
-  public:
+public:
     // A payload without a value (a probe, or an entry about to be computed).
     explicit GenericMCComputeStuffData(const ZKGP_GUID& key);
     // A payload sharing `value`.
@@ -74,7 +74,7 @@ class MC_API GenericMCComputeStuffData : public MC_StuffData {
     // Whether a value is present.
     bool IsInMemory() const override;
 
-  private:
+private:
     mutable velacore::RecursiveMutex mutex_;
     ZKGP_GUID key_;
     std::shared_ptr<MCComputeValue> value_;

@@ -22,14 +22,14 @@ enum MC_CheckoutResult : int32_t {
 
 // Check-out flags (bits not listed are ignored).
 enum : int {
-    MC_CheckoutFlag_ReadOnly = 0x01,     // shared read-only; clear = writeable
-    MC_CheckoutFlag_MemoryOnly = 0x02,   // fail unless in memory or pending; no disk read-back
-    MC_CheckoutFlag_AllowNoData = 0x04,  // succeed with neither data, pending render nor file
-    MC_CheckoutFlag_NoDiskRead = 0x08,   // never read back from disk
-    MC_CheckoutFlag_CreatePending = 0x10,               // find: create a pending item on a miss
-    MC_CheckoutFlag_WaitIfPendingUnlessLocked = 0x20,   // accept pending unless notify lock held
-    MC_CheckoutFlag_WaitIfPending = 0x40,               // accept pending always
-    MC_CheckoutFlag_ReferenceOnly = 0x80                // receipt: hold without checking out
+    MC_CheckoutFlag_ReadOnly = 0x01,       // shared read-only; clear = writeable
+    MC_CheckoutFlag_MemoryOnly = 0x02,     // fail unless in memory or pending; no disk read-back
+    MC_CheckoutFlag_AllowNoData = 0x04,    // succeed with neither data, pending render nor file
+    MC_CheckoutFlag_NoDiskRead = 0x08,     // never read back from disk
+    MC_CheckoutFlag_CreatePending = 0x10,  // find: create a pending item on a miss
+    MC_CheckoutFlag_WaitIfPendingUnlessLocked = 0x20,  // accept pending unless notify lock held
+    MC_CheckoutFlag_WaitIfPending = 0x40,              // accept pending always
+    MC_CheckoutFlag_ReferenceOnly = 0x80               // receipt: hold without checking out
 };
 
 // Check-in flags (bits not listed are ignored).
@@ -39,4 +39,3 @@ enum : int {
     MC_CheckinFlag_Purge = 0x04,               // free the item's memory at once
     MC_CheckinFlag_ForceWriteToDisk = 0x08     // queue a disk write whatever the decision says
 };
-

@@ -6,10 +6,10 @@
 #include "host/HostOps.h"
 #include "lifecycle/Counters.h"
 #include "lifecycle/Module.h"
-#include "mc/MCp_ScLock.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_Stuff.h"
+#include "mc/MCp_ScLock.h"
 
 namespace {
 debug::TraceSite g_stuffStats("MC_Purge", 7);
@@ -97,8 +97,8 @@ int64_t MC_Bag::FreeUpSomeMemory(size_t) {
                 "Pass-Stats: pass, totalStuffs, attemptedStuffs, freedStuffs, amountFreedInPass, "
                 "amtToPurge, success:0, " +
                 std::to_string(mruSize_) + ", " + std::to_string(stats.attempted) + ", " +
-                std::to_string(stats.freedItems) + ", " + std::to_string(stats.amountFreed) +
-                ", " + std::to_string(U_AmountToPurge()) + ", " + (success ? "1" : "0") + "\n");
+                std::to_string(stats.freedItems) + ", " + std::to_string(stats.amountFreed) + ", " +
+                std::to_string(U_AmountToPurge()) + ", " + (success ? "1" : "0") + "\n");
         if (stats.newestUsed != 0) {
             TrackLastPurgedUsedTime(stats.newestUsed);
             MCp_NoteLastPurgedUsedTime(this, stats.newestUsed);

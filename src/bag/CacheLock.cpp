@@ -14,7 +14,8 @@ MCp_ScLock::MCp_ScLock() : mutex_(&CacheMutex()) {
     const bool nested = mutex_->IsLockedByCurrentThread();
     {
         std::unique_ptr<debug::ProfileScope> wait;
-        if (debug::IsProfiling(6)) wait = std::make_unique<debug::ProfileScope>("ZK.MCp_ScLock - wait", 6);
+        if (debug::IsProfiling(6))
+            wait = std::make_unique<debug::ProfileScope>("ZK.MCp_ScLock - wait", 6);
         mutex_->lock();
         owns_ = true;
     }
@@ -28,4 +29,6 @@ MCp_ScLock::~MCp_ScLock() {
     if (owns_) mutex_->unlock();
 }
 
-bool MCp_ScLock::IsHeldByCurrentThread() { return CacheMutex().IsLockedByCurrentThread(); }
+bool MCp_ScLock::IsHeldByCurrentThread() {
+    return CacheMutex().IsLockedByCurrentThread();
+}

@@ -7,9 +7,9 @@
 #include "bag/MC_SortDir.h"
 #include "host/HostOps.h"
 #include "lifecycle/Messages.h"
-#include "mc/MCp_ScLock.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_Stuff.h"
+#include "mc/MCp_ScLock.h"
 #include "mc/host/File.h"
 #include "mc/host/Time.h"
 #include "mediamap/MediaMapHooks.h"
@@ -127,10 +127,9 @@ void MC_Bag::TraceMediaMapChange(const char* what, const StuffPtr& stuff) {
     uint64_t inMemory = 0, onDisk = 0;
     GetCacheSizesInBytes(inMemory, onDisk);
     g_mediaMapTrace.Write(std::string(what) + PointerText(stuff.get()) + " MC Cache size " +
-                          std::to_string(inMemory) + " num entries = " +
-                          std::to_string(mruSize_) + " MediaMap size " +
-                          std::to_string(MCp_MediaMapSize()) + " num entries = " +
-                          std::to_string(MCp_MediaMapEntryCount()) + "\n");
+                          std::to_string(inMemory) + " num entries = " + std::to_string(mruSize_) +
+                          " MediaMap size " + std::to_string(MCp_MediaMapSize()) +
+                          " num entries = " + std::to_string(MCp_MediaMapEntryCount()) + "\n");
 }
 
 // Stamps the item as used now and has the host's top-level runner move it to the young end. The
@@ -247,8 +246,8 @@ uint64_t MC_Bag::GetCurrentMaxCacheSize() const {
 float MC_Bag::GetPercentOfAvailableMemoryCheckedOut() const {
     std::shared_ptr<MC_Bag> global = MC_GlobalBag();
     const double checkedOut = global ? static_cast<double>(global->checkedOut_.load()) : 0.0;
-    const double available = static_cast<double>(U_AmountAvailableBeforePurge()) +
-                             static_cast<double>(inMemory_.load());
+    const double available =
+        static_cast<double>(U_AmountAvailableBeforePurge()) + static_cast<double>(inMemory_.load());
     if (available <= 0.0) return checkedOut > 0.0 ? 1.0f : 0.0f;
     return static_cast<float>(checkedOut / available);
 }

@@ -7,20 +7,24 @@
 #include "host/HostOps.h"
 #include "lifecycle/Counters.h"
 #include "lifecycle/Messages.h"
-#include "mc/MCp_ScLock.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
+#include "mc/MCp_ScLock.h"
 
 using velacore::ScopedReadLockWrapper;
 using velacore::ScopedWriteLockWrapper;
 
-size_t MC_SortDir::GuidHash::operator()(const StuffPtr& s) const { return s->GetGuidHash(); }
+size_t MC_SortDir::GuidHash::operator()(const StuffPtr& s) const {
+    return s->GetGuidHash();
+}
 
 bool MC_SortDir::GuidEqual::operator()(const StuffPtr& a, const StuffPtr& b) const {
     return a == b || (a->GetGuidHash() == b->GetGuidHash() && a->GetGuid() == b->GetGuid());
 }
 
-MC_SortDir::MC_SortDir() { index_.max_load_factor(1.0f); }
+MC_SortDir::MC_SortDir() {
+    index_.max_load_factor(1.0f);
+}
 
 // Candidates that failed during one find; usually empty, so it allocates only on failure.
 struct MC_SortDir::Attempt {

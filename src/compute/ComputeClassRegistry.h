@@ -15,7 +15,7 @@
 #include "mc/MC_ComputeCache.h"
 
 class MCp_ComputeClassRegistry {
-  public:
+public:
     // The one registry of the process.
     static MCp_ComputeClassRegistry& Instance();
 
@@ -28,7 +28,7 @@ class MCp_ComputeClassRegistry {
     bool Find(std::string_view name, ZKGP_ComputeCacheCallbacks* out) const;
     size_t Size() const;
 
-  private:
+private:
     mutable std::shared_mutex mutex_;
     std::map<std::string, ZKGP_ComputeCacheCallbacks, std::less<>> classes_;
 };

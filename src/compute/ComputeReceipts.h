@@ -14,7 +14,7 @@
 #include "mc/MC_ScCheckout.h"
 
 class MCp_ComputeReceipts {
-  public:
+public:
     // The one table of the process.
     static MCp_ComputeReceipts& Instance();
 
@@ -35,7 +35,7 @@ class MCp_ComputeReceipts {
     // Receipts handed out and not yet taken back.
     size_t LiveCount() const;
 
-  private:
+private:
     mutable std::shared_mutex mutex_;
     std::unordered_set<const void*> live_;
 };

@@ -260,7 +260,7 @@ void MCp_DiskWriter::Reconsider(MC_Stuff& stuff) {
 void MCp_DiskWriter::Enqueue(IntrusivePtr<MC_Stuff> stuff) {
     if (!stuff) return;
     std::shared_ptr<velacore::AsyncThreadedSubExecutor> exec = MCp_DiskExecutor();
-    if (!exec) return;  // stopped: nothing is queued any more
+    if (!exec) return;   // stopped: nothing is queued any more
     MCr_Publish(stuff);  // the remote tier shares what goes to disk
     std::shared_ptr<MC_ScCheckout> receipt;
     IntrusivePtr<MC_StuffData> data = stuff->GetDataPtr();

@@ -57,7 +57,7 @@ void WorkerLoop(const std::shared_ptr<PoolState>& st) {
 }
 
 class IOBoundExecutor final : public Executor {
-  public:
+public:
     explicit IOBoundExecutor(size_t threads)
         : st_(std::make_shared<PoolState>(std::max<size_t>(threads, 1))) {}
     ~IOBoundExecutor() override { StopImpl(true); }
@@ -86,7 +86,7 @@ class IOBoundExecutor final : public Executor {
         return st_->queue.size();
     }
 
-  private:
+private:
     // Requires st_->mutex held and the new job at the back of the queue. A failure to start a
     // thread only matters when there is none at all: then the job is withdrawn and the error
     // propagates.

@@ -10,7 +10,7 @@ namespace velacore::detail {
 
 // Lives on the stack around one job; frames of nested executors chain together.
 class ExecutorRunFrame {
-  public:
+public:
     // `owner` identifies the executor running the job; it is only compared, never used.
     explicit ExecutorRunFrame(const void* owner);
     ~ExecutorRunFrame();
@@ -20,7 +20,7 @@ class ExecutorRunFrame {
     // Returns how many jobs of `owner` are running on the calling thread (0 or more).
     static size_t CountOnThisThread(const void* owner);
 
-  private:
+private:
     const void* owner_;
     ExecutorRunFrame* previous_;
 };

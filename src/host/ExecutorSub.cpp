@@ -22,7 +22,7 @@ constexpr size_t kDrainBatch = 16;
 
 // Shared by the sub-executor object and the drains queued on the parent.
 class SubState : public std::enable_shared_from_this<SubState> {
-  public:
+public:
     SubState(const std::shared_ptr<Executor>& parent, size_t concurrency)
         : parent_(parent), concurrency_(std::max<size_t>(concurrency, 1)) {}
 
@@ -101,7 +101,7 @@ class SubState : public std::enable_shared_from_this<SubState> {
         }
     }
 
-  private:
+private:
     // Posts a drain that already owns a slot. Returns whether the parent accepted it; if not,
     // the ticket's destructor gives the slot back and stops us.
     bool PostDrain(const std::shared_ptr<Executor>& parent);
@@ -129,7 +129,7 @@ class SubState : public std::enable_shared_from_this<SubState> {
 // Carried by the job posted to the parent; tells the sub-executor when that job is dropped
 // without having run.
 class DrainTicket {
-  public:
+public:
     explicit DrainTicket(std::shared_ptr<SubState> st) : st_(std::move(st)) {}
     ~DrainTicket() {
         if (!ran_) st_->OnDrainLost();
@@ -141,7 +141,7 @@ class DrainTicket {
         st_->Drain();
     }
 
-  private:
+private:
     std::shared_ptr<SubState> st_;
     bool ran_ = false;
 };
@@ -152,7 +152,7 @@ bool SubState::PostDrain(const std::shared_ptr<Executor>& parent) {
 }
 
 class SubExecutor final : public AsyncThreadedSubExecutor {
-  public:
+public:
     SubExecutor(std::shared_ptr<Executor> parent, size_t concurrency)
         : parent_(std::move(parent)), st_(std::make_shared<SubState>(parent_, concurrency)) {}
     ~SubExecutor() override {
@@ -172,7 +172,7 @@ class SubExecutor final : public AsyncThreadedSubExecutor {
     bool IsStopped() const override { return st_->IsStopped(); }
     size_t QueuedCount() const override { return st_->QueuedCount(); }
 
-  private:
+private:
     std::shared_ptr<Executor> parent_;  // kept alive as long as we are
     std::shared_ptr<SubState> st_;
 };

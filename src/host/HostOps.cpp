@@ -26,11 +26,11 @@ struct BetaFeatureRecord {
 
 struct ServicesState {
     std::mutex mutex;
-    std::atomic<HostServices*> current{nullptr};  // hot path
-    std::shared_ptr<HostServices> installed;      // keeps `current` alive when installed
-    std::shared_ptr<HostServices> fallback;       // the default, created lazily
+    std::atomic<HostServices*> current{nullptr};   // hot path
+    std::shared_ptr<HostServices> installed;       // keeps `current` alive when installed
+    std::shared_ptr<HostServices> fallback;        // the default, created lazily
     HostServicesFactory defaultFactory = nullptr;  // makes `fallback`
-    std::vector<BetaFeatureRecord> betaFeatures;  // replayed into every services object
+    std::vector<BetaFeatureRecord> betaFeatures;   // replayed into every services object
 };
 
 ServicesState& State() {

@@ -129,7 +129,8 @@ void MultiTenantRecursiveMutex::LockRead() {
     Holder* h = FindHolderLocked(self);
     if (!h) {
         // A new reader queues behind the writer and behind anyone waiting to write.
-        WaitCounted(cv_, lock, sleepers_, [this] { return writer_ == std::thread::id() && waitingWriters_ == 0; });
+        WaitCounted(cv_, lock, sleepers_,
+                    [this] { return writer_ == std::thread::id() && waitingWriters_ == 0; });
         h = AddHolderLocked(self);
     }
     // Otherwise the thread already holds some mode, which excludes every writer but itself.

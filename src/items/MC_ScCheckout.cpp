@@ -2,9 +2,9 @@
 #include "mc/MC_ScCheckout.h"
 
 #include "host/HostOps.h"
-#include "mc/MCp_ScLock.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
+#include "mc/MCp_ScLock.h"
 
 using velacore::ScopedReadLockWrapper;
 using velacore::ScopedUpgradeLockWrapper;
@@ -12,7 +12,8 @@ using velacore::ScopedWriteLockWrapper;
 
 MC_ScStuffSetter::~MC_ScStuffSetter() {
     try {
-        if (stuff_ && stuff_->IsPendingRender()) stuff_->SetStuffDataFromPendingRender_Impl(nullptr, 0.0);
+        if (stuff_ && stuff_->IsPendingRender())
+            stuff_->SetStuffDataFromPendingRender_Impl(nullptr, 0.0);
     } catch (int) {
     } catch (const std::exception&) {
         U_TranslateAndReportException(std::current_exception());
@@ -183,9 +184,9 @@ bool MC_ScCheckout::ReacquireSuspendedCheckout() {
     ScopedUpgradeLockWrapper up(lock_);
     if (suspended_) {
         const int stored = checkoutFlags_;
-        const int reduced = stored & ~(MC_CheckoutFlag_NoDiskRead | MC_CheckoutFlag_CreatePending |
-                                       MC_CheckoutFlag_WaitIfPendingUnlessLocked |
-                                       MC_CheckoutFlag_WaitIfPending);
+        const int reduced =
+            stored & ~(MC_CheckoutFlag_NoDiskRead | MC_CheckoutFlag_CreatePending |
+                       MC_CheckoutFlag_WaitIfPendingUnlessLocked | MC_CheckoutFlag_WaitIfPending);
         Hold detached;
         IntrusivePtr<MC_Stuff> suspended;
         {
@@ -218,7 +219,9 @@ bool MC_ScCheckout::HasSuspendedCheckout() const {
     return !stuff_ && suspended_;
 }
 
-bool MC_ScCheckout::DidCheckout() const { return GetResult() != MC_CheckoutResult_Failed; }
+bool MC_ScCheckout::DidCheckout() const {
+    return GetResult() != MC_CheckoutResult_Failed;
+}
 bool MC_ScCheckout::DidCreateNewPending() const {
     return GetResult() == MC_CheckoutResult_CreatedNewPending;
 }

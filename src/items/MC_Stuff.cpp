@@ -167,8 +167,12 @@ double MC_Stuff::GetPotentialComputeTime() const {
     ScopedReadLockWrapper r(lock_);
     return computeTime_ + cachedComputeTimeSavings_;
 }
-void MC_Stuff::UpdateLastUsedTimeToNow() { lastUseTime_.exchange(HighPrecisionTime::Now()); }
-uint64_t MC_Stuff::GetLastReadFromDiskTime() const { return lastReadFromDiskTime_.load(); }
+void MC_Stuff::UpdateLastUsedTimeToNow() {
+    lastUseTime_.exchange(HighPrecisionTime::Now());
+}
+uint64_t MC_Stuff::GetLastReadFromDiskTime() const {
+    return lastReadFromDiskTime_.load();
+}
 
 // --- bag and sort directory ----------------------------------------------------------------
 
@@ -255,9 +259,15 @@ void MC_Stuff::SyncDiskSizeWithBag(uint32_t size) {
 
 // --- counters ------------------------------------------------------------------------------
 
-uint32_t MC_Stuff::GetNumStuffs() { return MCp_GetCounters().numStuffs.load(); }
-uint32_t MC_Stuff::GetNumStuffsOnDisk() { return MCp_GetCounters().numStuffsOnDisk.load(); }
-uint32_t MC_Stuff::GetNumDiskCacheCheckouts() { return MCp_GetCounters().numDiskHolds.load(); }
+uint32_t MC_Stuff::GetNumStuffs() {
+    return MCp_GetCounters().numStuffs.load();
+}
+uint32_t MC_Stuff::GetNumStuffsOnDisk() {
+    return MCp_GetCounters().numStuffsOnDisk.load();
+}
+uint32_t MC_Stuff::GetNumDiskCacheCheckouts() {
+    return MCp_GetCounters().numDiskHolds.load();
+}
 
 MC_Stuff::DiskCacheCheckoutScoper::DiskCacheCheckoutScoper(std::atomic<uint32_t>& itemCount,
                                                            std::atomic<uint32_t>& globalCount)
@@ -280,8 +290,8 @@ constexpr auto kPendingWaitLimit = std::chrono::nanoseconds(86'400'000'000'000LL
 // Steps shared by read-only and writeable check-outs; the caller holds the item lock (upgrade
 // or write). Returns 0 with nothing changed, or 1 with the count raised.
 MC_CheckoutResult MC_Stuff::CheckoutLocked(int flags, bool writeable, bool acceptPending) {
-    const bool countRefusal = (flags & (MC_CheckoutFlag_WaitIfPendingUnlessLocked |
-                                        MC_CheckoutFlag_WaitIfPending)) != 0;
+    const bool countRefusal =
+        (flags & (MC_CheckoutFlag_WaitIfPendingUnlessLocked | MC_CheckoutFlag_WaitIfPending)) != 0;
     if (checkedOutWriteable_) return MC_CheckoutResult_Failed;
     if (writeable && GetCheckoutCount() != 0) return MC_CheckoutResult_Failed;
     if (!acceptPending && IsPendingRender()) {
@@ -322,10 +332,9 @@ MC_CheckoutResult MC_Stuff::CheckoutLocked(int flags, bool writeable, bool accep
 
 MC_CheckoutResult MC_Stuff::Checkout(int flags) {
     if (!(flags & MC_CheckoutFlag_ReadOnly)) return CheckoutForWrite(flags);
-    const bool acceptPending =
-        (flags & MC_CheckoutFlag_WaitIfPending) ||
-        ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
-         !ScNotifyHoldingMutexLock::IsHoldingLock());
+    const bool acceptPending = (flags & MC_CheckoutFlag_WaitIfPending) ||
+                               ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
+                                !ScNotifyHoldingMutexLock::IsHoldingLock());
     MC_CheckoutResult result;
     uint32_t size = 0;
     {
@@ -344,10 +353,9 @@ MC_CheckoutResult MC_Stuff::Checkout(int flags) {
 // the cache lock. A read that leaves nothing to check out gives the claim back.
 MC_CheckoutResult MC_Stuff::CheckoutForWrite(int flags) {
     const bool readBack = !(flags & (MC_CheckoutFlag_NoDiskRead | MC_CheckoutFlag_MemoryOnly));
-    const bool acceptPending =
-        (flags & MC_CheckoutFlag_WaitIfPending) ||
-        ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
-         !ScNotifyHoldingMutexLock::IsHoldingLock());
+    const bool acceptPending = (flags & MC_CheckoutFlag_WaitIfPending) ||
+                               ((flags & MC_CheckoutFlag_WaitIfPendingUnlessLocked) &&
+                                !ScNotifyHoldingMutexLock::IsHoldingLock());
     MC_CheckoutResult result;
     {
         MCp_ScLock lock;
@@ -457,8 +465,7 @@ void MC_Stuff::PurgeAfterLastCheckin() {
 
 // The disk-write step of a check-in: forced writes go to the disk executor at once; writeable
 // check-ins ask whether the item is worth writing.
-void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime,
-                               bool renderDone) {
+void MC_Stuff::CheckinDiskStep(int flags, bool wasWriteable, double computeTime, bool renderDone) {
     if (!(flags & MC_CheckinFlag_ForceWriteToDisk) && !wasWriteable) return;  // nothing to decide
     IntrusivePtr<MC_StuffData> data = GetDataPtr();
     if (!data || !data->IsInMemory() || !data->CanDiskCache()) return;
@@ -518,8 +525,7 @@ void MC_Stuff::ConvertToWriteable() {
     DeleteDiskCacheFile();  // the payload is about to change
 }
 
-void MC_Stuff::SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData> data,
-                                             double computeTime) {
+void MC_Stuff::SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData> data, double computeTime) {
     SetStuffDataFromPendingRender_Impl(std::move(data), computeTime);
 }
 
@@ -638,8 +644,7 @@ private:
 };
 }  // namespace
 
-bool MC_Stuff::PurgeIfPossiblePrivate(const ScopedWriteLockWrapper&,
-                                      MC_ReleaseList* releaseList) {
+bool MC_Stuff::PurgeIfPossiblePrivate(const ScopedWriteLockWrapper&, MC_ReleaseList* releaseList) {
     PurgeGuardClaim claim(purgeGuard_);
     if (!claim.Claimed()) return false;
     IntrusivePtr<MC_StuffData> data = GetDataPtr();
@@ -673,13 +678,13 @@ uint32_t MC_Stuff::FreeUpAsMuchAsPossible(bool updateMediaMap, MC_ReleaseList* r
         if (freedAnything) {
             g_purgeTrace.Write("FreeUpAsMuchAsPossible " + Describe(this, bag) + "\n");
             if (removedFromBag && !updateMediaMap)
-                g_purgeTrace.Write("FreeUpAsMuchAsPossible purged from media manager " +
-                                   Describe(this, bag) + " num entries = " +
-                                   std::to_string(MCp_MediaMapEntryCount()) + "\n");
+                g_purgeTrace.Write(
+                    "FreeUpAsMuchAsPossible purged from media manager " + Describe(this, bag) +
+                    " num entries = " + std::to_string(MCp_MediaMapEntryCount()) + "\n");
         } else {
             g_purgeTrace.Write("FreeUpAsMuchAsPossible - couldn't free anything " +
-                               Describe(this, bag) + " freed_anything = " +
-                               std::to_string(freedAnything) +
+                               Describe(this, bag) +
+                               " freed_anything = " + std::to_string(freedAnything) +
                                " removedFromBag = " + std::to_string(removedFromBag) + "\n");
         }
     }

@@ -31,13 +31,25 @@ std::u16string WidenName(const char* name) {
 
 MC_StuffData::~MC_StuffData() = default;
 
-bool MC_StuffData::IdenticalRequest(IntrusivePtr<MC_StuffData>) const { return true; }
-bool MC_StuffData::CanSatisfyRequest(IntrusivePtr<MC_StuffData>) const { return true; }
-bool MC_StuffData::ShouldAllowPurge() const { return true; }
-bool MC_StuffData::CanDiskCache() const { return false; }
-const char* MC_StuffData::GetSubclassMatchname() const { return nullptr; }
+bool MC_StuffData::IdenticalRequest(IntrusivePtr<MC_StuffData>) const {
+    return true;
+}
+bool MC_StuffData::CanSatisfyRequest(IntrusivePtr<MC_StuffData>) const {
+    return true;
+}
+bool MC_StuffData::ShouldAllowPurge() const {
+    return true;
+}
+bool MC_StuffData::CanDiskCache() const {
+    return false;
+}
+const char* MC_StuffData::GetSubclassMatchname() const {
+    return nullptr;
+}
 void MC_StuffData::GetHeader(std::vector<uint8_t>&) const {}
-double MC_StuffData::Write(velacore::OByteStream&) const { return 0.0; }
+double MC_StuffData::Write(velacore::OByteStream&) const {
+    return 0.0;
+}
 double MC_StuffData::Read(velacore::IByteStream&, velacore::MultiTenantRecursiveMutex&) {
     return 0.0;
 }

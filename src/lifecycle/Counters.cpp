@@ -69,5 +69,9 @@ MC_DiskPerformanceCounters MC_GetDiskPerformanceCounters() {
     return out;
 }
 
-void MC_NotifyFrameReadFromDisk() { MCp_GetCounters().framesRead.fetch_add(1); }
-void MC_NotifyFrameWrittenToDisk() { MCp_GetCounters().framesWritten.fetch_add(1); }
+void MC_NotifyFrameReadFromDisk() {
+    MCp_GetCounters().framesRead.fetch_add(1);
+}
+void MC_NotifyFrameWrittenToDisk() {
+    MCp_GetCounters().framesWritten.fetch_add(1);
+}

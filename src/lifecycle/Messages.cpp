@@ -30,8 +30,8 @@ const U_LStrCacheEntry g_messageTable[] = {
     {"$$$/ZK/MC/LStr/0020=stale stuff ID", 0, 0, 0},
     {"$$$/ZK/MC/LStr/0021=unsafe operation attempted", 0, 0, 0},
     {"$$$/ZK/MC/LStr/0022=can#{rsquo}t convert to writeable when not checked out", 0, 0, 0},
-    {"$$$/ZK/MC/LStr/0023=This Computer{{*COMMENT*}}disk cache subdir name for unnamed machine",
-     0, 0, 0},
+    {"$$$/ZK/MC/LStr/0023=This Computer{{*COMMENT*}}disk cache subdir name for unnamed machine", 0,
+     0, 0},
     {"$$$/ZK/MC/LStr/0024=Disk Cache folder doesn#{rsquo}t exist, so it will be reset to the "
      "system temporary directory. Please check your settings in Memory & Cache Preferences.",
      0, 0, 0},
@@ -48,7 +48,9 @@ static_assert(sizeof(g_messageTable) / sizeof(g_messageTable[0]) == 28);
 
 const U_LStrCacheEntry* const MC_G_zref = g_messageTable;
 
-std::u16string MCp_Message(int index) { return U_ZLookupLStrCache(MC_G_zref, index, 0, 0); }
+std::u16string MCp_Message(int index) {
+    return U_ZLookupLStrCache(MC_G_zref, index, 0, 0);
+}
 
 void MCp_ThrowMisuse(int index, int code) {
     if (U_IsOnMainThread()) Up_ReportErrString(kMCErrorBase, 2, MCp_Message(index));

@@ -79,7 +79,9 @@ std::shared_ptr<velacore::AsyncThreadedSubExecutor> MCp_AsyncExecutor() {
     return State().async;
 }
 
-bool MCp_StopRequested() { return State().stopRequested.load(); }
+bool MCp_StopRequested() {
+    return State().stopRequested.load();
+}
 
 void MC_Birth(bool interactive, unsigned int appVersion, bool quilletMode) {
     ALOG_Log(10, "MC", "Birth", "MC Birth");
@@ -137,7 +139,9 @@ void MC_Death() {
     MC_StuffData::Death();
 }
 
-std::shared_ptr<MC_Bag> MC_GlobalBag() { return State().bag.load(); }
+std::shared_ptr<MC_Bag> MC_GlobalBag() {
+    return State().bag.load();
+}
 
 uint64_t MC_GetMaxMCCacheSize() {
     const double bytes = static_cast<double>(NX::MM::GetFixedMaxCacheSize()) *
@@ -194,4 +198,6 @@ bool MCp_MinimumCheck::Above() {
     return !bag_ || bag_->GetInMemoryCacheSizeInBytes_LockFree() >= minimum_;
 }
 
-uint64_t MC_GetMediaMapSize() { return MCp_MediaMapEnabled() ? MCp_MediaMapSize() : 0; }
+uint64_t MC_GetMediaMapSize() {
+    return MCp_MediaMapEnabled() ? MCp_MediaMapSize() : 0;
+}

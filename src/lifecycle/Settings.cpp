@@ -2,9 +2,9 @@
 #include "lifecycle/Settings.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <charconv>
-#include <atomic>
 #include <mutex>
 #include <string>
 
@@ -68,8 +68,12 @@ private:
 
 }  // namespace
 
-void ResetForTesting() { g_generation.fetch_add(1); }
-uint64_t Generation() { return g_generation.load(); }
+void ResetForTesting() {
+    g_generation.fetch_add(1);
+}
+uint64_t Generation() {
+    return g_generation.load();
+}
 
 bool UseMediaMap() {
     static Cached<bool> cached;

@@ -7,13 +7,13 @@
 #include <string_view>
 
 namespace mc_settings {
-bool UseMediaMap();                      // "MC.UseMediaMap1", default true
-double QuilletCacheLimitMultiplier();    // "Graphics.DefaultMCCacheLimitForQuilletsMultiplier", 0.1
-double MinSizeToPurgeLimitRatio();       // "ZK.MinMCSizeToPurgeLimitRatioR", 0.1
-int32_t DebugSleepMsSetStuffData();      // "ZK.DebugSleepTimeInMs_MCSetStuffDataR", 0
-double LowPriorityFactor();              // "ZK.MC.LowPriorityFactorR", 2.0
-int32_t ReadDiskDelayMs();               // "ZK.MC.ReadDiskDelayInMsR", 0
-int32_t WriteDiskDelayMs();              // "ZK.MC.WriteDiskDelayInMsR", 0
+bool UseMediaMap();                    // "MC.UseMediaMap1", default true
+double QuilletCacheLimitMultiplier();  // "Graphics.DefaultMCCacheLimitForQuilletsMultiplier", 0.1
+double MinSizeToPurgeLimitRatio();     // "ZK.MinMCSizeToPurgeLimitRatioR", 0.1
+int32_t DebugSleepMsSetStuffData();    // "ZK.DebugSleepTimeInMs_MCSetStuffDataR", 0
+double LowPriorityFactor();            // "ZK.MC.LowPriorityFactorR", 2.0
+int32_t ReadDiskDelayMs();             // "ZK.MC.ReadDiskDelayInMsR", 0
+int32_t WriteDiskDelayMs();            // "ZK.MC.WriteDiskDelayInMsR", 0
 
 // Makes every entry (and the quillet feature answer) be read again on next use. Tests only.
 void ResetForTesting();

@@ -34,7 +34,7 @@ bool operator<(const MC_MediaMapDataKey& a, const MC_MediaMapDataKey& b);
 
 // What an entry holds: a weak reference to the item and the bytes it was registered with.
 class MC_MediaMapData {
-  public:
+public:
     MC_MediaMapData(const IntrusivePtr<MC_Stuff>& stuff, uint64_t bytes);
     virtual ~MC_MediaMapData();
     MC_MediaMapData(const MC_MediaMapData&) = delete;
@@ -48,7 +48,7 @@ class MC_MediaMapData {
     // The item, or null once its last reference went away.
     IntrusivePtr<MC_Stuff> GetStuff() const { return stuff_.Lock(); }
 
-  private:
+private:
     velacore::WeakPtr<MC_Stuff> stuff_;
     const uint64_t bytes_;
 };
@@ -68,7 +68,7 @@ struct MC_MediaMapSearcher {
 };
 
 class MC_MediaMapImpl : public NX::IMediaMap, public NX::IPurgeableSupport {
-  public:
+public:
     using Map = NX::MediaMap<MC_MediaMapDataKey, MC_MediaMapDataPtr, MC_MediaMapSearcher>;
 
     // manager: the host's media manager (not owned; null: entries are kept but not
@@ -115,7 +115,7 @@ class MC_MediaMapImpl : public NX::IMediaMap, public NX::IPurgeableSupport {
     // flight. Call without holding the cache lock or any item lock.
     void Shutdown();
 
-  private:
+private:
     struct IdRecord {
         velacore::WeakPtr<MC_Stuff> stuff;
         MC_MediaMapDataPtr data;

@@ -28,8 +28,14 @@ void MCr_Shutdown();
 void MCr_SetTestHook(std::function<void(std::string_view point)> hook);
 #else
 inline void MCr_Publish(const IntrusivePtr<MC_Stuff>&) {}
-inline bool MCr_FillPending(const IntrusivePtr<MC_Stuff>&, int) { return false; }
-inline bool MCr_FilledByThisThread(const MC_Stuff*) { return false; }
+inline bool MCr_FillPending(const IntrusivePtr<MC_Stuff>&, int) {
+    return false;
+}
+inline bool MCr_FilledByThisThread(const MC_Stuff*) {
+    return false;
+}
 inline void MCr_Shutdown() {}
-inline bool MCr_WaitForPublishing(double) { return true; }
+inline bool MCr_WaitForPublishing(double) {
+    return true;
+}
 #endif

@@ -14,7 +14,7 @@ constexpr uint32_t kChunkMagic = 0x4D435243;   // "MCRC"
 constexpr uint16_t kRecordVersion = 1;
 
 class Writer {
-  public:
+public:
     template <typename T>
     void Put(T v) {
         uint8_t b[sizeof(T)];
@@ -28,7 +28,7 @@ class Writer {
 };
 
 class Reader {
-  public:
+public:
     explicit Reader(std::string_view b) : b_(b) {}
     template <typename T>
     bool Get(T* v) {
@@ -46,7 +46,7 @@ class Reader {
     size_t Pos() const { return pos_; }
     bool AtEnd() const { return pos_ == b_.size(); }
 
-  private:
+private:
     std::string_view b_;
     size_t pos_ = 0;
 };
@@ -76,7 +76,9 @@ std::string Hex(uint64_t v) {
 }
 }  // namespace
 
-std::string Namespace(uint32_t appVersion) { return "MC:" + Hex(appVersion) + ":"; }
+std::string Namespace(uint32_t appVersion) {
+    return "MC:" + Hex(appVersion) + ":";
+}
 
 std::string IndexKey(const std::string& ns, const velacore::Guid& guid) {
     return ns + "g:" + guid.AsString();
@@ -172,8 +174,7 @@ std::array<uint8_t, 16> BodyHash(const FarmRecord& rec,
     return h.GetHashBytes();
 }
 
-std::string EncodeChunk(const FarmRecord& rec, uint32_t index, const uint8_t* piece,
-                        size_t size) {
+std::string EncodeChunk(const FarmRecord& rec, uint32_t index, const uint8_t* piece, size_t size) {
     Writer w;
     w.Put(kChunkMagic);
     w.Put(index);

@@ -19,10 +19,10 @@
 
 namespace mc_remote {
 
-constexpr size_t kChunkBytes = 4u << 20;       // 4 MiB
-constexpr size_t kChunkPrefixBytes = 24;       // magic, index, identity hash
+constexpr size_t kChunkBytes = 4u << 20;        // 4 MiB
+constexpr size_t kChunkPrefixBytes = 24;        // magic, index, identity hash
 constexpr uint64_t kMaxBodyBytes = 1ull << 30;  // whatever the settings say
-constexpr size_t kMaxCandidates = 64;          // entries of one GUID that are looked at
+constexpr size_t kMaxCandidates = 64;           // entries of one GUID that are looked at
 constexpr size_t kMaxNameBytes = 4096;
 constexpr size_t kMaxRecordBytes = 8192;
 
@@ -56,10 +56,10 @@ std::optional<FarmRecord> DecodeRecord(std::string_view bytes);
 
 std::array<uint8_t, 16> BodyHash(const FarmRecord& rec, const uint8_t* body, size_t size);
 // The same over a body held in pieces (the fetched chunks, without copying them together).
-std::array<uint8_t, 16> BodyHash(const FarmRecord& rec, const std::vector<std::string_view>& pieces);
+std::array<uint8_t, 16> BodyHash(const FarmRecord& rec,
+                                 const std::vector<std::string_view>& pieces);
 // The chunk value: prefix then the piece.
-std::string EncodeChunk(const FarmRecord& rec, uint32_t index, const uint8_t* piece,
-                        size_t size);
+std::string EncodeChunk(const FarmRecord& rec, uint32_t index, const uint8_t* piece, size_t size);
 // The piece of a chunk value, when its prefix and length are those expected.
 std::optional<std::string_view> CheckChunk(const FarmRecord& rec, uint32_t index,
                                            std::string_view value);

@@ -31,12 +31,16 @@ void At(std::string_view point) {
     if (auto hook = TestHook()) hook(point);
 }
 
-bool IsString(const redisReply* r) { return r && r->type == REDIS_REPLY_STRING; }
-std::string_view View(const redisReply* r) { return {r->str, r->len}; }
+bool IsString(const redisReply* r) {
+    return r && r->type == REDIS_REPLY_STRING;
+}
+std::string_view View(const redisReply* r) {
+    return {r->str, r->len};
+}
 
 // Reads a body held in pieces (views into the fetched replies) in order.
 class PiecesStream : public velacore::IByteStream {
-  public:
+public:
     explicit PiecesStream(const std::vector<std::string_view>& pieces) : pieces_(pieces) {}
     size_t ReadSome(void* buffer, size_t size) override {
         while (index_ < pieces_.size() && offset_ == pieces_[index_].size()) {
@@ -50,7 +54,7 @@ class PiecesStream : public velacore::IByteStream {
         return n;
     }
 
-  private:
+private:
     const std::vector<std::string_view>& pieces_;
     size_t index_ = 0;
     size_t offset_ = 0;
@@ -64,10 +68,12 @@ struct Candidate {
 };
 
 class FarmTier {
-  public:
+public:
     FarmTier(const velacore::RemoteTierSettings& s, uint32_t appVersion,
              std::vector<std::unique_ptr<RedisLink>> shards)
-        : settings_(s), appVersion_(appVersion), ns_(Namespace(appVersion)),
+        : settings_(s),
+          appVersion_(appVersion),
+          ns_(Namespace(appVersion)),
           shards_(std::move(shards)) {
         if (!settings_.readOnly) publisher_ = std::thread([this] { PublisherLoop(); });
     }
@@ -125,7 +131,7 @@ class FarmTier {
                                  [this] { return queue_.empty() && !busy_; });
     }
 
-  private:
+private:
     RedisLink& Owner(const velacore::Guid& guid) {
         // Rendezvous hashing: the shard with the highest score for this GUID owns its group.
         RedisLink* best = shards_.front().get();
@@ -271,7 +277,8 @@ class FarmTier {
     }
 
     // The item's record and body, taken under a read-only check-out that keeps it resident.
-    bool Snapshot(const IntrusivePtr<MC_Stuff>& stuff, FarmRecord& rec, std::vector<uint8_t>& body) {
+    bool Snapshot(const IntrusivePtr<MC_Stuff>& stuff, FarmRecord& rec,
+                  std::vector<uint8_t>& body) {
         MC_ScCheckout receipt(stuff, MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_MemoryOnly |
                                          MC_CheckoutFlag_NoDiskRead);
         if (!receipt.DidCheckout()) return false;
@@ -325,7 +332,8 @@ class FarmTier {
         }
         body = {};
         std::vector<Command> sets(rec.chunkCount);
-        for (uint32_t i = 0; i < rec.chunkCount; ++i) sets[i].Arg("SET").Arg(keys[i]).Arg(values[i]);
+        for (uint32_t i = 0; i < rec.chunkCount; ++i)
+            sets[i].Arg("SET").Arg(keys[i]).Arg(values[i]);
         if (!sets.empty() && !link.Run(sets)) {
             c.remotePublishDrops.fetch_add(1);
             return;

@@ -76,8 +76,12 @@ std::optional<RedisUrl> ParseRedisUrl(std::string_view url, std::string* why) {
     return out;
 }
 
-void ReplyDeleter::operator()(redisReply* r) const { freeReplyObject(r); }
-void RedisLink::ContextDeleter::operator()(redisContext* c) const { redisFree(c); }
+void ReplyDeleter::operator()(redisReply* r) const {
+    freeReplyObject(r);
+}
+void RedisLink::ContextDeleter::operator()(redisContext* c) const {
+    redisFree(c);
+}
 
 RedisLink::RedisLink(RedisUrl url, const velacore::RemoteTierSettings& settings)
     : url_(std::move(url)),
@@ -94,7 +98,9 @@ RedisLink::RedisLink(RedisUrl url, const velacore::RemoteTierSettings& settings)
 
 RedisLink::~RedisLink() = default;
 
-bool RedisLink::Available() const { return NowNs() >= downUntilNs_.load(); }
+bool RedisLink::Available() const {
+    return NowNs() >= downUntilNs_.load();
+}
 
 void RedisLink::Fail(std::string_view what, bool timedOut) {
     auto& c = MCp_GetCounters();
@@ -119,7 +125,8 @@ RedisLink::Context RedisLink::Connect() {
         return nullptr;
     }
     if (c->err) {
-        const bool timedOut = c->err == REDIS_ERR_IO && (errno == ETIMEDOUT || errno == EINPROGRESS);
+        const bool timedOut =
+            c->err == REDIS_ERR_IO && (errno == ETIMEDOUT || errno == EINPROGRESS);
         Fail(std::string("cannot connect: ") + c->errstr, timedOut);
         return nullptr;
     }
@@ -182,8 +189,7 @@ std::optional<std::vector<Reply>> RedisLink::Run(std::vector<Command>& commands)
         if (redisGetReply(c.get(), &raw) != REDIS_OK) {
             const bool timedOut =
                 c->err == REDIS_ERR_IO && (errno == EAGAIN || errno == EWOULDBLOCK);
-            Fail(timedOut ? std::string("timed out") : std::string("lost: ") + c->errstr,
-                 timedOut);
+            Fail(timedOut ? std::string("timed out") : std::string("lost: ") + c->errstr, timedOut);
             return std::nullopt;
         }
         Reply r(static_cast<redisReply*>(raw));

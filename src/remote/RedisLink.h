@@ -42,7 +42,7 @@ using Reply = std::unique_ptr<redisReply, ReplyDeleter>;
 
 // One command's arguments; the bytes stay owned by the caller until Run returns.
 class Command {
-  public:
+public:
     Command& Arg(std::string_view bytes) {
         argv_.push_back(bytes.data());
         len_.push_back(bytes.size());
@@ -52,13 +52,13 @@ class Command {
     const char** Argv() { return argv_.data(); }
     const size_t* Lengths() const { return len_.data(); }
 
-  private:
+private:
     std::vector<const char*> argv_;
     std::vector<size_t> len_;
 };
 
 class RedisLink {
-  public:
+public:
     RedisLink(RedisUrl url, const velacore::RemoteTierSettings& settings);
     ~RedisLink();
     RedisLink(const RedisLink&) = delete;
@@ -74,7 +74,7 @@ class RedisLink {
     // A stable number for placing keys on shards.
     uint64_t PlacementId() const { return placementId_; }
 
-  private:
+private:
     struct ContextDeleter {
         void operator()(redisContext* c) const;
     };

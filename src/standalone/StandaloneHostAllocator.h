@@ -17,7 +17,7 @@
 namespace velacore {
 
 class StandaloneLabelledAllocator {
-  public:
+public:
     StandaloneLabelledAllocator() = default;
     StandaloneLabelledAllocator(const StandaloneLabelledAllocator&) = delete;
     StandaloneLabelledAllocator& operator=(const StandaloneLabelledAllocator&) = delete;
@@ -27,7 +27,7 @@ class StandaloneLabelledAllocator {
     uint64_t Bytes(std::string_view label) const;
     uint64_t Blocks(std::string_view label) const;
 
-  private:
+private:
     struct FreeDeleter {
         void operator()(void* p) const { std::free(p); }
     };

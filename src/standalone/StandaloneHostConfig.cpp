@@ -63,7 +63,7 @@ std::optional<bool> ParseBool(std::string_view s) {
 
 // Reads one document, remembering its name for error messages.
 class TomlReader {
-  public:
+public:
     TomlReader(std::string_view source, StandaloneConfig& config)
         : source_(source), config_(config) {}
 
@@ -100,7 +100,7 @@ class TomlReader {
         }
     }
 
-  private:
+private:
     [[noreturn]] void Fail(const std::string& key, const std::string& what) const {
         throw StandaloneConfigError(std::string(source_) + ": key '" + key + "': " + what);
     }
@@ -444,10 +444,12 @@ void StandaloneConfig::ApplyEnvironment(const EnvLookup& lookup) {
     }
     if (auto v = lookup("MC_REMOTE_READ_ONLY")) {
         auto flag = ParseBool(*v);
-        if (!flag) FailEnv("MC_REMOTE_READ_ONLY", *v, "expected 1, 0, true, false, yes, no, on or off");
+        if (!flag)
+            FailEnv("MC_REMOTE_READ_ONLY", *v, "expected 1, 0, true, false, yes, no, on or off");
         remote.readOnly = *flag;
     }
-    if (auto v = lookup("MC_REMOTE_MAX_ITEM")) remote.maxItemBytes = EnvBytes("MC_REMOTE_MAX_ITEM", *v);
+    if (auto v = lookup("MC_REMOTE_MAX_ITEM"))
+        remote.maxItemBytes = EnvBytes("MC_REMOTE_MAX_ITEM", *v);
     if (auto v = lookup("MC_REMOTE_TIMEOUT_MS")) {
         auto ms = ParseInt(*v);
         if (!ms || *ms < 1 || *ms > 600000)

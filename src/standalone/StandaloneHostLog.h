@@ -21,7 +21,7 @@ class logger;
 namespace velacore {
 
 class StandaloneLogger {
-  public:
+public:
     // target: "" or "stderr", else a file path (appended to). level: a name accepted by
     // IsValidLogLevel. Throws StandaloneConfigError when the file cannot be opened or the level
     // is unknown.
@@ -46,7 +46,7 @@ class StandaloneLogger {
     std::vector<std::pair<std::string, int>> Channels() const;
     uint64_t TraceLineCount() const { return traceLines_.load(std::memory_order_relaxed); }
 
-  private:
+private:
     std::shared_ptr<spdlog::logger> logger_;
     std::shared_ptr<spdlog::logger> tracer_;
     mutable std::shared_mutex mutex_;

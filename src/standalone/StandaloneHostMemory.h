@@ -19,7 +19,7 @@
 namespace velacore {
 
 class StandaloneMemoryMonitor {
-  public:
+public:
     using Usage = std::function<int64_t()>;
     using Purge = std::function<void()>;
 
@@ -48,7 +48,7 @@ class StandaloneMemoryMonitor {
     uint64_t SampleCount() const { return samples_.load(std::memory_order_relaxed); }
     uint64_t PurgeCount() const { return purges_.load(std::memory_order_relaxed); }
 
-  private:
+private:
     struct Client {
         Usage usage;
         Purge purge;

@@ -17,7 +17,7 @@
 namespace velacore {
 
 class StandaloneSettings {
-  public:
+public:
     using BetaFeatureInfo = StandaloneHostServices::BetaFeatureInfo;
 
     // Starts from the configuration's debug entries, preferences and enabled features.
@@ -35,7 +35,7 @@ class StandaloneSettings {
     bool IsFeatureEnabled(std::string_view name) const;
     void SetFeatureEnabled(std::string_view name, bool enabled);
 
-  private:
+private:
     mutable std::mutex mutex_;
     std::map<std::string, std::string, std::less<>> debug_;
     std::map<std::pair<std::string, std::string>, std::string> prefs_;

@@ -13,7 +13,7 @@
 namespace velacore {
 
 class StandaloneSuiteRegistry {
-  public:
+public:
     // Returns 0, kStandaloneDuplicateError when (name, major, minor) is taken, or
     // kStandaloneParamError for a null table or a negative count.
     int Add(std::string_view name, int32_t major, int32_t minor, int32_t count, const void* table);
@@ -21,7 +21,7 @@ class StandaloneSuiteRegistry {
     int Acquire(std::string_view name, int32_t major, int32_t minor, const void** table) const;
     size_t Size() const;
 
-  private:
+private:
     struct Suite {
         int32_t count = 0;
         const void* table = nullptr;

@@ -55,7 +55,8 @@ velacore::Guid FrameGuid(uint32_t number) {
 }
 
 IntrusivePtr<MC_Stuff> Request(uint32_t number) {
-    IntrusivePtr<MC_Stuff> r = MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new Frame(number, 0)), 0);
+    IntrusivePtr<MC_Stuff> r =
+        MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new Frame(number, 0)), 0);
     r->SetGuid(FrameGuid(number));
     return r;
 }
@@ -67,8 +68,8 @@ TEST(ExportedApi, FindRenderCheckInAndHitAgain) {
     ASSERT_TRUE(bag);
     {
         MC_ScCheckout receipt;
-        ASSERT_EQ(receipt.FindAndCheckout(Request(3), MC_CheckoutFlag_ReadOnly |
-                                                          MC_CheckoutFlag_CreatePending),
+        ASSERT_EQ(receipt.FindAndCheckout(Request(3),
+                                          MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
                   MC_CheckoutResult_CreatedNewPending);
         receipt.GetStuffPtr()->SetStuffDataFromPendingRender(
             IntrusivePtr<MC_StuffData>(new Frame(3, 4096)), 0.25);
@@ -82,7 +83,8 @@ TEST(ExportedApi, FindRenderCheckInAndHitAgain) {
         EXPECT_TRUE(receipt.IsInMemory());
         EXPECT_EQ(MC_GetPerformanceCounters().activeCheckouts, 1u);
     }
-    IntrusivePtr<MC_Stuff> direct = MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new Frame(4, 100)), 0.1);
+    IntrusivePtr<MC_Stuff> direct =
+        MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new Frame(4, 100)), 0.1);
     direct->SetGuid(FrameGuid(4));
     direct->AddToBagAndSortDir(bag);
     ASSERT_EQ(direct->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
@@ -118,8 +120,9 @@ private:
 };
 
 TEST(ExportedApi, WaitForDiskWritesWaitsForTheWriteInProgress) {
-    const auto root = std::filesystem::temp_directory_path() /
-                      ("mc-api-wait-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
+    const auto root =
+        std::filesystem::temp_directory_path() /
+        ("mc-api-wait-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
     std::filesystem::create_directories(root);
     UseStandaloneHost();
     MC_Birth(false, 256, false);
@@ -132,8 +135,8 @@ TEST(ExportedApi, WaitForDiskWritesWaitsForTheWriteInProgress) {
     data->SetCachePriority(MC_CachePriority_High);
     {
         MC_ScCheckout receipt;
-        ASSERT_EQ(receipt.FindAndCheckout(Request(9), MC_CheckoutFlag_ReadOnly |
-                                                          MC_CheckoutFlag_CreatePending),
+        ASSERT_EQ(receipt.FindAndCheckout(Request(9),
+                                          MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
                   MC_CheckoutResult_CreatedNewPending);
         receipt.GetStuffPtr()->SetStuffDataFromPendingRender(data, 0.25);
     }  // the check-in queues the write

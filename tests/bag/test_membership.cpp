@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
-#include "mc/MCp_ScLock.h"
 #include "mc/MC_Stuff.h"
+#include "mc/MCp_ScLock.h"
 #include "mc/host/Errors.h"
 #include "support/ModuleAccess.h"
 #include "support/ModuleFixture.h"

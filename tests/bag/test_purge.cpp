@@ -10,8 +10,8 @@
 
 #include "bag/MC_SortDir.h"
 #include "host/WaitUntil.h"
-#include "mc/MCp_ScLock.h"
 #include "mc/MC_ScCheckout.h"
+#include "mc/MCp_ScLock.h"
 #include "mc/standalone/StandaloneHost.h"
 #include "support/ModuleAccess.h"
 #include "support/ModuleFixture.h"
@@ -119,8 +119,10 @@ TEST_F(Purge, TraceLinesCarryTheStatistics) {
     EXPECT_EQ(counters().purgeAttempts.load() - attempts, 2u);
     auto lines = host().TraceLines("MC_Purge");
     ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0].text, "Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:0, 1, 100, 150\n");
-    EXPECT_EQ(lines[1].text, "Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:0, 2, 100, 150\n");
+    EXPECT_EQ(lines[0].text,
+              "Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:0, 1, 100, 150\n");
+    EXPECT_EQ(lines[1].text,
+              "Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:0, 2, 100, 150\n");
     EXPECT_EQ(lines[2].text,
               "Pass-Stats: pass, totalStuffs, attemptedStuffs, freedStuffs, amountFreedInPass, "
               "amtToPurge, success:0, 1, 2, 2, 200, 150, 1\n");

@@ -108,8 +108,8 @@ TEST_F(SortDir, OneRendersTheOthersWaitForItsPayload) {
 
 TEST_F(SortDir, WaitIsSkippedWhileHoldingTheNotifyLock) {
     MC_ScCheckout creator;
-    ASSERT_EQ(creator.FindAndCheckout(MakeRequest(6), MC_CheckoutFlag_ReadOnly |
-                                                          MC_CheckoutFlag_CreatePending),
+    ASSERT_EQ(creator.FindAndCheckout(MakeRequest(6),
+                                      MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
               MC_CheckoutResult_CreatedNewPending);
     std::thread other([&] {
         host().SetHoldingNotifyLock(true);

@@ -23,7 +23,7 @@ constexpr int64_t kUnit = static_cast<int64_t>(kFileUnit);
 
 // A budget of exactly four one-buffer files (4 x 256 KiB = 1 MiB).
 class DiskBudget : public DiskCacheTest {
-  protected:
+protected:
     uint64_t BudgetMegabytes() const override { return 1; }
 
     // Four idle items on disk, used at 1000, 2000, 3000 and 4000, oldest first in the bag.
@@ -153,7 +153,7 @@ TEST_F(DiskBudget, SizeAcrossVersionsSumsEveryVersionsMachineFolder) {
 namespace fs = std::filesystem;
 
 class DiskPurge : public DiskCacheTest {
-  protected:
+protected:
     void SetUp() override {
         DiskCacheTest::SetUp();
         product_ = root_.Path() / "Ostrel" / "Tessaline";
@@ -247,7 +247,7 @@ TEST_F(DiskPurge, AFolderThatNoLongerMatchesTheRootIsNotPurged) {
 // The standalone host's rule: client version "major.minor" is application version
 // major * 256 + minor. Here the module was started as 300 while the host says "1.0" (256).
 class DiskPurgeVersionMismatch : public DiskPurge {
-  protected:
+protected:
     unsigned AppVersion() const override { return 300; }
 };
 

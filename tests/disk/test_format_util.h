@@ -58,7 +58,7 @@ inline velacore::File WriteTestCacheFile(const velacore::Dir& cacheDir, uint32_t
                                          uint32_t payloadSize = 16, size_t padTo = 0) {
     const std::u16string name =
         MCp_CacheFile::BuildName(mctest::KeyGuid(key), mctest::TestPayload::kMatchname, appVersion,
-                           PayloadHeader(key, variant));
+                                 PayloadHeader(key, variant));
     MCp_CacheFile::EnsureSubfolder(cacheDir, name);
     const velacore::File file = MCp_CacheFile::FileFor(cacheDir, name);
     mctest::WriteWholeFile(file.GetFullPath(),

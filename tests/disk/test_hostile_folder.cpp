@@ -71,8 +71,8 @@ uint64_t RegularBytes(const fs::path& root) {
 
 fs::path CacheName(uint32_t key, unsigned app = kApp) {
     return velacore::ToUtf8(MCp_CacheFile::BuildName(mctest::KeyGuid(key),
-                                               mctest::TestPayload::kMatchname, app,
-                                               disktest::PayloadHeader(key, 0)));
+                                                     mctest::TestPayload::kMatchname, app,
+                                                     disktest::PayloadHeader(key, 0)));
 }
 
 // Two hex digits: the sub-folder a key's files go to.

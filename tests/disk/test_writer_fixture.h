@@ -24,8 +24,8 @@
 
 #include "disk/CacheFile.h"
 #include "disk/DiskFolder.h"
-#include "disk/SpeedStats.h"
 #include "disk/DiskWriter.h"
+#include "disk/SpeedStats.h"
 #include "lifecycle/Counters.h"
 #include "lifecycle/Module.h"
 #include "lifecycle/Settings.h"
@@ -51,7 +51,7 @@ constexpr uint64_t kFileUnit = 64 * kBlockSize;  // every cache file is a multip
 
 // Reports 4096-byte blocks on every volume and a chosen amount of free space.
 class FakeVolumeFileSystem : public velacore::FileSystemWrapper {
-  public:
+public:
     explicit FakeVolumeFileSystem(std::shared_ptr<velacore::FileSystem> target)
         : FileSystemWrapper(std::move(target)) {}
     size_t GetBlockSize(const std::filesystem::path&) override { return kBlockSize; }
@@ -61,7 +61,7 @@ class FakeVolumeFileSystem : public velacore::FileSystemWrapper {
 
 // A TestPayload whose Write can be held at a gate, and which records who wrote it.
 class GatedPayload : public TestPayload {
-  public:
+public:
     struct Gate {
         std::mutex mutex;
         std::condition_variable cv;
@@ -108,12 +108,12 @@ class GatedPayload : public TestPayload {
         return TestPayload::Write(out);
     }
 
-  private:
+private:
     std::shared_ptr<Gate> gate_;
 };
 
 class DiskCacheTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         fs_ = std::make_shared<FakeVolumeFileSystem>(velacore::GetDefaultFileSystem());
         scopedFs_ = std::make_unique<mctest::ScopedFileSystem>(fs_);
@@ -141,8 +141,7 @@ class DiskCacheTest : public ::testing::Test {
         MC_StopAllAsyncWork();
         MC_Death();
         MCp_DiskFolder::SetProclivityMultiplier(MCp_DiskFolder::kDefaultProclivityMultiplier);
-        MCp_DiskFolder::SetSpeedCapBytesPerSecond(
-            MCp_DiskFolder::kDefaultSpeedCapBytesPerSecond);
+        MCp_DiskFolder::SetSpeedCapBytesPerSecond(MCp_DiskFolder::kDefaultSpeedCapBytesPerSecond);
         scoped_.reset();
         scopedFs_.reset();
     }

@@ -91,13 +91,13 @@ TEST_F(CheckoutState, NotifyLockHolderRefusesPendingAndIsCounted) {
     const uint32_t before = counters().pendingRefusals.load();
     std::thread other([&] {
         host().SetHoldingNotifyLock(true);
-        EXPECT_EQ(stuff->Checkout(MC_CheckoutFlag_ReadOnly |
-                                  MC_CheckoutFlag_WaitIfPendingUnlessLocked),
-                  MC_CheckoutResult_Failed);
+        EXPECT_EQ(
+            stuff->Checkout(MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_WaitIfPendingUnlessLocked),
+            MC_CheckoutResult_Failed);
         host().SetHoldingNotifyLock(false);
-        EXPECT_EQ(stuff->Checkout(MC_CheckoutFlag_ReadOnly |
-                                  MC_CheckoutFlag_WaitIfPendingUnlessLocked),
-                  MC_CheckoutResult_CheckedOut);
+        EXPECT_EQ(
+            stuff->Checkout(MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_WaitIfPendingUnlessLocked),
+            MC_CheckoutResult_CheckedOut);
         stuff->Checkin(0, 0.0);
     });
     other.join();

@@ -141,8 +141,8 @@ TEST_F(Receipts, AbandonedPendingRenderWakesWaitersAndLeavesTheBag) {
     std::thread waiter;
     {
         MC_ScCheckout creator;
-        ASSERT_EQ(creator.FindAndCheckout(MakeRequest(3), MC_CheckoutFlag_ReadOnly |
-                                                              MC_CheckoutFlag_CreatePending),
+        ASSERT_EQ(creator.FindAndCheckout(MakeRequest(3),
+                                          MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
                   MC_CheckoutResult_CreatedNewPending);
         EXPECT_TRUE(creator.DidCreateNewPending());
         pending = creator.GetStuffPtr();
@@ -151,9 +151,10 @@ TEST_F(Receipts, AbandonedPendingRenderWakesWaitersAndLeavesTheBag) {
         waiter = std::thread([&] {
             MC_ScCheckout r;
             // Waits on the pending item, sees it abandoned, retries and finds nothing.
-            EXPECT_EQ(r.FindAndCheckout(MakeRequest(3), MC_CheckoutFlag_ReadOnly |
-                                                            MC_CheckoutFlag_WaitIfPendingUnlessLocked),
-                      MC_CheckoutResult_Failed);
+            EXPECT_EQ(
+                r.FindAndCheckout(MakeRequest(3), MC_CheckoutFlag_ReadOnly |
+                                                      MC_CheckoutFlag_WaitIfPendingUnlessLocked),
+                MC_CheckoutResult_Failed);
             waiterDone.store(true);
         });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -63,16 +63,25 @@ inline int FreeLoopbackPort() {
 
 // One redis-server child process.
 class RedisServer {
-  public:
+public:
     explicit RedisServer(std::vector<std::string> extra = {})
         : port_(FreeLoopbackPort()), extra_(std::move(extra)) {}
     ~RedisServer() { Kill(); }
 
     bool Start() {
         const std::string bin = RedisServerBinary();
-        std::vector<std::string> args = {bin, "--port", std::to_string(port_), "--bind",
-                                         "127.0.0.1", "--save", "", "--appendonly", "no",
-                                         "--dir", dir_.Path().string(), "--logfile",
+        std::vector<std::string> args = {bin,
+                                         "--port",
+                                         std::to_string(port_),
+                                         "--bind",
+                                         "127.0.0.1",
+                                         "--save",
+                                         "",
+                                         "--appendonly",
+                                         "no",
+                                         "--dir",
+                                         dir_.Path().string(),
+                                         "--logfile",
                                          (dir_.Path() / "redis.log").string()};
         args.insert(args.end(), extra_.begin(), extra_.end());
         pid_ = ::fork();
@@ -98,8 +107,8 @@ class RedisServer {
     }
     int Port() const { return port_; }
     std::string Url(const std::string& creds = {}) const {
-        return "redis://" + (creds.empty() ? "" : creds + "@") + "127.0.0.1:" +
-               std::to_string(port_);
+        return "redis://" + (creds.empty() ? "" : creds + "@") +
+               "127.0.0.1:" + std::to_string(port_);
     }
     // One command on a fresh connection (authenticating with `password` when given).
     mc_remote::Reply Do(const std::vector<std::string>& args, const std::string& password = {}) {
@@ -128,7 +137,7 @@ class RedisServer {
         return out;
     }
 
-  private:
+private:
     mctest::TempDir dir_{"mc-redis"};
     int port_;
     std::vector<std::string> extra_;
@@ -136,7 +145,7 @@ class RedisServer {
 };
 
 class FarmHost : public mctest::RecordingHostServices {
-  public:
+public:
     velacore::RemoteTierSettings GetRemoteTierSettings() override { return remote; }
     velacore::RemoteTierSettings remote;
 };
@@ -161,7 +170,7 @@ inline bool HasKeyPattern(const IntrusivePtr<MC_StuffData>& data, uint32_t key, 
 }
 
 class FarmTest : public ::testing::Test {
-  protected:
+protected:
     static constexpr unsigned kAppVersion = 0x2B;
 
     void SetUp() override {
@@ -205,9 +214,9 @@ class FarmTest : public ::testing::Test {
     // Renders (key, variant) of `size` bytes here; it goes to disk and so to the remote tier.
     void Render(uint32_t key, uint32_t size, uint32_t variant = 0) {
         MC_ScCheckout r;
-        ASSERT_EQ(r.FindAndCheckout(mctest::MakeRequest(key, variant),
-                                    MC_CheckoutFlag_CreatePending),
-                  MC_CheckoutResult_CreatedNewPending);
+        ASSERT_EQ(
+            r.FindAndCheckout(mctest::MakeRequest(key, variant), MC_CheckoutFlag_CreatePending),
+            MC_CheckoutResult_CreatedNewPending);
         auto* p = new TestPayload(key, size, variant);
         p->SetDiskCacheable(true);
         p->SetCachePriority(MC_CachePriority_High);
@@ -218,17 +227,16 @@ class FarmTest : public ::testing::Test {
         auto& c = MCp_GetCounters();
         const uint32_t before = c.remotePublished.load() + c.remotePublishDrops.load();
         Render(key, size, variant);
-        return Eventually([&] {
-            return c.remotePublished.load() + c.remotePublishDrops.load() > before;
-        });
+        return Eventually(
+            [&] { return c.remotePublished.load() + c.remotePublishDrops.load() > before; });
     }
     // What a request finds: the payload when the remote tier (or memory) had it, else null
     // (a pending item was created, and is abandoned).
-    IntrusivePtr<MC_StuffData> Fetch(uint32_t key, uint32_t variant = 0,
-                                     bool* fromFarm = nullptr) {
+    IntrusivePtr<MC_StuffData> Fetch(uint32_t key, uint32_t variant = 0, bool* fromFarm = nullptr) {
         MC_ScCheckout r;
-        const MC_CheckoutResult res = r.FindAndCheckout(
-            mctest::MakeRequest(key, variant), MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending);
+        const MC_CheckoutResult res =
+            r.FindAndCheckout(mctest::MakeRequest(key, variant),
+                              MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending);
         if (fromFarm) *fromFarm = MCr_FilledByThisThread(r.GetStuffPtr().get());
         if (res != MC_CheckoutResult_CheckedOut) return nullptr;
         return r.GetStuffPtr()->GetDataPtr();

@@ -58,8 +58,10 @@ TEST_F(FarmTest, IdenticalIsChosenBeforeSatisfyingAndNoMatchIsAMiss) {
         ASSERT_NE(p, nullptr) << c.want;
         // Identical (same variant) wins over an earlier satisfying one; otherwise the first
         // that satisfies (variant at least the request's).
-        if (c.want == *c.got) EXPECT_EQ(p->Variant(), *c.got);
-        else EXPECT_GE(p->Variant(), c.want);
+        if (c.want == *c.got)
+            EXPECT_EQ(p->Variant(), *c.got);
+        else
+            EXPECT_GE(p->Variant(), c.want);
     }
 }
 
@@ -83,12 +85,16 @@ TEST_F(FarmTest, DamagedTruncatedOrMissingValuesAreMissesAndTheEntryIsDeleted) {
              server.Do({"SET", chunk, "short"});
          },
          true},
-        {"missing chunk", [&](const std::string& chunk, const std::string&) { server.Do({"DEL", chunk}); },
+        {"missing chunk",
+         [&](const std::string& chunk, const std::string&) {
+             server.Do({"DEL", chunk});
+         },
          false},
         {"garbled record",
          [&](const std::string&, const std::string& index) {
              auto f = server.Do({"HKEYS", index});
-             server.Do({"HSET", index, std::string(f->element[0]->str, f->element[0]->len), "junk"});
+             server.Do(
+                 {"HSET", index, std::string(f->element[0]->str, f->element[0]->len), "junk"});
          },
          true},
     };
@@ -173,7 +179,8 @@ TEST_F(FarmTest, WrongPasswordTurnsTheTierOffWithoutLoggingThePassword) {
     ASSERT_TRUE(RenderAndPublish(401, 1000));
     Rebirth();
     EXPECT_TRUE(HasKeyPattern(Fetch(401), 401, 1000));
-    for (const auto& line : host_->LogLines()) EXPECT_EQ(line.text.find("s3cret"), std::string::npos);
+    for (const auto& line : host_->LogLines())
+        EXPECT_EQ(line.text.find("s3cret"), std::string::npos);
 }
 
 TEST_F(FarmTest, WithOneOfTwoShardsDownItsItemsAreMissesAndTheOthersStillHit) {
@@ -235,7 +242,8 @@ namespace {
 nlohmann::json DemoProcess(const std::string& url, const std::filesystem::path& folder) {
     const std::string cmd = std::string(MC_MCACHE_PATH) + " demo --remote " + url +
                             " --farm-order 0 --frames 16 --width 64 --height 64 --cost 1"
-                            " --cache-priority high --json --quiet --folder " + folder.string();
+                            " --cache-priority high --json --quiet --folder " +
+                            folder.string();
     std::string out;
     if (FILE* p = ::popen(cmd.c_str(), "r")) {
         char buf[4096];

@@ -26,7 +26,8 @@ read_only = true
 
     StandaloneConfig env = file;
     const std::map<std::string, std::string, std::less<>> vars = {
-        {"MC_REMOTE_URLS", "redis://c:5, redis://d:6"}, {"MC_REMOTE_READ_ONLY", "no"},
+        {"MC_REMOTE_URLS", "redis://c:5, redis://d:6"},
+        {"MC_REMOTE_READ_ONLY", "no"},
         {"MC_REMOTE_TIMEOUT_MS", "90"}};
     env.ApplyEnvironment([&](std::string_view name) -> std::optional<std::string> {
         auto it = vars.find(name);

@@ -2,9 +2,9 @@
 // Thread-safety: as the members touched (atomics, or the cache lock taken here).
 #pragma once
 
-#include "mc/MCp_ScLock.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Stuff.h"
+#include "mc/MCp_ScLock.h"
 
 struct MCp_StuffAccess {
     static void SetLastUseTime(MC_Stuff& s, uint64_t t) { s.lastUseTime_.store(t); }

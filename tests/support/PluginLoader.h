@@ -21,7 +21,7 @@ namespace mctest {
 extern "C" int HostAcquireSuite(const char* name, int32_t major, int32_t minor, const void** table);
 
 class PluginLoader {
-  public:
+public:
     // Loads the library at `path`. Throws what SharedLibrary::Open throws.
     explicit PluginLoader(const std::filesystem::path& path);
 
@@ -35,7 +35,7 @@ class PluginLoader {
     // Calls the plug-in's PluginMain with HostAcquireSuite; returns its result.
     int CallMain() const;
 
-  private:
+private:
     std::unique_ptr<velacore::SharedLibrary> library_;
 };
 

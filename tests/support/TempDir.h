@@ -15,7 +15,7 @@
 namespace mctest {
 
 class TempDir {
-  public:
+public:
     // Creates <temp>/<prefix>-<random>. Throws std::filesystem::filesystem_error on failure.
     explicit TempDir(std::string_view prefix = "mc-test");
     // Same under `base` instead of the system's temporary folder.
@@ -31,7 +31,7 @@ class TempDir {
     std::filesystem::path operator/(std::string_view name) const { return path_ / name; }
     velacore::File FileAt(std::string_view name) const { return velacore::File(path_ / name); }
 
-  private:
+private:
     std::filesystem::path path_;
 };
 

@@ -38,9 +38,13 @@ bool TestPayload::CanSatisfyRequest(IntrusivePtr<MC_StuffData> request) const {
     return r && r->key_ == key_ && variant_ >= r->variant_;
 }
 
-uint32_t TestPayload::GetApproximateMemorySize() const { return IsInMemory() ? size_.load() : 0; }
+uint32_t TestPayload::GetApproximateMemorySize() const {
+    return IsInMemory() ? size_.load() : 0;
+}
 
-bool TestPayload::IsInMemory() const { return std::atomic_load(&bytes_) != nullptr; }
+bool TestPayload::IsInMemory() const {
+    return std::atomic_load(&bytes_) != nullptr;
+}
 
 bool TestPayload::PurgeIfPossible(MC_ReleaseList* deferredFrees) {
     std::shared_ptr<std::vector<uint8_t>> bytes = std::atomic_exchange(&bytes_, {});

@@ -10,8 +10,8 @@
 
 #include "Cli.h"
 #include "mc/MC_Module.h"
-#include "mc/standalone/StandaloneHost.h"
 #include "mc/host/TextConvert.h"
+#include "mc/standalone/StandaloneHost.h"
 #include "support/TempDir.h"
 #include "tools/ToolRun.h"
 

@@ -13,7 +13,7 @@ namespace velacore {
 class SharedLibrary {
     struct Token {};
 
-  public:
+public:
     // Loads the library at `path` (its symbols resolved at once, kept local to it). Throws
     // FileNotFoundError when there is no such file, IOError with the loader's reason otherwise.
     static std::unique_ptr<SharedLibrary> Open(const std::filesystem::path& path);
@@ -33,7 +33,7 @@ class SharedLibrary {
     }
     const std::filesystem::path& Path() const { return path_; }
 
-  private:
+private:
     void* handle_;
     std::filesystem::path path_;
 };

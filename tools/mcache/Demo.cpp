@@ -259,8 +259,9 @@ int RunDemo(DemoOptions o) {
         {
             Sampler sampler(bag, progress, t0);
             const std::vector<const char*> passes =
-                o.farmOrder >= 0 ? std::vector<const char*>{"farm"}
-                                 : std::vector<const char*>{"playback", "scrub", "playback", "loop"};
+                o.farmOrder >= 0
+                    ? std::vector<const char*>{"farm"}
+                    : std::vector<const char*>{"playback", "scrub", "playback", "loop"};
             uint32_t seed = o.farmOrder >= 0 ? static_cast<uint32_t>(o.farmOrder) : 7;
             for (const char* name : passes) {
                 result.passes.push_back(RunPass(name, o, plugin.get(), sampler, seed++, t0));

@@ -1,10 +1,9 @@
 // The farm run: the Redis server, the render processes and the summary.
 #include "Farm.h"
 
-#include <nlohmann/json.hpp>
-
 #include <chrono>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <thread>
 #include <vector>
 
@@ -72,7 +71,7 @@ pid_t Spawn(std::vector<std::string> args, int stdoutFd) {
 
 // A private redis-server for the run: loopback only, no persistence; stopped on destruction.
 class PrivateRedis {
-  public:
+public:
     bool Start(const std::filesystem::path& dir, std::string* why) {
         const std::string bin = FindInPath("redis-server");
         if (bin.empty()) {
@@ -103,7 +102,7 @@ class PrivateRedis {
     }
     std::string Url() const { return "redis://127.0.0.1:" + std::to_string(port_); }
 
-  private:
+private:
     int port_ = 0;
     pid_t pid_ = -1;
 };
@@ -155,13 +154,32 @@ int RunFarm(const FarmOptions& o) {
         std::error_code ec;
         const std::filesystem::path folder = o.folder / ("p" + std::to_string(i));
         std::filesystem::remove_all(folder, ec);  // each run starts with an empty machine
-        children[i].pid = Spawn({exe, "demo", "--remote", url, "--farm-order", std::to_string(i),
-                                 "--folder", folder.string(), "--frames", std::to_string(o.frames),
-                                 "--width", std::to_string(o.width), "--height",
-                                 std::to_string(o.height), "--cost", std::to_string(o.cost),
-                                 "--threads", std::to_string(o.threads), "--memory-budget",
-                                 o.memoryBudget, "--disk-budget", o.diskBudget,
-                                 "--cache-priority", "high", "--json", "--quiet"},
+        children[i].pid = Spawn({exe,
+                                 "demo",
+                                 "--remote",
+                                 url,
+                                 "--farm-order",
+                                 std::to_string(i),
+                                 "--folder",
+                                 folder.string(),
+                                 "--frames",
+                                 std::to_string(o.frames),
+                                 "--width",
+                                 std::to_string(o.width),
+                                 "--height",
+                                 std::to_string(o.height),
+                                 "--cost",
+                                 std::to_string(o.cost),
+                                 "--threads",
+                                 std::to_string(o.threads),
+                                 "--memory-budget",
+                                 o.memoryBudget,
+                                 "--disk-budget",
+                                 o.diskBudget,
+                                 "--cache-priority",
+                                 "high",
+                                 "--json",
+                                 "--quiet"},
                                 fds[1]);
         ::close(fds[1]);
         children[i].readFd = fds[0];

@@ -96,7 +96,9 @@ uint32_t FramePayload::GetApproximateMemorySize() const {
     return pixels ? static_cast<uint32_t>(pixels->size() * sizeof(uint32_t)) : 0;
 }
 
-bool FramePayload::IsInMemory() const { return std::atomic_load(&pixels_) != nullptr; }
+bool FramePayload::IsInMemory() const {
+    return std::atomic_load(&pixels_) != nullptr;
+}
 
 bool FramePayload::PurgeIfPossible(MC_ReleaseList* deferredFrees) {
     auto pixels = std::atomic_exchange(&pixels_, std::shared_ptr<Pixels>());

@@ -253,11 +253,12 @@ void PrintSummary(const DemoOptions& o, const DemoResult& r, MC_Bag& bag, int ap
         std::printf("farm:   %llu frames from the farm; %u hits, %u misses; in %s, out %s\n",
                     U(fromFarm), f["hits"].get<unsigned>(), f["misses"].get<unsigned>(),
                     b(f["bytes_in"]).c_str(), b(f["bytes_out"]).c_str());
-        std::printf("        %u published, %u dropped, %u checksum rejects, %u time-outs, "
-                    "%u back-offs\n",
-                    f["published"].get<unsigned>(), f["publish_drops"].get<unsigned>(),
-                    f["checksum_rejects"].get<unsigned>(), f["timeouts"].get<unsigned>(),
-                    f["backoffs"].get<unsigned>());
+        std::printf(
+            "        %u published, %u dropped, %u checksum rejects, %u time-outs, "
+            "%u back-offs\n",
+            f["published"].get<unsigned>(), f["publish_drops"].get<unsigned>(),
+            f["checksum_rejects"].get<unsigned>(), f["timeouts"].get<unsigned>(),
+            f["backoffs"].get<unsigned>());
     }
     std::printf("cache:  %d items; %u waits for another thread's render\n", c["items"].get<int>(),
                 c["pending_waits"].get<unsigned>());

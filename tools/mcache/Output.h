@@ -5,8 +5,8 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>

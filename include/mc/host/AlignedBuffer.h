@@ -13,7 +13,7 @@
 namespace velacore {
 
 class AlignedBuffer {
-  public:
+public:
     // An empty buffer (Data() is null, Size() is 0).
     AlignedBuffer() = default;
 
@@ -57,7 +57,7 @@ class AlignedBuffer {
     // The alignment the address honours.
     size_t Alignment() const { return alignment_; }
 
-  private:
+private:
     void Release() noexcept {
         if (data_ != nullptr) ::operator delete (data_, std::align_val_t{alignment_});
         data_ = nullptr;

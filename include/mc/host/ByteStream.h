@@ -19,7 +19,7 @@ namespace velacore {
 
 // A sink of bytes.
 class MCHOST_API OByteStream {
-  public:
+public:
     virtual ~OByteStream();
 
     // Writes all `size` bytes or throws IOError.
@@ -35,7 +35,7 @@ class MCHOST_API OByteStream {
 
 // A source of bytes with a position.
 class MCHOST_API IByteStream {
-  public:
+public:
     virtual ~IByteStream();
 
     // Reads up to `size` bytes; returns how many (0 only at the end). Throws IOError.
@@ -59,7 +59,7 @@ class MCHOST_API IByteStream {
 // blocks (a subclass buffers for that; see GetWritableFile). Call Close() to finish; destroying
 // the stream without Close closes the file without reporting errors.
 class MCHOST_API OPlatformByteStream : public OByteStream {
-  public:
+public:
     // Creates the file (or empties an existing one) and opens it. Throws.
     explicit OPlatformByteStream(const File& file);
     ~OPlatformByteStream() override;
@@ -76,13 +76,13 @@ class MCHOST_API OPlatformByteStream : public OByteStream {
     // Whether the file is written with direct I/O (see WritableFile::IsDirectIo).
     bool IsDirectIo() const;
 
-  protected:
+protected:
     // The open file, for subclasses that write their own blocks. Requires the stream open.
     WritableFile& GetWritableFile() { return *writer_; }
     // Subclasses writing through GetWritableFile() report their bytes here.
     void AddBytesWritten(uint64_t count) { written_ += count; }
 
-  private:
+private:
     File file_;
     std::unique_ptr<WritableFile> writer_;
     uint64_t written_ = 0;
@@ -91,7 +91,7 @@ class MCHOST_API OPlatformByteStream : public OByteStream {
 
 // Reads a file through the FileSystem.
 class MCHOST_API IPlatformByteStream : public IByteStream {
-  public:
+public:
     static constexpr int kRead = 1;
 
     // Opens the file for reading. `flags`: kRead (other bits are ignored). Throws
@@ -107,7 +107,7 @@ class MCHOST_API IPlatformByteStream : public IByteStream {
 
     const File& GetFile() const { return file_; }
 
-  private:
+private:
     File file_;
     std::unique_ptr<ReadableFile> reader_;
     uint64_t position_ = 0;
@@ -121,7 +121,7 @@ class MCHOST_API IPlatformByteStream : public IByteStream {
 // so a source that cannot seek still serves sequential reads. Offsets are the source's; the
 // stream starts at the source's Tell() (0 when it has none).
 class MCHOST_API IBufferedByteStream : public IByteStream {
-  public:
+public:
     // Owns `source` (non-null). Requires blockSize a power of two and bufferSize > 0
     // (std::invalid_argument otherwise).
     IBufferedByteStream(std::unique_ptr<IByteStream> source, size_t bufferSize, size_t blockSize);
@@ -133,7 +133,7 @@ class MCHOST_API IBufferedByteStream : public IByteStream {
     void Seek(uint64_t offset) override { position_ = offset; }
     uint64_t Tell() const override { return position_; }
 
-  private:
+private:
     void Refill();
     size_t ReadSource(uint64_t offset, uint8_t* buffer, size_t size);
 
@@ -149,20 +149,20 @@ class MCHOST_API IBufferedByteStream : public IByteStream {
 
 // Collects written bytes in memory.
 class MCHOST_API OMemoryByteStream : public OByteStream {
-  public:
+public:
     ~OMemoryByteStream() override;
     void WriteBytes(const void* data, size_t size) override;
     const std::vector<uint8_t>& Data() const { return data_; }
     // Hands the bytes over and leaves the stream empty.
     std::vector<uint8_t> TakeData() { return std::move(data_); }
 
-  private:
+private:
     std::vector<uint8_t> data_;
 };
 
 // Reads bytes it owns.
 class MCHOST_API IMemoryByteStream : public IByteStream {
-  public:
+public:
     explicit IMemoryByteStream(std::vector<uint8_t> data) : data_(std::move(data)) {}
     ~IMemoryByteStream() override;
 
@@ -170,7 +170,7 @@ class MCHOST_API IMemoryByteStream : public IByteStream {
     void Seek(uint64_t offset) override { position_ = offset; }
     uint64_t Tell() const override { return position_; }
 
-  private:
+private:
     std::vector<uint8_t> data_;
     uint64_t position_ = 0;
 };

@@ -22,7 +22,7 @@ namespace velacore {
 class Dir;
 
 class MCHOST_API File {
-  public:
+public:
     // An empty File (IsEmpty() is true); only assignment and comparison make sense on it.
     File() = default;
     explicit File(std::filesystem::path path) : path_(std::move(path)) {}
@@ -58,12 +58,12 @@ class MCHOST_API File {
 
     friend bool operator==(const File& a, const File& b) { return a.path_ == b.path_; }
 
-  private:
+private:
     std::filesystem::path path_;
 };
 
 class MCHOST_API Dir {
-  public:
+public:
     Dir() = default;
     explicit Dir(std::filesystem::path path) : path_(std::move(path)) {}
 
@@ -91,7 +91,7 @@ class MCHOST_API Dir {
 
     friend bool operator==(const Dir& a, const Dir& b) { return a.path_ == b.path_; }
 
-  private:
+private:
     std::filesystem::path path_;
 };
 
@@ -102,7 +102,7 @@ class MCHOST_API Dir {
 // cannot be read is skipped with one line in the host log and the walk goes on; only a root
 // that cannot be read throws. Folders more than kMaxDepth levels below the root are not entered.
 class MCHOST_API RecursiveFileIterator {
-  public:
+public:
     using Filter = std::function<bool(const File&)>;
     static constexpr int kMaxDepth = 64;
 
@@ -112,7 +112,7 @@ class MCHOST_API RecursiveFileIterator {
     // Stores the next accepted file in `out` and returns true; false when the walk is over.
     bool Next(File& out);
 
-  private:
+private:
     bool LoadNextFolder();
 
     Filter filter_;

@@ -21,7 +21,7 @@ namespace velacore {
 
 // A file opened for sequential, write-through writing.
 class MCHOST_API WritableFile {
-  public:
+public:
     // Closes the file if Close() was not called, ignoring errors (no durability promised then).
     virtual ~WritableFile();
 
@@ -51,7 +51,7 @@ class MCHOST_API WritableFile {
 
 // A file opened for reading, with its own position.
 class MCHOST_API ReadableFile {
-  public:
+public:
     virtual ~ReadableFile();
 
     // Reads up to `size` bytes at the current position into `buffer` and advances. Returns the
@@ -77,7 +77,7 @@ struct DirectoryEntry {
 };
 
 class MCHOST_API FileSystem {
-  public:
+public:
     virtual ~FileSystem();
 
     // Opens an EXISTING regular file for sequential write-through writing from offset 0; the
@@ -156,7 +156,7 @@ class MCHOST_API FileSystem {
 // Forwards every call to a target file system (shared, never null). Subclass it to override a
 // few operations. A method added to FileSystem must be added here in the same change.
 class MCHOST_API FileSystemWrapper : public FileSystem {
-  public:
+public:
     // Requires a non-null target (throws std::invalid_argument otherwise).
     explicit FileSystemWrapper(std::shared_ptr<FileSystem> target);
     ~FileSystemWrapper() override;
@@ -182,7 +182,7 @@ class MCHOST_API FileSystemWrapper : public FileSystem {
     uint64_t GetFreeSpace(const std::filesystem::path& path) override;
     void SetNotContentIndexed(const std::filesystem::path& path) override;
 
-  private:
+private:
     std::shared_ptr<FileSystem> target_;
 };
 

@@ -43,8 +43,12 @@ private:
 };
 
 // The 16 bytes of a GUID in text order, and back.
-inline Guid::Bytes GuidToBytes(const Guid& g) { return g.GetBytes(); }
-inline Guid GuidFromBytes(const Guid::Bytes& b) { return Guid(b); }
+inline Guid::Bytes GuidToBytes(const Guid& g) {
+    return g.GetBytes();
+}
+inline Guid GuidFromBytes(const Guid::Bytes& b) {
+    return Guid(b);
+}
 MCHOST_API Guid GuidFromBytes(const uint8_t* sixteenBytes);
 
 }  // namespace velacore

@@ -182,7 +182,9 @@ public:
     void Log(int l, std::string_view c, std::string_view e, std::string_view t) override {
         target_->Log(l, c, e, t);
     }
-    bool IsTraceEnabled(std::string_view c, int l) override { return target_->IsTraceEnabled(c, l); }
+    bool IsTraceEnabled(std::string_view c, int l) override {
+        return target_->IsTraceEnabled(c, l);
+    }
     void Trace(std::string_view c, int l, std::string_view t) override { target_->Trace(c, l, t); }
     bool IsConditionalProfiling() override { return target_->IsConditionalProfiling(); }
     int ProfilingVolume() override { return target_->ProfilingVolume(); }

@@ -24,7 +24,7 @@ constexpr int kMediaEntryNonPurgeable = 1;
 // Implemented by a client whose entries the manager may ask to purge. The manager calls it from
 // a thread that holds none of the client's locks.
 class IPurgeableSupport {
-  public:
+public:
     virtual ~IPurgeableSupport() = default;
     // Asks the owner to purge the entry with this sequence number; returns whether it did (the
     // entry is then gone). An owner that cannot purge it now returns false and keeps it.
@@ -34,7 +34,7 @@ class IPurgeableSupport {
 };
 
 class IMediaManager {
-  public:
+public:
     virtual ~IMediaManager() = default;
     // The process-wide budget in bytes.
     virtual uint64_t GetFixedMaxCacheSize() const = 0;

@@ -95,9 +95,9 @@ private:
     static constexpr size_t kInlineSlots = 4;
     std::array<Slot, kInlineSlots> inline_{};
     std::vector<Slot> overflow_;
-    uint32_t readerThreads_ = 0;       // threads holding read (not counting upgrade/write-only)
-    std::thread::id upgrader_{};       // thread holding upgrade, if any
-    std::thread::id writer_{};         // thread holding write, if any
+    uint32_t readerThreads_ = 0;  // threads holding read (not counting upgrade/write-only)
+    std::thread::id upgrader_{};  // thread holding upgrade, if any
+    std::thread::id writer_{};    // thread holding write, if any
     uint32_t waitingWriters_ = 0;
     uint32_t sleepers_ = 0;  // threads blocked on cv_; unlocks notify only when there are some
     // Bit 0: a writer holds or waits (set under mutex_); above it, the number of threads holding

@@ -13,7 +13,7 @@
 namespace velacore {
 
 class MCHOST_API Murmur3MixerState {
-  public:
+public:
     explicit Murmur3MixerState(uint32_t seed = 0);
 
     // Adds len bytes at data (data may be null when len is 0). The caller keeps ownership.
@@ -25,7 +25,7 @@ class MCHOST_API Murmur3MixerState {
     // The same 16 bytes as a Guid.
     Guid GetHashResult() const;
 
-  private:
+private:
     void MixBlock(const uint8_t* block);
 
     uint64_t h1_;

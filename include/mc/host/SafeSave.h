@@ -12,7 +12,7 @@
 namespace velacore {
 
 class MCHOST_API SafeSave {
-  public:
+public:
     // Prepares to replace `finalFile` (must not be empty). Touches nothing on disk.
     explicit SafeSave(const File& finalFile);
     // Deletes the temporary unless Commit succeeded or Release was called. Never throws.
@@ -37,7 +37,7 @@ class MCHOST_API SafeSave {
 
     bool IsCommitted() const { return committed_; }
 
-  private:
+private:
     void DeleteTempQuietly() noexcept;
 
     File final_;

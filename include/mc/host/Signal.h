@@ -3,9 +3,8 @@
 // the list at the first Get, so raising one nobody ever subscribed to costs a load.
 #pragma once
 
-#include <utility>
-
 #include <boost/signals2/signal.hpp>
+#include <utility>
 
 #include "mc/host/OnDemand.h"
 

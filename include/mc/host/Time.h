@@ -25,7 +25,8 @@ public:
     Timer() : start_(HighPrecisionTime::Now()) {}
     void Restart() { start_ = HighPrecisionTime::Now(); }
     double GetElapsedSeconds() const {
-        return HighPrecisionTime::ToSeconds(static_cast<int64_t>(HighPrecisionTime::Now() - start_));
+        return HighPrecisionTime::ToSeconds(
+            static_cast<int64_t>(HighPrecisionTime::Now() - start_));
     }
     int64_t GetElapsedMicroseconds() const {
         return static_cast<int64_t>(HighPrecisionTime::Now() - start_) / 1000;

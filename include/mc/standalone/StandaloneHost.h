@@ -47,7 +47,7 @@ constexpr int kStandaloneOutOfMemoryError = kHostOutOfMemoryError;
 
 // A configuration that cannot be used; the message names the file or variable and the key.
 class MCSTANDALONE_API StandaloneConfigError : public std::runtime_error {
-  public:
+public:
     using std::runtime_error::runtime_error;
 };
 
@@ -73,7 +73,7 @@ struct MCSTANDALONE_API StandaloneConfig {
     std::optional<std::string> computerName;  // default: the machine's name
     bool frontmost = true;
     RemoteTierSettings remote;  // [remote] / MC_REMOTE_*: off without URLs
-    std::string configFile;  // the TOML file read, empty when none
+    std::string configFile;     // the TOML file read, empty when none
 
     // Reads a TOML document; `source` names it in error messages. Throws StandaloneConfigError.
     static StandaloneConfig FromTomlText(std::string_view text, std::string_view source);
@@ -97,7 +97,7 @@ MCSTANDALONE_API uint64_t ParseByteAmount(std::string_view text, uint64_t physic
 MCSTANDALONE_API std::u16string LocalizeDefaultText(std::string_view keyAndDefault);
 
 class MCSTANDALONE_API StandaloneHostServices : public HostServices {
-  public:
+public:
     // Running totals of one profiling label.
     struct ProfileTotals {
         uint64_t count = 0;
@@ -247,7 +247,7 @@ class MCSTANDALONE_API StandaloneHostServices : public HostServices {
     // A snapshot of the counters.
     Counters GetCounters() const;
 
-  private:
+private:
     void CountAndLog(std::atomic<uint64_t>& counter, int level, std::string_view event,
                      std::string_view text);
 

@@ -27,7 +27,7 @@
 namespace NX {
 
 class MCSTANDALONE_API StandaloneMediaManager : public IMediaManager {
-  public:
+public:
     // budget: the process-wide budget in bytes.
     explicit StandaloneMediaManager(uint64_t budget);
     // Stops the worker, waiting for a purge call in flight.
@@ -63,7 +63,7 @@ class MCSTANDALONE_API StandaloneMediaManager : public IMediaManager {
     // takes.
     void DetachOwner(IPurgeableSupport* owner) override;
 
-  private:
+private:
     struct Entry {
         IPurgeableSupport* owner = nullptr;
         velacore::Guid client;

@@ -23,7 +23,7 @@ bool IsDotOrDotDot(const char* name) {
 
 // Owns an open DIR stream.
 class DirStream {
-  public:
+public:
     explicit DirStream(DIR* dir) : dir_(dir) {}
     ~DirStream() {
         if (dir_ != nullptr) ::closedir(dir_);
@@ -32,7 +32,7 @@ class DirStream {
     DirStream& operator=(const DirStream&) = delete;
     DIR* Get() const { return dir_; }
 
-  private:
+private:
     DIR* dir_;
 };
 

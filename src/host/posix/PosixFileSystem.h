@@ -13,7 +13,7 @@
 namespace velacore {
 
 class MCHOST_API PosixFileSystem final : public FileSystem {
-  public:
+public:
     using Options = NativeFileSystemOptions;
 
     PosixFileSystem() = default;
@@ -39,7 +39,7 @@ class MCHOST_API PosixFileSystem final : public FileSystem {
     uint64_t GetFreeSpace(const std::filesystem::path& path) override;
     void SetNotContentIndexed(const std::filesystem::path& path) override;
 
-  private:
+private:
     Options options_;
 };
 

@@ -19,7 +19,7 @@ using posix::ThrowFsError;
 using posix::ThrowLastFsError;
 
 class PosixWritableFile final : public WritableFile {
-  public:
+public:
     PosixWritableFile(int fd, std::filesystem::path path, bool direct)
         : fd_(fd), path_(std::move(path)), direct_(direct) {}
     ~PosixWritableFile() override {
@@ -62,9 +62,8 @@ class PosixWritableFile final : public WritableFile {
 #ifdef __linux__
         // Allocated up front, a direct write fills blocks without growing the file each time.
         if (size <= appended_) return;
-        const int rc = RetryOnInterrupt([&] {
-            return ::fallocate(fd_, 0, 0, static_cast<off_t>(size));
-        });
+        const int rc =
+            RetryOnInterrupt([&] { return ::fallocate(fd_, 0, 0, static_cast<off_t>(size)); });
         if (rc == 0) {
             reserved_ = std::max(reserved_, size);
         } else if (errno != EOPNOTSUPP && errno != ENOSYS) {
@@ -90,9 +89,11 @@ class PosixWritableFile final : public WritableFile {
         if (err != 0) ThrowFsError(err, "close", path_);
     }
 
-    bool IsDirectIo() const override { return direct_; }
+    bool IsDirectIo() const override {
+        return direct_;
+    }
 
-  private:
+private:
     void DropDirectIo() {
 #ifdef O_DIRECT
         const int flags = ::fcntl(fd_, F_GETFL);
@@ -111,7 +112,7 @@ class PosixWritableFile final : public WritableFile {
 };
 
 class PosixReadableFile final : public ReadableFile {
-  public:
+public:
     PosixReadableFile(int fd, std::filesystem::path path) : fd_(fd), path_(std::move(path)) {}
     ~PosixReadableFile() override { ::close(fd_); }
     PosixReadableFile(const PosixReadableFile&) = delete;
@@ -143,7 +144,7 @@ class PosixReadableFile final : public ReadableFile {
         return static_cast<uint64_t>(st.st_size);
     }
 
-  private:
+private:
     int fd_;
     std::filesystem::path path_;
     uint64_t offset_ = 0;
