@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "disk/CacheFileFormat.h"
-#include "disk/DiskScan.h"
+#include "disk/CacheFile.h"
+#include "disk/DiskFolder.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_Stuff.h"
@@ -115,7 +115,7 @@ std::u16string ValidName() {
     velacore::Guid::Bytes guid{};
     guid[0] = 1;
     guid[15] = 0x5A;
-    return BuildCacheFileName(velacore::Guid(guid), kMatchname, kAppVersion, {1, 0, 0, 0});
+    return MCp_CacheFile::BuildName(velacore::Guid(guid), kMatchname, kAppVersion, {1, 0, 0, 0});
 }
 
 // The name in front of the first newline (all of the input without one); `contentAt` is set to
@@ -141,8 +141,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t* content = data + 1 + contentAt;
     const size_t contentSize = size - 1 - contentAt;
     if (name.size() > 200) return 0;  // longer than a file system takes
-    EnsureCacheSubfolder(m.folder, name);
-    const velacore::File file = CacheFileFor(m.folder, name);
+    MCp_CacheFile::EnsureSubfolder(m.folder, name);
+    const velacore::File file = MCp_CacheFile::FileFor(m.folder, name);
     {
         std::ofstream out(file.GetFullPath(), std::ios::binary | std::ios::trunc);
         out.write(reinterpret_cast<const char*>(content),

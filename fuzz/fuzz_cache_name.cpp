@@ -9,7 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "disk/CacheFileFormat.h"
+#include "disk/CacheFile.h"
+#include "mc/MC_Errors.h"
 #include "mc/host/TextConvert.h"
 
 namespace {
@@ -28,9 +29,9 @@ void CheckBuiltNameParsesBack(uint32_t version, const uint8_t* data, size_t size
     std::memcpy(bytes.data(), data, 16);
     const velacore::Guid guid(bytes);
     const std::vector<uint8_t> header(data + 16, data + size);
-    const std::u16string name = BuildCacheFileName(guid, "FuzzClass", version, header);
+    const std::u16string name = MCp_CacheFile::BuildName(guid, "FuzzClass", version, header);
     const ParsedCacheFileName parsed =
-        ParseCacheFileName(velacore::File(kFolder / velacore::ToUtf8(name)), version);
+        MCp_CacheFile::ParseName(velacore::File(kFolder / velacore::ToUtf8(name)), version);
     if (!(parsed.guid == guid) || parsed.header != header || parsed.matchname != u"FuzzClass")
         std::abort();
 }
@@ -50,9 +51,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     ParsedCacheFileName parsed;
     try {
-        parsed = ParseCacheFileName(velacore::File(kFolder / name), expected);
+        parsed = MCp_CacheFile::ParseName(velacore::File(kFolder / name), expected);
     } catch (int code) {
-        if (code != 9 && code != kMalformedCacheFileNameError) std::abort();
+        if (code != MCp_Err_AppVersion && code != MCp_Err_FormatVersion) std::abort();
         return 0;
     }
     if (parsed.appVersion != expected) std::abort();
@@ -61,9 +62,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!IsAscii(matchname)) return 0;  // data classes have ASCII names; others are not rebuilt
 
     const std::u16string rebuilt =
-        BuildCacheFileName(parsed.guid, matchname.c_str(), expected, parsed.header);
+        MCp_CacheFile::BuildName(parsed.guid, matchname.c_str(), expected, parsed.header);
     const ParsedCacheFileName again =
-        ParseCacheFileName(velacore::File(kFolder / velacore::ToUtf8(rebuilt)), expected);
+        MCp_CacheFile::ParseName(velacore::File(kFolder / velacore::ToUtf8(rebuilt)), expected);
     if (!(again.guid == parsed.guid) || again.matchname != parsed.matchname ||
         again.header != parsed.header)
         std::abort();
