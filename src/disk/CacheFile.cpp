@@ -224,10 +224,23 @@ FastWriteOnlyStream::FastWriteOnlyStream(const File& file, uint64_t expectedByte
     : OPlatformByteStream(file),
       bufferSize_(kBlocksPerBuffer * BlockSizeFor(file)),
       buffer_(bufferSize_, std::bit_ceil(bufferSize_ / kBlocksPerBuffer)) {
-    if (expectedBytes != 0)
-        GetWritableFile().Reserve(velacore::RoundUpToBlock(expectedBytes, bufferSize_));
+    Reserve(expectedBytes);
 } catch (...) {
     RethrowAsFileError(file);
+}
+
+FastWriteOnlyStream::FastWriteOnlyStream(CreateNew, const File& file, uint64_t expectedBytes) try
+    : OPlatformByteStream(file, velacore::GetFileSystem().CreateForDirectWrite(file.GetFullPath())),
+      bufferSize_(kBlocksPerBuffer * BlockSizeFor(file)),
+      buffer_(bufferSize_, std::bit_ceil(bufferSize_ / kBlocksPerBuffer)) {
+    Reserve(expectedBytes);
+} catch (...) {
+    RethrowAsFileError(file);
+}
+
+void FastWriteOnlyStream::Reserve(uint64_t expectedBytes) {
+    if (expectedBytes != 0)
+        GetWritableFile().Reserve(velacore::RoundUpToBlock(expectedBytes, bufferSize_));
 }
 
 FastWriteOnlyStream::~FastWriteOnlyStream() = default;

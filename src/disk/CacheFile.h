@@ -115,6 +115,11 @@ public:
     // file still ends at the last buffer written). Throws FileNotFoundError / IOError /
     // std::bad_alloc.
     explicit FastWriteOnlyStream(const velacore::File& file, uint64_t expectedBytes = 0);
+    // The same on a file this call creates: nothing may be at `file` yet (IOError with EEXIST
+    // otherwise, a link included). The file is created, marked not to be indexed and opened
+    // in one step where the file system allows it.
+    struct CreateNew {};
+    FastWriteOnlyStream(CreateNew, const velacore::File& file, uint64_t expectedBytes);
     ~FastWriteOnlyStream() override;
 
     FastWriteOnlyStream(const FastWriteOnlyStream&) = delete;
@@ -136,6 +141,7 @@ public:
     size_t BufferSize() const { return bufferSize_; }
 
 private:
+    void Reserve(uint64_t expectedBytes);
     void WriteBuffer();
 
     size_t bufferSize_ = 0;

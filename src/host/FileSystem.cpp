@@ -17,6 +17,12 @@ void WritableFile::Reserve(uint64_t /*size*/) {}
 ReadableFile::~ReadableFile() = default;
 FileSystem::~FileSystem() = default;
 
+std::unique_ptr<WritableFile> FileSystem::CreateForDirectWrite(const std::filesystem::path& path) {
+    CreateFile(path, true);
+    SetNotContentIndexed(path);
+    return OpenForDirectWrite(path);
+}
+
 std::vector<DirectoryEntry> FileSystem::ListDirectoryWithStats(const std::filesystem::path& path) {
     std::vector<DirectoryEntry> entries = ListDirectory(path);
     std::erase_if(entries, [&](DirectoryEntry& entry) {

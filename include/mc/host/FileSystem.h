@@ -85,6 +85,12 @@ public:
     // direct I/O where the file system allows it, else buffered writes made durable at Close.
     // Returns the open file, owned by the caller.
     virtual std::unique_ptr<WritableFile> OpenForDirectWrite(const std::filesystem::path& path) = 0;
+    // Creates a NEW regular file (IOError with EEXIST when anything, a link included, is in its
+    // place; FileNotFoundError for a missing parent), marked not to be indexed, and opens it as
+    // OpenForDirectWrite does. Returns the open file, owned by the caller. The default composes
+    // CreateFile, SetNotContentIndexed and OpenForDirectWrite (so a wrapper's overrides of those
+    // apply); a native file system does it in one open.
+    virtual std::unique_ptr<WritableFile> CreateForDirectWrite(const std::filesystem::path& path);
 
     // Opens an existing regular file for reading from offset 0, without blocking and without
     // following a symbolic link in the last component: a link, FIFO, device or folder throws

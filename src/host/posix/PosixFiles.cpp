@@ -173,33 +173,53 @@ int OpenFile(const std::filesystem::path& path, int flags) {
     return -1;
 }
 
-}  // namespace
-
-std::unique_ptr<WritableFile> PosixFileSystem::OpenForDirectWrite(
-    const std::filesystem::path& path) {
-    constexpr int kFlags = O_WRONLY | O_TRUNC | O_CLOEXEC;
+// Opens for writing with `flags`, direct where allowed (a file system refusing O_DIRECT gets
+// buffered writes). `create` opens with O_CREAT|O_EXCL, which never follows a link and always
+// yields a fresh regular file; otherwise OpenFile checks what is there.
+std::unique_ptr<WritableFile> OpenWritable(const std::filesystem::path& path, bool allowDirect,
+                                           bool create) {
+    const int flags = O_WRONLY | O_CLOEXEC | (create ? O_CREAT | O_EXCL : O_TRUNC);
+    auto open = [&](int extra) {
+        if (!create) return OpenFile(path, flags | extra);
+        return RetryOnInterrupt([&] { return ::open(path.c_str(), flags | extra, 0644); });
+    };
     bool direct = false;
     int fd = -1;
 #ifdef O_DIRECT
-    if (options_.allowDirectIo) {
-        fd = OpenFile(path, kFlags | O_DIRECT);
+    if (allowDirect) {
+        fd = open(O_DIRECT);
         if (fd >= 0) {
             direct = true;
         } else if (errno != EINVAL) {
-            ThrowLastFsError("open for direct write", path);
+            ThrowLastFsError(create ? "create for direct write" : "open for direct write", path);
         }
     }
+#else
+    (void)allowDirect;
 #endif
     if (fd < 0) {
-        fd = OpenFile(path, kFlags);
-        if (fd < 0) ThrowLastFsError("open for write", path);
+        fd = open(0);
+        if (fd < 0) ThrowLastFsError(create ? "create for write" : "open for write", path);
     }
     try {
         return std::make_unique<PosixWritableFile>(fd, path, direct);
     } catch (...) {
         ::close(fd);
+        if (create) ::unlink(path.c_str());
         throw;
     }
+}
+
+}  // namespace
+
+std::unique_ptr<WritableFile> PosixFileSystem::OpenForDirectWrite(
+    const std::filesystem::path& path) {
+    return OpenWritable(path, options_.allowDirectIo, false);
+}
+
+std::unique_ptr<WritableFile> PosixFileSystem::CreateForDirectWrite(
+    const std::filesystem::path& path) {
+    return OpenWritable(path, options_.allowDirectIo, true);
 }
 
 std::unique_ptr<ReadableFile> PosixFileSystem::OpenForRead(const std::filesystem::path& path) {
