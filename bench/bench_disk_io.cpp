@@ -1,22 +1,22 @@
-// Disk-cache throughput against the disk's own limit, measured on the same folder in the same run.
-//   write: 32 items of 8 MiB rendered and checked in; the check-in queues them and the two
-//          writer threads write and commit the files. Timed from the first check-in until the
-//          last file is attached. Limit: the same bytes (whole files, padding included) written
-//          as direct writes of 256 KiB blocks, file after file, by one thread and by two (with
-//          synchronous direct writes a file system may commit two streams together far faster
-//          than one; the better pass is the limit, and the one-stream ratio is printed too).
-//   read:  the same 32 items purged from memory and checked out again, one after the other, so
-//          that each is read back from its file. Limit: the same bytes (header and payload) of
-//          the same files read by one plain read each into fresh memory.
-// Writes are direct (O_DIRECT) where the file system allows it (printed). Reads are buffered:
-// every file's pages are dropped from the page cache (posix_fadvise DONTNEED) before each read
-// pass, so both read passes come from the device.
-// Prints both ratios (targets: at least 0.85). The folder is MC_BENCH_DIR when set, else the
-// system's temporary folder.
-#include <benchmark/benchmark.h>
+// Disk-cache throughput against the device's own limit, sides interleaved round by round.
+// For 8 MiB payloads (32 items) and 1 MiB payloads (128 items), every round runs, in an order
+// that alternates between rounds:
+//   cache write: every item rendered and checked in; the writer threads write and commit the
+//                files. Timed from the first check-in until the last file is attached.
+//   raw write:   the same number of files of the same length (the cache's padded length),
+//                written by two threads with O_DIRECT into files preallocated to that length,
+//                one fdatasync each, 256 KiB per write.
+//   cache read:  every payload purged, the files' pages dropped, every item checked out again
+//                (each is read back from its file), one after the other.
+//   raw read:    the same files read with O_DIRECT into an aligned buffer, one read per file,
+//                header and payload rounded up to whole 4 KiB blocks.
+// Prints, per figure, the minimum and median time of a pass over the rounds, the MiB/s of the
+// median (file bytes for writes, header and payload bytes for reads), and the ratio of the
+// medians cache / raw (goal >= 0.9). Usage: bench_disk_io [rounds >= 5] [8 or 1: that payload
+// size in MiB only]. The folder is MC_BENCH_DIR when set, else the system's temporary folder.
+#include <fcntl.h>
+#include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchRounds.h"
 #include "disk/DiskFolder.h"
 #include "helpers/PageCache.h"
 #include "mc/MC_Bag.h"
@@ -36,26 +37,30 @@
 #include "mc/host/AlignedBuffer.h"
 #include "mc/host/ByteStream.h"
 #include "mc/host/File.h"
-#include "mc/host/FileSystem.h"
 #include "mc/host/Guid.h"
 #include "support/RecordingHostServices.h"
 #include "support/TempDir.h"
 
 namespace {
 
-constexpr uint32_t kItems = 32;
-constexpr uint32_t kPayload = 8u << 20;
 constexpr size_t kBlock = 256 * 1024;
-constexpr unsigned kAppVersion = 256;  // client version "1.0"
+constexpr size_t kAlign = 4096;
+constexpr uint64_t kHeaderAndSize = 32 + 4;  // cache header, then the payload's length
+constexpr unsigned kAppVersion = 256;        // client version "1.0"
 
 using Clock = std::chrono::steady_clock;
+using mcbench::Samples;
 
 double Seconds(Clock::time_point from) {
     return std::chrono::duration<double>(Clock::now() - from).count();
 }
 
-// An 8 MiB payload that writes and reads its bytes in one piece (no checking, so that the
-// benchmark measures the cache's I/O path and not a payload's own work).
+uint64_t RoundUp(uint64_t n, uint64_t to) {
+    return (n + to - 1) / to * to;
+}
+
+// A payload that writes and reads its bytes in one piece (no checking, so that the benchmark
+// measures the cache's I/O path and not a payload's own work).
 class BenchPayload : public MC_StuffData {
 public:
     BenchPayload(uint32_t key, uint32_t size) : key_(key), size_(size) {
@@ -97,7 +102,6 @@ public:
         bytes_ = std::move(bytes);
         return 0.0;
     }
-    const uint8_t* Data() const { return bytes_.get(); }
 
 private:
     uint32_t key_;
@@ -120,33 +124,19 @@ std::filesystem::path BenchBase() {
     return dir && *dir ? std::filesystem::path(dir) : std::filesystem::temp_directory_path();
 }
 
-void DropPages(const velacore::Dir& folder) {
-    velacore::RecursiveFileIterator walk(folder);
-    velacore::File file;
-    while (walk.Next(file)) velacore::DropFileFromPageCache(file.GetFullPath());
-}
-
-struct Best {
-    double bytesPerSecond = 0;
-    bool directIo = false;
-    void Note(double bytes, double seconds) {
-        if (seconds > 0) bytesPerSecond = std::max(bytesPerSecond, bytes / seconds);
-    }
-};
-Best g_plainWrite, g_plainWrite2, g_cacheWrite, g_plainRead, g_cacheRead;
-
-// The module started on a fresh cache folder, with the items rendered and written.
+// The module started on a fresh cache folder; its items are rendered and written by
+// RenderAndWriteAll.
 class CacheSession {
 public:
-    CacheSession() : root_("mc-bench-io", BenchBase()) {
+    CacheSession(uint32_t items, uint32_t payload) : root_("mc-bench-io", BenchBase()) {
         services_->SetClientVersion("1.0");
         MCp_SetInitialDiskRescanPostedForTesting(true);
         MC_Birth(false, kAppVersion, false);
         bag_ = MC_GlobalBag();
         bag_->SetDiskCacheInfo(root_.AsDir(), 4096);
         bag_->EnableDiskCache(true);
-        for (uint32_t key = 0; key < kItems; ++key)
-            payloads_.emplace_back(new BenchPayload(key, kPayload));
+        for (uint32_t key = 0; key < items; ++key)
+            payloads_.emplace_back(new BenchPayload(key, payload));
     }
     ~CacheSession() {
         items_.clear();
@@ -154,11 +144,13 @@ public:
         MC_StopAllAsyncWork();
         MC_Death();
     }
+    CacheSession(const CacheSession&) = delete;
+    CacheSession& operator=(const CacheSession&) = delete;
 
     // Renders and checks in every item; returns the seconds until the last file is attached.
     double RenderAndWriteAll() {
         const auto start = Clock::now();
-        for (uint32_t key = 0; key < kItems; ++key) {
+        for (uint32_t key = 0; key < payloads_.size(); ++key) {
             MC_ScCheckout render;
             if (render.FindAndCheckout(Request(key), MC_CheckoutFlag_CreatePending) !=
                 MC_CheckoutResult_CreatedNewPending)
@@ -177,9 +169,9 @@ public:
     // its file). Returns the seconds the check-outs took.
     double PurgeAndReadAll() {
         bag_->PurgeAllMemoryCaches();
-        DropPages(Folder());
+        for (const auto& f : Files()) velacore::DropFileFromPageCache(f);
         const auto start = Clock::now();
-        for (uint32_t key = 0; key < kItems; ++key) {
+        for (uint32_t key = 0; key < payloads_.size(); ++key) {
             MC_ScCheckout receipt;
             if (receipt.FindAndCheckout(Request(key), MC_CheckoutFlag_ReadOnly) !=
                     MC_CheckoutResult_CheckedOut ||
@@ -189,19 +181,10 @@ public:
         return Seconds(start);
     }
 
-    velacore::Dir Folder() const { return bag_->GetDiskCacheDirSpec(); }
-    std::vector<velacore::File> Files() const {
-        std::vector<velacore::File> files;
-        for (const auto& item : items_) files.push_back(item->GetDiskCacheFile());
+    std::vector<std::filesystem::path> Files() const {
+        std::vector<std::filesystem::path> files;
+        for (const auto& item : items_) files.push_back(item->GetDiskCacheFile().GetFullPath());
         return files;
-    }
-    uint64_t FileBytes() const {
-        uint64_t total = 0;
-        for (const auto& f : Files()) total += f.Size();
-        return total;
-    }
-    const BenchPayload& Payload(uint32_t key) const {
-        return static_cast<const BenchPayload&>(*payloads_[key]);
     }
 
 private:
@@ -214,136 +197,104 @@ private:
     std::vector<IntrusivePtr<MC_Stuff>> items_;
 };
 
-// Writes `size` bytes of `source` (repeated as needed) to a new file in 256 KiB direct blocks.
-bool PlainWrite(const std::filesystem::path& path, const uint8_t* source, uint64_t size,
-                velacore::AlignedBuffer& block) {
-    velacore::FileSystem& fs = velacore::GetFileSystem();
-    fs.CreateFile(path, true);
-    std::unique_ptr<velacore::WritableFile> out = fs.OpenForDirectWrite(path);
-    for (uint64_t done = 0; done < size; done += kBlock) {
-        std::memcpy(block.Data(), source + (done % kPayload), kBlock);
-        out->Append(block.Data(), kBlock);
-    }
-    const bool direct = out->IsDirectIo();
-    out->Close();
-    return direct;
+[[noreturn]] void Fail(const char* what, const std::filesystem::path& path) {
+    throw std::runtime_error(std::string(what) + " " + path.string() + ": " + std::strerror(errno));
 }
 
-// Reads the first `size` bytes of the file into fresh memory with one plain read.
-void PlainRead(const std::filesystem::path& path, uint64_t size) {
-    std::unique_ptr<velacore::ReadableFile> in = velacore::GetFileSystem().OpenForRead(path);
-    std::unique_ptr<uint8_t[]> bytes(new uint8_t[size]);
-    if (in->Read(bytes.get(), size) != size) throw std::runtime_error("short read");
-    benchmark::DoNotOptimize(bytes.get());
+// The device's limit for writing: a new file preallocated to `size`, direct 256 KiB writes,
+// one fdatasync.
+void RawWrite(const std::filesystem::path& path, uint64_t size, const uint8_t* block) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_DIRECT | O_CLOEXEC, 0644);
+    if (fd < 0) Fail("open", path);
+    if (::fallocate(fd, 0, 0, static_cast<off_t>(size)) != 0 && errno != EOPNOTSUPP)
+        Fail("fallocate", path);
+    for (uint64_t done = 0; done < size; done += kBlock)
+        if (::pwrite(fd, block, kBlock, static_cast<off_t>(done)) != static_cast<ssize_t>(kBlock))
+            Fail("pwrite", path);
+    if (::fdatasync(fd) != 0) Fail("fdatasync", path);
+    ::close(fd);
 }
 
-void BM_CacheWrite(benchmark::State& state) {
-    for (auto _ : state) {
-        CacheSession session;
-        const double seconds = session.RenderAndWriteAll();
-        state.SetIterationTime(seconds);
-        const double bytes = static_cast<double>(session.FileBytes());
-        g_cacheWrite.Note(bytes, seconds);
-        state.SetBytesProcessed(state.bytes_processed() + static_cast<int64_t>(bytes));
-    }
+// The device's limit for reading: one direct read of `size` bytes (a multiple of 4 KiB).
+void RawRead(const std::filesystem::path& path, uint64_t size, uint8_t* into) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);
+    if (fd < 0) Fail("open", path);
+    if (::pread(fd, into, size, 0) != static_cast<ssize_t>(size)) Fail("pread", path);
+    ::close(fd);
 }
 
-// The same files as the cache writes (header and payload rounded up to whole 256 KiB blocks),
-// written by `state.range(0)` threads, each taking every n-th file.
-void BM_PlainWrite(benchmark::State& state) {
-    const uint64_t fileSize = (kPayload + 36 + kBlock - 1) / kBlock * kBlock;
-    const int streams = static_cast<int>(state.range(0));
-    BenchPayload source(7, kPayload);
-    Best& best = streams == 1 ? g_plainWrite : g_plainWrite2;
-    for (auto _ : state) {
-        mctest::TempDir dir("mc-bench-plain", BenchBase());
-        std::vector<std::thread> threads;
-        std::atomic<bool> direct{true};
+struct Figures {
+    Samples cacheWrite, rawWrite, cacheRead, rawRead;  // seconds per pass
+};
+
+// One round for `items` payloads of `payload` bytes; `rawFirst` decides the order of the sides.
+void Round(uint32_t items, uint32_t payload, bool rawFirst, Figures& f) {
+    const uint64_t fileSize = RoundUp(kHeaderAndSize + payload, kBlock);
+    const uint64_t readSize = RoundUp(kHeaderAndSize + payload, kAlign);
+    velacore::AlignedBuffer block(kBlock, kAlign);
+    std::memset(block.Data(), 0x5A, kBlock);
+    velacore::AlignedBuffer readInto(readSize, kAlign);
+    auto rawWrites = [&] {
+        mctest::TempDir dir("mc-bench-raw", BenchBase());
         const auto start = Clock::now();
-        for (int t = 0; t < streams; ++t)
-            threads.emplace_back([&, t] {
-                velacore::AlignedBuffer block(kBlock, 4096);
-                for (uint32_t i = t; i < kItems; i += streams)
-                    if (!PlainWrite(dir.Path() / std::to_string(i), source.Data(), fileSize, block))
-                        direct.store(false);
-            });
-        for (auto& t : threads) t.join();
-        const double seconds = Seconds(start);
-        state.SetIterationTime(seconds);
-        best.Note(static_cast<double>(fileSize) * kItems, seconds);
-        best.directIo = direct.load();
-        state.SetBytesProcessed(state.bytes_processed() + static_cast<int64_t>(fileSize * kItems));
-    }
-}
-
-// One session serves both read passes: the cache's check-outs and the plain reads of the same
-// files, alternating, each after the pages were dropped.
-void BM_ReadBack(benchmark::State& state) {
-    CacheSession session;
-    session.RenderAndWriteAll();
-    const uint64_t perFile = 32 + 4 + uint64_t{kPayload};
-    const double bytes = static_cast<double>(perFile) * kItems;
-    const std::vector<velacore::File> files = session.Files();
-    bool plainFirst = false;
-    auto plainPass = [&] {
-        DropPages(session.Folder());
-        const auto start = Clock::now();
-        for (const auto& f : files) PlainRead(f.GetFullPath(), perFile);
-        g_plainRead.Note(bytes, Seconds(start));
+        auto writer = [&](uint32_t first) {
+            for (uint32_t i = first; i < items; i += 2)
+                RawWrite(dir.Path() / std::to_string(i), fileSize, block.Data());
+        };
+        std::thread other(writer, 1);
+        writer(0);
+        other.join();
+        f.rawWrite.Add(Seconds(start));
     };
-    for (auto _ : state) {
-        if (plainFirst) plainPass();  // alternate, so that neither pass always goes first
-        const double cacheSeconds = session.PurgeAndReadAll();
-        g_cacheRead.Note(bytes, cacheSeconds);
-        if (!plainFirst) plainPass();
-        plainFirst = !plainFirst;
-        state.SetIterationTime(cacheSeconds);
-        state.SetBytesProcessed(state.bytes_processed() + static_cast<int64_t>(bytes));
-    }
+    CacheSession session(items, payload);
+    if (rawFirst) rawWrites();
+    f.cacheWrite.Add(session.RenderAndWriteAll());
+    if (!rawFirst) rawWrites();
+    const std::vector<std::filesystem::path> files = session.Files();
+    auto rawReads = [&] {
+        const auto start = Clock::now();
+        for (const auto& file : files) RawRead(file, readSize, readInto.Data());
+        f.rawRead.Add(Seconds(start));
+    };
+    if (rawFirst) rawReads();
+    f.cacheRead.Add(session.PurgeAndReadAll());
+    if (!rawFirst) rawReads();
 }
 
-BENCHMARK(BM_PlainWrite)
-    ->Arg(1)
-    ->Arg(2)
-    ->UseManualTime()
-    ->Iterations(3)
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_CacheWrite)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_ReadBack)->UseManualTime()->Iterations(6)->Unit(benchmark::kMillisecond);
-
-double MiBs(const Best& b) {
-    return b.bytesPerSecond / (1 << 20);
+void Report(const char* what, const Samples& cache, const Samples& raw, double bytes) {
+    auto mibs = [&](double seconds) { return bytes / seconds / (1 << 20); };
+    std::printf(
+        "  %-6s cache min %7.1f ms median %7.1f ms (%6.0f MiB/s) | raw min %7.1f ms "
+        "median %7.1f ms (%6.0f MiB/s) | ratio %.2f\n",
+        what, cache.Min() * 1e3, cache.Median() * 1e3, mibs(cache.Median()), raw.Min() * 1e3,
+        raw.Median() * 1e3, mibs(raw.Median()), raw.Median() / cache.Median());
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    std::printf(
-        "\n%u items of %u MiB; writes direct (O_DIRECT): %s; reads buffered, pages dropped "
-        "before each read pass\n",
-        kItems, kPayload >> 20, g_plainWrite.directIo ? "yes" : "no (fallback)");
-    if (g_plainWrite.bytesPerSecond > 0 && g_cacheWrite.bytesPerSecond > 0) {
-        // The disk's limit is the better of one stream and two (the writer uses two threads).
-        const double limit = std::max(g_plainWrite.bytesPerSecond, g_plainWrite2.bytesPerSecond);
-        std::printf(
-            "write: cache %.0f MiB/s; plain direct 256 KiB writes %.0f MiB/s (1 stream), "
-            "%.0f MiB/s (2 streams)\n",
-            MiBs(g_cacheWrite), MiBs(g_plainWrite), MiBs(g_plainWrite2));
-        std::printf(
-            "write ratio %.2f against the better plain pass, %.2f against one stream "
-            "(target >= 0.85)\n",
-            g_cacheWrite.bytesPerSecond / limit,
-            g_cacheWrite.bytesPerSecond / g_plainWrite.bytesPerSecond);
+    const int rounds = mcbench::RoundsFromArgs(argc, argv);
+    std::printf("rounds %d, load average at start %.2f, folder %s\n", rounds,
+                mcbench::LoadAverage(), BenchBase().string().c_str());
+    struct Size {
+        uint32_t payload, items;
+    };
+    try {
+        const uint32_t only = argc > 2 ? static_cast<uint32_t>(std::atoi(argv[2])) : 0;
+        for (const Size s : {Size{8u << 20, 32}, Size{1u << 20, 128}}) {
+            if (only != 0 && s.payload != only << 20) continue;
+            Figures f;
+            for (int r = 0; r < rounds; ++r) Round(s.items, s.payload, r % 2 == 1, f);
+            const double fileBytes = double(RoundUp(kHeaderAndSize + s.payload, kBlock)) * s.items;
+            const double readBytes = double(kHeaderAndSize + s.payload) * s.items;
+            std::printf("%u items of %u MiB:\n", s.items, s.payload >> 20);
+            Report("write", f.cacheWrite, f.rawWrite, fileBytes);
+            Report("read", f.cacheRead, f.rawRead, readBytes);
+        }
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "bench_disk_io: %s\n", e.what());
+        return 1;
     }
-    if (g_plainRead.bytesPerSecond > 0 && g_cacheRead.bytesPerSecond > 0)
-        std::printf(
-            "read:  cache check-out %.0f MiB/s, plain read %.0f MiB/s, ratio %.2f "
-            "(target >= 0.85)\n",
-            MiBs(g_cacheRead), MiBs(g_plainRead),
-            g_cacheRead.bytesPerSecond / g_plainRead.bytesPerSecond);
+    std::printf("load average at end %.2f\n", mcbench::LoadAverage());
     return 0;
 }

@@ -1,18 +1,26 @@
-// Scanning a disk-cache folder back into a fresh bag, against a bare walk of the same folder.
-//   scan:    MC_Bag::ScanDiskCacheDir over 20,000 valid cache files and 2,000 invalid ones
-//            (1,000 foreign names, 500 cache files of an unknown data class, 500 of another
-//            version that the scan deletes and the benchmark puts back between iterations).
-//   listing: a recursive listing of the same folder with one size query per file, through the
-//            same file-system layer.
-// Prints microseconds per file for both and their ratio (target: scan <= 3x listing).
-#include <benchmark/benchmark.h>
+// Scanning a disk-cache folder back into a fresh bag, against a bare walk of the same folder,
+// sides interleaved round by round, for 20,000 and 100,000 valid cache files.
+//   scan: MC_Bag::ScanDiskCacheDir over the valid files plus a tenth as many invalid ones
+//         (foreign names, cache files of an unknown data class, and of another version, which
+//         the scan deletes and the benchmark puts back between rounds, untimed).
+//   bare: the machine's limit: a recursive getdents walk (readdir) with one fstatat per entry
+//         relative to its folder, no link followed.
+// Prints microseconds per file (minimum and median over the rounds) and the ratio of the
+// medians scan / bare (goal <= 2). Usage: bench_disk_scan [rounds >= 5].
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "BenchRounds.h"
 #include "disk/CacheFile.h"
 #include "disk/DiskFolder.h"
 #include "mc/MC_Bag.h"
@@ -26,27 +34,17 @@
 namespace {
 
 constexpr unsigned kAppVersion = 0x1A;
-constexpr uint32_t kValid = 20'000;
-constexpr uint32_t kForeign = 1'000;
-constexpr uint32_t kUnknownClass = 500;
-constexpr uint32_t kOtherVersion = 500;
-constexpr uint32_t kFiles = kValid + kForeign + kUnknownClass + kOtherVersion;
 
 using Clock = std::chrono::steady_clock;
 
 struct Folder {
+    explicit Folder(uint32_t valid) : valid(valid) {}
+    uint32_t valid;
     mctest::TempDir root{"mc-bench-scan"};
     velacore::Dir cache;
     std::vector<std::pair<velacore::File, std::vector<uint8_t>>> otherVersion;
+    uint32_t Files() const { return valid + valid / 10; }
 };
-Folder* g_folder = nullptr;
-
-struct Totals {
-    double seconds = 0;
-    uint64_t files = 0;
-    double MicrosPerFile() const { return files ? seconds * 1e6 / static_cast<double>(files) : 0; }
-};
-Totals g_scan, g_listing;
 
 std::vector<uint8_t> Content(uint32_t key, unsigned version) {
     CacheFileHeader h;
@@ -73,17 +71,17 @@ velacore::File Put(const velacore::Dir& cache, const std::u16string& name,
 
 void Populate(Folder& f) {
     using velacore::Guid;
-    for (uint32_t k = 0; k < kValid; ++k)
+    for (uint32_t k = 0; k < f.valid; ++k)
         Put(f.cache,
             MCp_CacheFile::BuildName(Guid::CreateUnique(), "TestPayload", kAppVersion, Header(k)),
             Content(k, kAppVersion));
-    for (uint32_t k = 0; k < kForeign; ++k)
+    for (uint32_t k = 0; k < f.valid / 20; ++k)
         Put(f.cache, Guid::CreateUnique().AsWString() + u".note.txt", {1, 2, 3});
-    for (uint32_t k = 0; k < kUnknownClass; ++k)
+    for (uint32_t k = 0; k < f.valid / 40; ++k)
         Put(f.cache,
             MCp_CacheFile::BuildName(Guid::CreateUnique(), "NoSuchClass", kAppVersion, Header(k)),
             Content(k, kAppVersion));
-    for (uint32_t k = 0; k < kOtherVersion; ++k) {
+    for (uint32_t k = 0; k < f.valid / 40; ++k) {
         std::vector<uint8_t> bytes = Content(k, kAppVersion + 1);
         velacore::File file = Put(f.cache,
                                   MCp_CacheFile::BuildName(Guid::CreateUnique(), "TestPayload",
@@ -93,96 +91,95 @@ void Populate(Folder& f) {
     }
 }
 
-void RestoreOtherVersionFiles() {
-    for (const auto& [file, bytes] : g_folder->otherVersion)
+// Seconds of one ScanDiskCacheDir into a fresh bag; checks that every valid file was adopted.
+double TimeScan(Folder& f) {
+    for (const auto& [file, bytes] : f.otherVersion)
         if (!file.Exists()) mctest::WriteWholeFile(file.GetFullPath(), bytes);
+    auto bag = std::make_shared<MC_Bag>(kAppVersion);
+    bag->SetDiskCacheInfo(f.root.AsDir(), 100'000);
+    const auto start = Clock::now();
+    bag->ScanDiskCacheDir();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (bag->GetNumItems() != static_cast<int>(f.valid))
+        throw std::runtime_error("the scan did not adopt every valid file");
+    bag->ClearBagAndSortDir();
+    return seconds;
 }
 
-void BM_ScanDiskCacheDir(benchmark::State& state) {
-    for (auto _ : state) {
-        state.PauseTiming();
-        RestoreOtherVersionFiles();
-        auto bag = std::make_shared<MC_Bag>(kAppVersion);
-        bag->SetDiskCacheInfo(g_folder->root.AsDir(), 100'000);
-        state.ResumeTiming();
-
-        const auto start = Clock::now();
-        bag->ScanDiskCacheDir();
-        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        state.SetIterationTime(seconds);
-        g_scan.seconds += seconds;
-        g_scan.files += kFiles;
-
-        state.PauseTiming();
-        if (bag->GetNumItems() != static_cast<int>(kValid))
-            state.SkipWithError("the scan did not adopt every valid file");
-        bag->ClearBagAndSortDir();
-        bag.reset();
-        state.ResumeTiming();
+// Files under the folder open as `dirFd` (which this closes), with one fstatat per entry.
+uint64_t BareWalk(int dirFd, uint64_t& bytes) {
+    DIR* dir = ::fdopendir(dirFd);
+    if (!dir) {
+        ::close(dirFd);
+        return 0;
     }
-    state.counters["us_per_file"] = g_scan.MicrosPerFile();
-}
-
-void BM_BareListingWithStat(benchmark::State& state) {
-    for (auto _ : state) {
-        const auto start = Clock::now();
-        velacore::RecursiveFileIterator walk(g_folder->cache);
-        velacore::File file;
-        uint64_t count = 0, bytes = 0;
-        while (walk.Next(file)) {
-            bytes += file.Size();
-            ++count;
+    uint64_t files = 0;
+    while (const dirent* e = ::readdir(dir)) {
+        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        struct stat st {};
+        if (::fstatat(::dirfd(dir), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (S_ISREG(st.st_mode)) {
+            ++files;
+            bytes += static_cast<uint64_t>(st.st_size);
+        } else if (S_ISDIR(st.st_mode)) {
+            const int sub =
+                ::openat(::dirfd(dir), e->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (sub >= 0) files += BareWalk(sub, bytes);
         }
-        benchmark::DoNotOptimize(bytes);
-        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        state.SetIterationTime(seconds);
-        g_listing.seconds += seconds;
-        g_listing.files += count;
     }
-    state.counters["us_per_file"] = g_listing.MicrosPerFile();
+    ::closedir(dir);
+    return files;
+}
+
+double TimeBareWalk(const Folder& f) {
+    const auto start = Clock::now();
+    uint64_t bytes = 0;
+    const int fd = ::open(f.cache.GetFullPath().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const uint64_t files = fd < 0 ? 0 : BareWalk(fd, bytes);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (files != f.Files()) throw std::runtime_error("the bare walk missed files");
+    return seconds;
 }
 
 }  // namespace
 
-BENCHMARK(BM_BareListingWithStat)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_ScanDiskCacheDir)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
-
 int main(int argc, char** argv) {
+    const int rounds = mcbench::RoundsFromArgs(argc, argv);
     auto services = std::make_shared<mctest::RecordingHostServices>();
     services->SetClientVersion("26.1");
     mctest::ScopedHostServices scoped(services);
     MCp_SetInitialDiskRescanPostedForTesting(true);  // the benchmark scans by itself
     MC_Birth(false, kAppVersion, false);
     mctest::TestPayload::RegisterFactory();
+    std::printf("rounds %d, load average at start %.2f\n", rounds, mcbench::LoadAverage());
     int rc = 0;
-    {
-        Folder folder;
-        {
-            auto bag = std::make_shared<MC_Bag>(kAppVersion);
-            bag->SetDiskCacheInfo(folder.root.AsDir(), 100'000);
-            folder.cache = bag->GetDiskCacheDirSpec();
+    try {
+        for (const uint32_t valid : {20'000u, 100'000u}) {
+            Folder folder(valid);
+            {
+                auto bag = std::make_shared<MC_Bag>(kAppVersion);
+                bag->SetDiskCacheInfo(folder.root.AsDir(), 100'000);
+                folder.cache = bag->GetDiskCacheDirSpec();
+            }
+            Populate(folder);
+            mcbench::Samples scan, bare;
+            const double perFile = 1e6 / folder.Files();
+            for (int r = 0; r < rounds; ++r) {
+                if (r % 2 == 1) bare.Add(TimeBareWalk(folder) * perFile);
+                scan.Add(TimeScan(folder) * perFile);
+                if (r % 2 == 0) bare.Add(TimeBareWalk(folder) * perFile);
+            }
+            std::printf(
+                "%u files (%u valid): scan min %.2f median %.2f us/file | bare walk min "
+                "%.2f median %.2f us/file | ratio %.2f\n",
+                folder.Files(), valid, scan.Min(), scan.Median(), bare.Min(), bare.Median(),
+                scan.Median() / bare.Median());
         }
-        std::printf("creating %u files in %s ...\n", kFiles,
-                    folder.cache.GetFullPathUtf8().c_str());
-        Populate(folder);
-        g_folder = &folder;
-
-        benchmark::Initialize(&argc, argv);
-        if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-            rc = 1;
-        } else {
-            benchmark::RunSpecifiedBenchmarks();
-            std::printf("\n== summary ==\n");
-            std::printf("bare listing + one stat: %.2f us/file\n", g_listing.MicrosPerFile());
-            std::printf("ScanDiskCacheDir:        %.2f us/file (%u files, %u valid)\n",
-                        g_scan.MicrosPerFile(), kFiles, kValid);
-            if (g_listing.MicrosPerFile() > 0)
-                std::printf("ratio scan / listing:    %.2f (target <= 3)\n",
-                            g_scan.MicrosPerFile() / g_listing.MicrosPerFile());
-        }
-        g_folder = nullptr;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "bench_disk_scan: %s\n", e.what());
+        rc = 1;
     }
-    benchmark::Shutdown();
+    std::printf("load average at end %.2f\n", mcbench::LoadAverage());
     MC_StopAllAsyncWork();
     MC_Death();
     return rc;

@@ -3,8 +3,10 @@
 #include "disk/DiskWriter.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <limits>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -136,26 +138,29 @@ bool RemoveIfAbandoned(const velacore::File& temp) {
     }
 }
 
-// Creates the temporary exclusively. Returns false when it already exists (another writer).
-bool CreateTempExclusively(const velacore::File& temp) {
-    try {
-        temp.Create(true);
-        return true;
-    } catch (const velacore::IOError&) {
-        if (temp.Exists()) return false;
-        throw;
+// Creates and opens the temporary in one step. Returns null when another writer holds it; an
+// abandoned one is removed and the create tried once more.
+std::unique_ptr<FastWriteOnlyStream> CreateTemp(const velacore::File& temp, uint64_t expected) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        try {
+            return std::make_unique<FastWriteOnlyStream>(FastWriteOnlyStream::CreateNew{}, temp,
+                                                         expected);
+        } catch (const velacore::IOError& e) {
+            if (e.SysErrno() != EEXIST) throw;
+            if (!RemoveIfAbandoned(temp)) return nullptr;
+        }
     }
+    return nullptr;
 }
 
 // Writes header and payload; returns the seconds the write took as the speed model counts them.
-double WriteContent(const velacore::File& temp, const CacheFileHeader& header,
+double WriteContent(FastWriteOnlyStream& stream, const CacheFileHeader& header,
                     const MC_StuffData& data) {
     double seconds = 0.0;
     if (const int32_t ms = mc_settings::WriteDiskDelayMs(); ms > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(ms));
         seconds += ms / 1000.0;
     }
-    FastWriteOnlyStream stream(temp, kCacheFileHeaderSize + data.GetApproximateMemorySize());
     header.WriteTo(stream);
     velacore::Timer writeTimer;
     const double reported = data.Write(stream);
@@ -344,32 +349,27 @@ void MCp_DiskWriter::WriteFile(MC_Stuff& stuff, const std::shared_ptr<MC_Bag>& b
     const velacore::File& temp = save.GetTempFile();
 
     ScFlagClaim writing(stuff.writeInProgress_);
-    if (!writing.Claimed() || stuff.IsOnDisk() || (temp.Exists() && !RemoveIfAbandoned(temp)) ||
-        file.Exists()) {
-        save.Release();  // a temporary found here is another writer's
-        return;
-    }
-    ScFlagClaim guard(stuff.purgeGuard_, kPurgeGuardWriting);  // a purge now skips the item
-    if (!guard.Claimed() || !data->IsInMemory()) {
-        save.Release();
-        return;
-    }
-    if (!CreateTempExclusively(temp)) {
-        save.Release();
-        return;
-    }
-    if (file.Exists()) return;  // committed by another writer just now; ours is deleted
-    velacore::GetFileSystem().SetNotContentIndexed(temp.GetFullPath());
-
+    std::optional<ScFlagClaim> guard;  // while claimed, a purge skips the item
+    if (writing.Claimed() && !stuff.IsOnDisk())
+        guard.emplace(stuff.purgeGuard_, kPurgeGuardWriting);
     const uint64_t size = data->GetApproximateMemorySize();
+    std::unique_ptr<FastWriteOnlyStream> stream;
+    if (guard && guard->Claimed() && data->IsInMemory())
+        stream = CreateTemp(temp, kCacheFileHeaderSize + size);
+    // No temporary of ours: the one found there (if any) is another writer's. A file already
+    // committed under the final name wins; our temporary goes with `save`.
+    if (!stream) save.Release();
+    if (!stream || file.Exists()) return;
+
     double seconds = 0.0;
     {
         MCp_ScBusyInterval busy(MCp_WriteBusyTracker());
-        seconds = WriteContent(temp, header, *data);
+        seconds = WriteContent(*stream, header, *data);
     }
     AddWriteSample(size, seconds);
+    const uint64_t fileSize = stream->BytesWritten();
+    stream.reset();
     save.Commit();
-    const uint64_t fileSize = file.Size();
     {
         ScopedWriteLockWrapper w(stuff.lock_);
         stuff.diskFile_ = std::make_shared<velacore::File>(file);

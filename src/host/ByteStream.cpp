@@ -89,6 +89,11 @@ OPlatformByteStream::OPlatformByteStream(const File& file) : file_(file) {
     writer_ = fs.OpenForDirectWrite(file_.GetFullPath());
 }
 
+OPlatformByteStream::OPlatformByteStream(const File& file, std::unique_ptr<WritableFile> writer)
+    : file_(file), writer_(std::move(writer)) {
+    if (!writer_) throw std::invalid_argument("OPlatformByteStream needs an open file");
+}
+
 OPlatformByteStream::~OPlatformByteStream() = default;
 
 void OPlatformByteStream::WriteBytes(const void* data, size_t size) {

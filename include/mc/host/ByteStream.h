@@ -62,6 +62,8 @@ class MCHOST_API OPlatformByteStream : public OByteStream {
 public:
     // Creates the file (or empties an existing one) and opens it. Throws.
     explicit OPlatformByteStream(const File& file);
+    // Writes to `writer`, already open on `file` (must not be null); the stream owns it now.
+    OPlatformByteStream(const File& file, std::unique_ptr<WritableFile> writer);
     ~OPlatformByteStream() override;
 
     void WriteBytes(const void* data, size_t size) override;

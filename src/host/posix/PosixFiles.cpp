@@ -113,7 +113,8 @@ private:
 
 class PosixReadableFile final : public ReadableFile {
 public:
-    PosixReadableFile(int fd, std::filesystem::path path) : fd_(fd), path_(std::move(path)) {}
+    PosixReadableFile(int fd, std::filesystem::path path, bool direct = false)
+        : fd_(fd), path_(std::move(path)), direct_(direct) {}
     ~PosixReadableFile() override { ::close(fd_); }
     PosixReadableFile(const PosixReadableFile&) = delete;
     PosixReadableFile& operator=(const PosixReadableFile&) = delete;
@@ -129,6 +130,8 @@ public:
                 offset_ += static_cast<uint64_t>(got);
             } else if (got == 0) {
                 break;
+            } else if (errno == EINVAL && direct_) {
+                DropDirectIo();  // refused for alignment: read on through the cache
             } else if (errno != EINTR) {
                 ThrowLastFsError("read", path_);
             }
@@ -138,6 +141,14 @@ public:
 
     void Seek(uint64_t offset) override { offset_ = offset; }
 
+    void WillRead(uint64_t length) override {
+#ifdef POSIX_FADV_WILLNEED
+        if (!direct_) ::posix_fadvise(fd_, 0, static_cast<off_t>(length), POSIX_FADV_WILLNEED);
+#else
+        (void)length;
+#endif
+    }
+
     uint64_t Size() override {
         struct stat st {};
         if (::fstat(fd_, &st) != 0) ThrowLastFsError("fstat", path_);
@@ -145,8 +156,19 @@ public:
     }
 
 private:
+    void DropDirectIo() {
+#ifdef O_DIRECT
+        const int flags = ::fcntl(fd_, F_GETFL);
+        if (flags == -1 || ::fcntl(fd_, F_SETFL, flags & ~O_DIRECT) == -1) {
+            ThrowLastFsError("leave direct I/O on", path_);
+        }
+#endif
+        direct_ = false;
+    }
+
     int fd_;
     std::filesystem::path path_;
+    bool direct_;
     uint64_t offset_ = 0;
 };
 
@@ -173,44 +195,83 @@ int OpenFile(const std::filesystem::path& path, int flags) {
     return -1;
 }
 
-}  // namespace
-
-std::unique_ptr<WritableFile> PosixFileSystem::OpenForDirectWrite(
-    const std::filesystem::path& path) {
-    constexpr int kFlags = O_WRONLY | O_TRUNC | O_CLOEXEC;
+// Opens for writing with `flags`, direct where allowed (a file system refusing O_DIRECT gets
+// buffered writes). `create` opens with O_CREAT|O_EXCL, which never follows a link and always
+// yields a fresh regular file; otherwise OpenFile checks what is there.
+std::unique_ptr<WritableFile> OpenWritable(const std::filesystem::path& path, bool allowDirect,
+                                           bool create) {
+    const int flags = O_WRONLY | O_CLOEXEC | (create ? O_CREAT | O_EXCL : O_TRUNC);
+    auto open = [&](int extra) {
+        if (!create) return OpenFile(path, flags | extra);
+        return RetryOnInterrupt([&] { return ::open(path.c_str(), flags | extra, 0644); });
+    };
     bool direct = false;
     int fd = -1;
 #ifdef O_DIRECT
-    if (options_.allowDirectIo) {
-        fd = OpenFile(path, kFlags | O_DIRECT);
+    if (allowDirect) {
+        fd = open(O_DIRECT);
         if (fd >= 0) {
             direct = true;
         } else if (errno != EINVAL) {
-            ThrowLastFsError("open for direct write", path);
+            ThrowLastFsError(create ? "create for direct write" : "open for direct write", path);
         }
     }
+#else
+    (void)allowDirect;
 #endif
     if (fd < 0) {
-        fd = OpenFile(path, kFlags);
-        if (fd < 0) ThrowLastFsError("open for write", path);
+        fd = open(0);
+        if (fd < 0) ThrowLastFsError(create ? "create for write" : "open for write", path);
     }
     try {
         return std::make_unique<PosixWritableFile>(fd, path, direct);
+    } catch (...) {
+        ::close(fd);
+        if (create) ::unlink(path.c_str());
+        throw;
+    }
+}
+
+std::unique_ptr<ReadableFile> OpenReadable(const std::filesystem::path& path, bool direct) {
+    int fd = -1;
+#ifdef O_DIRECT
+    if (direct) {
+        fd = OpenFile(path, O_RDONLY | O_CLOEXEC | O_DIRECT);
+        if (fd < 0 && errno != EINVAL) ThrowLastFsError("open for direct read", path);
+    }
+#endif
+    if (fd < 0) {
+        direct = false;
+        fd = OpenFile(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0) ThrowLastFsError("open for read", path);
+    }
+    try {
+        return std::make_unique<PosixReadableFile>(fd, path, direct);
     } catch (...) {
         ::close(fd);
         throw;
     }
 }
 
+}  // namespace
+
+std::unique_ptr<WritableFile> PosixFileSystem::OpenForDirectWrite(
+    const std::filesystem::path& path) {
+    return OpenWritable(path, options_.allowDirectIo, false);
+}
+
+std::unique_ptr<WritableFile> PosixFileSystem::CreateForDirectWrite(
+    const std::filesystem::path& path) {
+    return OpenWritable(path, options_.allowDirectIo, true);
+}
+
 std::unique_ptr<ReadableFile> PosixFileSystem::OpenForRead(const std::filesystem::path& path) {
-    const int fd = OpenFile(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) ThrowLastFsError("open for read", path);
-    try {
-        return std::make_unique<PosixReadableFile>(fd, path);
-    } catch (...) {
-        ::close(fd);
-        throw;
-    }
+    return OpenReadable(path, false);
+}
+
+std::unique_ptr<ReadableFile> PosixFileSystem::OpenForDirectRead(
+    const std::filesystem::path& path) {
+    return OpenReadable(path, options_.allowDirectIo);
 }
 
 }  // namespace velacore
