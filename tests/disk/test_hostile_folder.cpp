@@ -43,20 +43,16 @@ public:
     std::set<fs::path> denied;
 };
 
-// Every entry under `root`, links not followed: relative path -> kind and content.
+// Every entry under `root`, links not followed: relative path -> link target or file content.
 std::map<std::string, std::string> Snapshot(const fs::path& root) {
     std::map<std::string, std::string> out;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
-         ++it) {
-        const auto status = it->symlink_status();
-        std::string& slot = out[fs::relative(it->path(), root).string()];
-        if (fs::is_symlink(status))
-            slot = "link:" + fs::read_symlink(it->path()).string();
-        else if (fs::is_regular_file(status)) {
-            const auto bytes = mctest::ReadWholeFile(it->path());
-            slot = "file:" + std::string(bytes.begin(), bytes.end());
-        } else
-            slot = "other";
+    for (const auto& e : fs::recursive_directory_iterator(root)) {
+        const auto status = e.symlink_status();
+        const auto bytes = fs::is_regular_file(status) ? mctest::ReadWholeFile(e.path())
+                                                       : std::vector<uint8_t>{};
+        out[fs::relative(e.path(), root).string()] =
+            fs::is_symlink(status) ? "link:" + fs::read_symlink(e.path()).string()
+                                   : std::string(bytes.begin(), bytes.end());
     }
     return out;
 }
@@ -83,11 +79,6 @@ std::string SubOf(uint32_t key) {
 void Fifo(const fs::path& path) {
     fs::create_directories(path.parent_path());
     ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0) << path;
-}
-
-void SetAge(const fs::path& path, std::chrono::seconds age) {
-    const auto when = fs::file_time_type::clock::now() - age;
-    fs::last_write_time(path, when);
 }
 
 struct Planted {
@@ -173,7 +164,7 @@ const HostileCase kCases[] = {
                                 std::vector<uint8_t>(1000, 7));
          mctest::WriteWholeFile((fs::create_directories(young.parent_path()), young),
                                 std::vector<uint8_t>(3000, 8));
-         SetAge(old, std::chrono::minutes(11));
+         fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::minutes(11));
      },
      {},
      true},
