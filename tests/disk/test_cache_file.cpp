@@ -8,7 +8,7 @@
 #include "mc/host/Errors.h"
 #include "mc/host/TextConvert.h"
 #include "support/FaultInjectingFileSystem.h"
-#include "test_format_util.h"
+#include "test_writer_fixture.h"
 
 namespace {
 
@@ -102,8 +102,7 @@ TEST(CacheFileHeader, EncodesLittleEndianAtFixedOffsets) {
     EXPECT_EQ(CacheFileHeader::Decode(b.data()), h);
 }
 
-constexpr size_t kBlock = 4096;
-constexpr size_t kBuffer = FastWriteOnlyStream::kBlocksPerBuffer * kBlock;  // 262,144
+constexpr size_t kBuffer = FastWriteOnlyStream::kBlocksPerBuffer * diskbtest::kBlockSize;  // 262,144
 
 // Every volume reports 4096-byte blocks; faults can be injected underneath.
 class CacheStream : public ::testing::Test {
@@ -111,7 +110,7 @@ protected:
     std::shared_ptr<mctest::FaultInjectingFileSystem> faults_ =
         std::make_shared<mctest::FaultInjectingFileSystem>();
     mctest::ScopedFileSystem scoped_{
-        std::make_shared<disktest::FixedBlockFileSystem>(faults_, kBlock)};
+        std::make_shared<diskbtest::FakeVolumeFileSystem>(faults_)};
     mctest::TempDir dir_{"mc-diskA-stream"};
 };
 

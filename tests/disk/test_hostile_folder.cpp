@@ -18,7 +18,6 @@
 
 #include "mc/host/Errors.h"
 #include "mc/host/TextConvert.h"
-#include "test_format_util.h"
 #include "test_writer_fixture.h"
 
 namespace {

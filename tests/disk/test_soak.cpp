@@ -201,16 +201,16 @@ TEST_F(Soak, ConcurrentUseNeverServesWrongBytesAndKeepsTotalsRight) {
     const auto end = std::chrono::steady_clock::now() + kSoakTime;
     std::vector<std::thread> threads;
     // An error code escaping a cache call fails the test instead of ending the process.
-    auto guarded = [](const char* who, const std::function<void()>& body) {
+    auto guarded = [](const std::function<void()>& body) {
         try {
             body();
         } catch (int code) {
-            ADD_FAILURE() << who << " got error code " << code;
+            ADD_FAILURE() << "error code " << code;
         }
     };
     for (uint32_t t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] { guarded("worker", [&] { Worker(t + 1, end); }); });
-    threads.emplace_back([&] { guarded("maintenance", [&] { Maintenance(end); }); });
+        threads.emplace_back(guarded, [this, t, end] { Worker(t + 1, end); });
+    threads.emplace_back(guarded, [this, end] { Maintenance(end); });
     for (auto& t : threads) t.join();
     ASSERT_TRUE(DrainWriter());
 

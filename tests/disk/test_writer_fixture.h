@@ -1,20 +1,20 @@
-// DiskCacheTest: the module started around each test with recording host services (whose
-// computer-name query can be made to fail), a disk-cache folder in a temporary root with a
+// DiskCacheTest: the module started around each test with recording host services, a disk-cache
+// folder in a temporary root with a
 // budget, the disk cache enabled, fresh speed statistics, and a file system that reports
 // 4096-byte blocks (so every cache file is a multiple of 256 KiB) and a settable free space.
-// Plus a payload whose write waits at a gate, and helpers to make and write items.
+// Plus a payload whose write waits at a gate, helpers to make and write items, and writers of
+// cache files named as the cache names them.
 // Thread-safety: the fixture belongs to the test's main thread; a Gate may be used by any.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -29,7 +29,6 @@
 #include "mc/MC_Module.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/MC_Stuff.h"
-#include "mc/host/File.h"
 #include "mc/host/FileSystem.h"
 #include "support/DiskWriterDrain.h"
 #include "support/FaultInjectingFileSystem.h"
@@ -52,15 +51,6 @@ public:
     size_t GetBlockSize(const std::filesystem::path&) override { return kBlockSize; }
     uint64_t GetFreeSpace(const std::filesystem::path&) override { return freeSpace.load(); }
     std::atomic<uint64_t> freeSpace{uint64_t{1} << 40};
-};
-
-class DiskHostServices : public mctest::RecordingHostServices {
-public:
-    int GetComputerName(char* buf, size_t size) override {
-        if (int rc = computerNameError.load()) return rc;
-        return RecordingHostServices::GetComputerName(buf, size);
-    }
-    std::atomic<int> computerNameError{0};
 };
 
 // A TestPayload whose Write waits while its gate is closed, counting the writes.
@@ -111,7 +101,7 @@ protected:
     void SetUp() override {
         fs_ = std::make_shared<FakeVolumeFileSystem>(velacore::GetDefaultFileSystem());
         scopedFs_ = std::make_unique<mctest::ScopedFileSystem>(fs_);
-        services_ = std::make_shared<DiskHostServices>();
+        services_ = std::make_shared<mctest::RecordingHostServices>();
         services_->SetClientVersion("1.0");
         services_->SetComputerName("diskb-host");
         scoped_ = std::make_unique<mctest::ScopedHostServices>(services_);
@@ -200,16 +190,67 @@ protected:
     }
     std::vector<std::filesystem::path> CacheFiles() const { return AllFiles(true); }
 
-    DiskHostServices& host() { return *services_; }
+    mctest::RecordingHostServices& host() { return *services_; }
     MCp_Counters& counters() { return MCp_GetCounters(); }
 
     mctest::TempDir root_{"mc-diskB"};
     std::shared_ptr<FakeVolumeFileSystem> fs_;
     std::unique_ptr<mctest::ScopedFileSystem> scopedFs_;
-    std::shared_ptr<DiskHostServices> services_;
+    std::shared_ptr<mctest::RecordingHostServices> services_;
     std::unique_ptr<mctest::ScopedHostServices> scoped_;
     std::shared_ptr<MC_Bag> bag_;
     int32_t queueAdjust_ = 0;
 };
 
 }  // namespace diskbtest
+
+namespace disktest {
+
+// The header a TestPayload of (key, variant) gives.
+inline std::vector<uint8_t> PayloadHeader(uint32_t key, uint32_t variant) {
+    std::vector<uint8_t> header(8);
+    std::memcpy(header.data(), &key, 4);
+    std::memcpy(header.data() + 4, &variant, 4);
+    return header;
+}
+
+// The file content of a TestPayload of `size` bytes: cache header, then the payload's bytes.
+inline std::vector<uint8_t> CacheFileContent(uint32_t key, uint32_t size, uint32_t appVersion,
+                                             size_t padTo = 0) {
+    CacheFileHeader h;
+    h.appVersion = appVersion;
+    h.computeTime = 1.5;
+    const auto head = h.Encode();
+    std::vector<uint8_t> bytes(head.begin(), head.end());
+    for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(size >> (8 * i)));
+    for (uint32_t i = 0; i < size; ++i)
+        bytes.push_back(static_cast<uint8_t>((key * 131 + i) & 0xFF));
+    if (padTo > bytes.size()) bytes.resize(padTo, 0);
+    return bytes;
+}
+
+// Writes a cache file for TestPayload (key, variant) under `cacheDir`, in its sub-folder, named
+// as the cache names it. Returns the file.
+inline velacore::File WriteTestCacheFile(const velacore::Dir& cacheDir, uint32_t key,
+                                         uint32_t variant, uint32_t appVersion,
+                                         uint32_t payloadSize = 16, size_t padTo = 0) {
+    const std::u16string name =
+        MCp_CacheFile::BuildName(mctest::KeyGuid(key), mctest::TestPayload::kMatchname, appVersion,
+                                 PayloadHeader(key, variant));
+    MCp_CacheFile::EnsureSubfolder(cacheDir, name);
+    const velacore::File file = MCp_CacheFile::FileFor(cacheDir, name);
+    mctest::WriteWholeFile(file.GetFullPath(),
+                           CacheFileContent(key, payloadSize, appVersion, padTo));
+    return file;
+}
+
+// Writes `bytes` under an arbitrary name in `dir` (created if needed). Returns the file.
+inline velacore::File WriteRawFile(const velacore::Dir& dir, const std::u16string& name,
+                                   const std::vector<uint8_t>& bytes = {1, 2, 3}) {
+    velacore::EnsureDirectoryExists(dir);
+    const velacore::File file = dir.GetFile(name);
+    mctest::WriteWholeFile(file.GetFullPath(), bytes);
+    return file;
+}
+
+}  // namespace disktest
