@@ -92,8 +92,8 @@ struct Planted {
 struct HostileCase {
     const char* name;
     std::function<void(Planted&)> plant;
-    std::function<void(Planted&)> beforeRead;  // may be empty
-    bool readsBack = true;                     // the valid file's item becomes resident
+    std::function<void(Planted&)> beforeRead = {};  // may be empty
+    bool readsBack = true;                          // the valid file's item becomes resident
 };
 
 const HostileCase kCases[] = {
@@ -104,48 +104,36 @@ const HostileCase kCases[] = {
              disktest::WriteTestCacheFile(velacore::Dir(p.outside), key, 0, app, 64);
              fs::create_directory_symlink(p.outside / SubOf(key), p.cache / SubOf(key));
          }
-     },
-     {},
-     true},
+     },},
     {"LinkedCacheFile",
      [](Planted& p) {
          mctest::WriteWholeFile(p.outside / "victim", disktest::CacheFileContent(4, 64, kApp));
          fs::create_directories(p.cache / SubOf(4));
          fs::create_symlink(p.outside / "victim", p.cache / SubOf(4) / CacheName(4));
-     },
-     {},
-     true},
+     },},
     {"LinkedVersionFolder",
      [](Planted& p) {
          const fs::path theirs = p.outside / "9.0" / p.cache.filename();
          fs::create_directories(theirs);
          disktest::WriteTestCacheFile(velacore::Dir(theirs), 5, 0, kApp, 64);
          fs::create_directory_symlink(p.outside / "9.0", p.product / "9.0");
-     },
-     {},
-     true},
+     },},
     {"LinkLoops",
      [](Planted& p) {
          fs::create_symlink("self", p.cache / "self");
          fs::create_directory_symlink(p.cache, p.cache / "up");
-     },
-     {},
-     true},
+     },},
     {"UnreadableFolder",
      [](Planted& p) {
          fs::create_directories(p.cache / "sealed");
          p.denied->insert(p.cache / "sealed");
-     },
-     {},
-     true},
+     },},
     {"FifoNamedLikeACacheFile",
      [](Planted& p) {
          const fs::path fifo = p.cache / SubOf(6) / CacheName(6);
          Fifo(fifo);
          p.fifos.push_back(fifo);
-     },
-     {},
-     true},
+     },},
     {"FifoInPlaceOfAnAdoptedFile",
      {},
      [](Planted& p) {
@@ -164,9 +152,7 @@ const HostileCase kCases[] = {
          mctest::WriteWholeFile((fs::create_directories(young.parent_path()), young),
                                 std::vector<uint8_t>(3000, 8));
          fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::minutes(11));
-     },
-     {},
-     true},
+     },},
 };
 
 void PrintTo(const HostileCase& c, std::ostream* os) {

@@ -190,12 +190,7 @@ TEST_F(Writer, StopLeavesNoQueuedWriteAndLaterCheckinsQueueNothing) {
         std::this_thread::yield();
     gate_->Set(true);
     stopper.join();
-    int onDisk = 0;
-    for (const auto& stuff : items) {
-        onDisk += stuff->IsOnDisk();
-        EXPECT_EQ(stuff->GetCheckoutCount(), 0u);  // every queued receipt was checked in
-    }
-    EXPECT_EQ(onDisk, 2);
+    for (const auto& stuff : items) EXPECT_EQ(stuff->GetCheckoutCount(), 0u);  // all checked in
     EXPECT_EQ(CacheFiles().size(), 2u);
     EXPECT_EQ(counters().writeQueueLength.load(), lengthBefore);
 
@@ -212,7 +207,6 @@ TEST_F(OneWrite, FinishedWriteAccountsThePaddedFileAndSignals) {
     velacore::SignalConnection connection = stuff->GetMemDiskChangedSignal().connect(
         [&](bool inMemory, bool onDisk) { signals.emplace_back(inMemory, onDisk); });
     const uint64_t writtenBefore = counters().bytesWritten.load();
-    const uint32_t onDiskBefore = MC_Stuff::GetNumStuffsOnDisk();
     WriteNow(stuff);
 
     ASSERT_TRUE(stuff->IsOnDisk());
@@ -220,7 +214,6 @@ TEST_F(OneWrite, FinishedWriteAccountsThePaddedFileAndSignals) {
     EXPECT_EQ(file.Size(), kFileUnit);  // a 10-byte payload fills one whole buffer
     EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), static_cast<int64_t>(kFileUnit));
     EXPECT_EQ(counters().bytesWritten.load() - writtenBefore, kFileUnit);
-    EXPECT_EQ(MC_Stuff::GetNumStuffsOnDisk(), onDiskBefore + 1);
     EXPECT_EQ(signals, (std::vector<std::pair<bool, bool>>{{true, true}}));
     const std::vector<uint8_t> bytes = mctest::ReadWholeFile(file.GetFullPath());
     const CacheFileHeader header = CacheFileHeader::Decode(bytes.data());
