@@ -61,18 +61,26 @@ TEST_F(DiskBudget, WalkTable) {
         {"stops at the limit", {}, 3 * kUnit, 3000, false, {false, false, true, true}},
         {"limit before every use", {}, 3 * kUnit, 1000, false, {true, true, true, true}},
         {"first in the bag used last",
-         [this] { MCp_StuffAccess::SetLastUseTime(*items_[0], 5000); }, kUnit, 3000,
-         false, {true, true, true, true}},
+         [this] { MCp_StuffAccess::SetLastUseTime(*items_[0], 5000); },
+         kUnit,
+         3000,
+         false,
+         {true, true, true, true}},
         {"checked out and held skipped",
          [this] {
-             ASSERT_EQ(items_[0]->Checkout(MC_CheckoutFlag_ReadOnly),
-                       MC_CheckoutResult_CheckedOut);
+             ASSERT_EQ(items_[0]->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
              hold_ = items_[1]->CheckoutDiskCache(true);
          },
-         kUnit, kAnyTime, true, {true, true, false, true}},
+         kUnit,
+         kAnyTime,
+         true,
+         {true, true, false, true}},
         {"enough room",
-         [this] { bag_->SetDiskCacheInfo(root_.AsDir(), 2); }, kUnit, kAnyTime,
-         true, {true, true, true, true}},
+         [this] { bag_->SetDiskCacheInfo(root_.AsDir(), 2); },
+         kUnit,
+         kAnyTime,
+         true,
+         {true, true, true, true}},
     };
     for (const Row& t : rows) {
         SCOPED_TRACE(t.what);

@@ -67,13 +67,14 @@ TEST(CacheFileName, BuildAndParseTable) {
     for (const Row& t : rows) {
         SCOPED_TRACE(velacore::ToUtf8(t.name));
         if (t.built) {
-            EXPECT_EQ(MCp_CacheFile::BuildName(kGuid, *t.built ? t.built : nullptr, t.version,
-                                               t.header),
-                      t.name);
+            EXPECT_EQ(
+                MCp_CacheFile::BuildName(kGuid, *t.built ? t.built : nullptr, t.version, t.header),
+                t.name);
         }
         int thrown = 0;
         try {
-            const ParsedCacheFileName parsed = MCp_CacheFile::ParseName(InFolder(t.name), t.version);
+            const ParsedCacheFileName parsed =
+                MCp_CacheFile::ParseName(InFolder(t.name), t.version);
             EXPECT_EQ(parsed.guid, kGuid);
             EXPECT_EQ(parsed.appVersion, t.version);
             EXPECT_EQ(parsed.header, t.header);
@@ -102,15 +103,15 @@ TEST(CacheFileHeader, EncodesLittleEndianAtFixedOffsets) {
     EXPECT_EQ(CacheFileHeader::Decode(b.data()), h);
 }
 
-constexpr size_t kBuffer = FastWriteOnlyStream::kBlocksPerBuffer * diskbtest::kBlockSize;  // 262,144
+constexpr size_t kBuffer =
+    FastWriteOnlyStream::kBlocksPerBuffer * diskbtest::kBlockSize;  // 262,144
 
 // Every volume reports 4096-byte blocks; faults can be injected underneath.
 class CacheStream : public ::testing::Test {
 protected:
     std::shared_ptr<mctest::FaultInjectingFileSystem> faults_ =
         std::make_shared<mctest::FaultInjectingFileSystem>();
-    mctest::ScopedFileSystem scoped_{
-        std::make_shared<diskbtest::FakeVolumeFileSystem>(faults_)};
+    mctest::ScopedFileSystem scoped_{std::make_shared<diskbtest::FakeVolumeFileSystem>(faults_)};
     mctest::TempDir dir_{"mc-diskA-stream"};
 };
 
@@ -144,7 +145,7 @@ TEST_F(CacheStream, WholeBuffersTable) {
             }
             EXPECT_EQ(out.BytesWritten(), payload.size() / kBuffer * kBuffer);
             out.Finish();
-            out.Finish();  // once only
+            out.Finish();                                       // once only
             EXPECT_THROW(out.WriteByte(2), velacore::IOError);  // nothing after the finish
             out.Close();
             EXPECT_EQ(out.TotalBytes(), payload.size());

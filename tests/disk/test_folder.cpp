@@ -15,10 +15,10 @@
 namespace {
 
 using diskbtest::DiskCacheTest;
-using velacore::Dir;
-using velacore::File;
 using disktest::WriteRawFile;
 using disktest::WriteTestCacheFile;
+using velacore::Dir;
+using velacore::File;
 namespace fs = std::filesystem;
 
 constexpr unsigned kApp = 256;  // the fixture's application version
@@ -137,10 +137,13 @@ TEST_F(Layout, UnusableFolderTable) {
         mctest::ScopedFileSystem scoped(faults);
         t.arrange(*faults);
         host().SetEveryThreadMain(t.mainThread);
-        EXPECT_EQ(SetInfo(*t.root ? root_.AsDir().GetSubdir(t.root) : root_.AsDir(), 1), MCp_Err_DiskFolder);
+        EXPECT_EQ(SetInfo(*t.root ? root_.AsDir().GetSubdir(t.root) : root_.AsDir(), 1),
+                  MCp_Err_DiskFolder);
         host().SetEveryThreadMain(std::nullopt);
         const Alerts none, nonexistent{{8, kNonexistentAlert}}, cantWrite{{8, kCantWriteAlert}};
-        EXPECT_EQ(TakeAlerts(), t.alert == kNone ? none : t.alert == kCantWrite ? cantWrite : nonexistent);
+        EXPECT_EQ(TakeAlerts(), t.alert == kNone        ? none
+                                : t.alert == kCantWrite ? cantWrite
+                                                        : nonexistent);
         EXPECT_TRUE(bag_->GetDiskCacheDirSpec().IsEmpty());
         EXPECT_EQ(bag_->GetCurrentMaxDiskCacheSize(), 0u);
         EXPECT_FALSE(fs::is_directory(machine));
@@ -188,10 +191,10 @@ TEST_F(Scan, MixedFolderScannedTwiceAdoptsEachValidFileOnce) {
     const std::vector<File> doomed = {
         WriteTestCacheFile(cache, 20, 0, kApp + 1),  // another version
         WriteRawFile(cache, u"garbage.zkcache"),
-        WriteRawFile(cache, guid + u".TestPayload.100.zkcache"),             // three stops
-        WriteRawFile(cache, u"nope.TestPayload.100.AAAAAAAAAAA=.zkcache"),   // bad GUID
-        WriteRawFile(cache, guid + u".TestPayload.100.%%%%.zkcache"),        // bad header
-        WriteRawFile(cache, guid + u".TestPayload..AAAAAAAAAAA=.zkcache"),   // empty version
+        WriteRawFile(cache, guid + u".TestPayload.100.zkcache"),            // three stops
+        WriteRawFile(cache, u"nope.TestPayload.100.AAAAAAAAAAA=.zkcache"),  // bad GUID
+        WriteRawFile(cache, guid + u".TestPayload.100.%%%%.zkcache"),       // bad header
+        WriteRawFile(cache, guid + u".TestPayload..AAAAAAAAAAA=.zkcache"),  // empty version
     };
     expectedBytes_ += 3;  // the young writer's temporary counts against the budget
     const std::u16string unknownName = MCp_CacheFile::BuildName(

@@ -47,8 +47,8 @@ std::map<std::string, std::string> Snapshot(const fs::path& root) {
     std::map<std::string, std::string> out;
     for (const auto& e : fs::recursive_directory_iterator(root)) {
         const auto status = e.symlink_status();
-        const auto bytes = fs::is_regular_file(status) ? mctest::ReadWholeFile(e.path())
-                                                       : std::vector<uint8_t>{};
+        const auto bytes =
+            fs::is_regular_file(status) ? mctest::ReadWholeFile(e.path()) : std::vector<uint8_t>{};
         out[fs::relative(e.path(), root).string()] =
             fs::is_symlink(status) ? "link:" + fs::read_symlink(e.path()).string()
                                    : std::string(bytes.begin(), bytes.end());
@@ -104,36 +104,36 @@ const HostileCase kCases[] = {
              disktest::WriteTestCacheFile(velacore::Dir(p.outside), key, 0, app, 64);
              fs::create_directory_symlink(p.outside / SubOf(key), p.cache / SubOf(key));
          }
-     },},
+     }},
     {"LinkedCacheFile",
      [](Planted& p) {
          mctest::WriteWholeFile(p.outside / "victim", disktest::CacheFileContent(4, 64, kApp));
          fs::create_directories(p.cache / SubOf(4));
          fs::create_symlink(p.outside / "victim", p.cache / SubOf(4) / CacheName(4));
-     },},
+     }},
     {"LinkedVersionFolder",
      [](Planted& p) {
          const fs::path theirs = p.outside / "9.0" / p.cache.filename();
          fs::create_directories(theirs);
          disktest::WriteTestCacheFile(velacore::Dir(theirs), 5, 0, kApp, 64);
          fs::create_directory_symlink(p.outside / "9.0", p.product / "9.0");
-     },},
+     }},
     {"LinkLoops",
      [](Planted& p) {
          fs::create_symlink("self", p.cache / "self");
          fs::create_directory_symlink(p.cache, p.cache / "up");
-     },},
+     }},
     {"UnreadableFolder",
      [](Planted& p) {
          fs::create_directories(p.cache / "sealed");
          p.denied->insert(p.cache / "sealed");
-     },},
+     }},
     {"FifoNamedLikeACacheFile",
      [](Planted& p) {
          const fs::path fifo = p.cache / SubOf(6) / CacheName(6);
          Fifo(fifo);
          p.fifos.push_back(fifo);
-     },},
+     }},
     {"FifoInPlaceOfAnAdoptedFile",
      {},
      [](Planted& p) {
@@ -152,7 +152,7 @@ const HostileCase kCases[] = {
          mctest::WriteWholeFile((fs::create_directories(young.parent_path()), young),
                                 std::vector<uint8_t>(3000, 8));
          fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::minutes(11));
-     },},
+     }},
 };
 
 void PrintTo(const HostileCase& c, std::ostream* os) {

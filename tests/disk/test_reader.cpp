@@ -220,17 +220,17 @@ TEST_F(ReadBack, ReadFailuresTable) {
     for (const Row& t : rows) {
         for (int way = 0; way < 3; ++way, ++key) {
             SCOPED_TRACE(std::string(t.what) + ", way " + std::to_string(way));
-            IntrusivePtr<MC_Stuff> item = OnDiskOnly(
-                NewItem(key, kSize, MC_CachePriority_Never, 3.0,
-                        t.halfRead ? new HalfReadPayload(key, kSize) : new TestPayload(key, kSize)));
+            IntrusivePtr<MC_Stuff> item = OnDiskOnly(NewItem(
+                key, kSize, MC_CachePriority_Never, 3.0,
+                t.halfRead ? new HalfReadPayload(key, kSize) : new TestPayload(key, kSize)));
             const fs::path file = item->GetDiskCacheFile().GetFullPath();
             t.spoil(file);
             const uint32_t failures = counters().readFailures.load();
             MC_ScCheckout receipt;
             if (way == 0) {
-                EXPECT_EQ(receipt.FindAndCheckout(mctest::MakeRequest(key),
-                                                  MC_CheckoutFlag_ReadOnly |
-                                                      MC_CheckoutFlag_CreatePending),
+                EXPECT_EQ(receipt.FindAndCheckout(
+                              mctest::MakeRequest(key),
+                              MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
                           MC_CheckoutResult_CreatedNewPending);
                 EXPECT_NE(receipt.GetStuffPtr(), item);
             } else if (way == 1) {

@@ -56,7 +56,8 @@ public:
         auto bytes = std::make_shared<Bytes>(size);
         std::minstd_rand gen(seed | 1);
         for (size_t i = kPrefix; i < size; ++i) (*bytes)[i] = static_cast<uint8_t>(gen());
-        const uint32_t head[3] = {kv_[0], kv_[1], Checksum(bytes->data() + kPrefix, size - kPrefix)};
+        const uint32_t head[3] = {kv_[0], kv_[1],
+                                  Checksum(bytes->data() + kPrefix, size - kPrefix)};
         std::memcpy(bytes->data(), head, kPrefix);
         std::atomic_store(&bytes_, std::shared_ptr<const Bytes>(std::move(bytes)));
     }

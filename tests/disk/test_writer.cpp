@@ -295,10 +295,10 @@ TEST_F(SharedFolder, EachItemIsWrittenOnceWhenBothCachesRaceForIt) {
     gate_->Set(true);
     std::vector<IntrusivePtr<MC_Stuff>> mine, theirs;
     for (uint32_t key = 0; key < kKeys; ++key) {
-        mine.push_back(NewItem(key, 3000, MC_CachePriority_Never, 1.0,
-                               new GatedPayload(key, 3000, gate_)));
-        theirs.push_back(NewItem(key, 3000, MC_CachePriority_Never, 1.0,
-                                 new GatedPayload(key, 3000, gate_)));
+        mine.push_back(
+            NewItem(key, 3000, MC_CachePriority_Never, 1.0, new GatedPayload(key, 3000, gate_)));
+        theirs.push_back(
+            NewItem(key, 3000, MC_CachePriority_Never, 1.0, new GatedPayload(key, 3000, gate_)));
         bag_->AddToBagAndSortDir(mine.back());
         other_->AddToBagAndSortDir(theirs.back());
     }

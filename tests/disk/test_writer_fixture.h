@@ -144,7 +144,8 @@ protected:
     // An item of `size` bytes for `key` that may go to disk, not in any bag.
     static IntrusivePtr<MC_Stuff> NewItem(uint32_t key, uint32_t size,
                                           MC_CachePriority priority = MC_CachePriority_Never,
-                                          double computeTime = 1.0, TestPayload* payload = nullptr) {
+                                          double computeTime = 1.0,
+                                          TestPayload* payload = nullptr) {
         if (!payload) payload = new TestPayload(key, size);
         payload->SetDiskCacheable(true);
         payload->SetCachePriority(priority);
