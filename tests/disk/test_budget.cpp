@@ -132,71 +132,45 @@ TEST_F(DiskBudget, DriveSpaceLimitsTheBudgetWhenTheVolumeIsShort) {
     MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(0);
 }
 
-TEST_F(DiskBudget, SizeAcrossVersionsSumsEveryVersionsMachineFolder) {
+// Every version's folder of this machine: its size, and the purge of every disk cache (the
+// current folder first, other versions of this machine only on request, another machine's
+// never; an item still in memory stays without a file, a disk-only one goes).
+TEST_F(DiskBudget, AcrossVersionsSizeAndPurge) {
     const fs::path product = root_.Path() / "Ostrel" / "Tessaline";
-    const fs::path machine = "Disk Cache - diskb-host.noindex";
-    PutFile(product / "0.9" / machine / "AB" / "x.zkcache", 1000);
-    PutFile(product / "0.9" / machine / "y.bin", 24);
-    PutFile(product / "0.9" / "Disk Cache - elsewhere.noindex" / "z.zkcache", 5000);  // not ours
+    const fs::path old = product / "0.9" / "Disk Cache - diskb-host.noindex" / "AB" / "x.zkcache";
+    const fs::path foreign = product / "0.9" / "Disk Cache - elsewhere.noindex" / "z.zkcache";
+    PutFile(old, 1000);
+    PutFile(old.parent_path().parent_path() / "y.bin", 24);
+    PutFile(foreign, 5000);
     fs::create_directories(product / "0.8");  // no machine folder: counts 0 bytes
     unsigned folders = 0;
     EXPECT_EQ(bag_->FindDiskCacheSizeAcrossVersions(folders), 4 * kFileUnit + 1024);
     EXPECT_EQ(folders, 3u);
-}
 
-// Purging every disk cache: an item still in memory stays without a file, a disk-only one goes;
-// other versions of this machine are emptied only on request, another machine's never.
-class DiskPurge : public DiskCacheTest {
-protected:
-    void SetUp() override {
-        DiskCacheTest::SetUp();
-        const fs::path product = root_.Path() / "Ostrel" / "Tessaline";
-        oldFile_ = product / "0.9" / "Disk Cache - diskb-host.noindex" / "AB" / "old.zkcache";
-        PutFile(oldFile_, 100);
-        foreign_ = product / "0.9" / "Disk Cache - elsewhere.noindex" / "x.zkcache";
-        PutFile(foreign_, 100);
-        resident_ = NewItemInBag(1, 1000);
-        WriteNow(resident_);
-        diskOnly_ = NewItemInBag(2, 1000);
-        WriteNow(diskOnly_);
-        diskOnly_->FreeUpAsMuchAsPossible(true, nullptr);
-        memoryOnly_ = NewItemInBag(3, 1000);
-    }
-    void Purge(bool otherVersions) {
-        bag_->PurgeAllDiskCaches([this](unsigned d, unsigned t) { progress_.emplace_back(d, t); },
-                                 otherVersions, done_, total_);
-    }
-    size_t InBag() const { return bag_->SnapshotItems().size(); }
-
-    fs::path oldFile_, foreign_;
-    IntrusivePtr<MC_Stuff> resident_, diskOnly_, memoryOnly_;
-    unsigned done_ = 0, total_ = 2;
-    std::vector<std::pair<unsigned, unsigned>> progress_;
-};
-
-TEST_F(DiskPurge, CurrentFolderFirstOtherVersionsOnRequest) {
-    Purge(false);
+    fs::remove(product / "0.8");
+    items_[0]->FreeUpAsMuchAsPossible(true, nullptr);  // on disk only
+    std::vector<std::pair<unsigned, unsigned>> progress;
+    unsigned done = 0, total = 2;
+    auto purge = [&](bool otherVersions) {
+        done = 0;
+        bag_->PurgeAllDiskCaches([&](unsigned d, unsigned t) { progress.emplace_back(d, t); },
+                                 otherVersions, done, total);
+    };
+    purge(false);
     EXPECT_TRUE(fs::is_directory(Folder().GetFullPath()));
     EXPECT_TRUE(AllFiles().empty());
     EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
-    EXPECT_FALSE(resident_->IsOnDisk());
-    EXPECT_TRUE(resident_->IsInMemory());
-    EXPECT_EQ(InBag(), 2u);  // the disk-only item is gone
-    EXPECT_TRUE(fs::exists(oldFile_));
-    EXPECT_EQ(progress_, (std::vector<std::pair<unsigned, unsigned>>{{1, 2}}));
-    EXPECT_EQ(done_, 1u);
-
-    done_ = 0;
-    progress_.clear();
-    Purge(true);
-    EXPECT_FALSE(fs::exists(oldFile_));
-    EXPECT_TRUE(fs::exists(foreign_));
-    EXPECT_EQ(progress_, (std::vector<std::pair<unsigned, unsigned>>{{1, 2}, {2, 2}}));
-    EXPECT_EQ(done_, 2u);
-    // The cache goes on working in the emptied folder.
-    IntrusivePtr<MC_Stuff> again = NewItemInBag(4, 1000);
-    WriteNow(again);
-    EXPECT_TRUE(again->IsOnDisk());
+    EXPECT_TRUE(items_[1]->IsInMemory() && !items_[1]->IsOnDisk());
+    EXPECT_EQ(bag_->SnapshotItems().size(), 3u);  // the disk-only item is gone
+    EXPECT_TRUE(fs::exists(old));
+    EXPECT_EQ(done, 1u);
+    purge(true);
+    EXPECT_FALSE(fs::exists(old));
+    EXPECT_TRUE(fs::exists(foreign));
+    EXPECT_EQ(done, 2u);
+    EXPECT_EQ(progress, (std::vector<std::pair<unsigned, unsigned>>{{1, 2}, {1, 2}, {2, 2}}));
+    WriteNow(items_[2]);  // the cache goes on working in the emptied folder
+    EXPECT_TRUE(items_[2]->IsOnDisk());
 }
 
 }  // namespace

@@ -15,10 +15,12 @@ namespace {
 
 using Signals = std::vector<std::pair<bool, bool>>;
 
-// Notes whether its file I/O ever ran under the process-wide cache lock.
-class LockCheckingPayload : public TestPayload {
+// Notes whether its file I/O ran under the process-wide cache lock. A half-read one fills
+// itself from the file, then reports the body as corrupt.
+class ProbePayload : public TestPayload {
 public:
-    using TestPayload::TestPayload;
+    ProbePayload(uint32_t key, uint32_t size, bool halfRead = false)
+        : TestPayload(key, size), halfRead_(halfRead) {}
     double Write(velacore::OByteStream& out) const override {
         underLock = underLock || MCp_ScLock::IsHeldByCurrentThread();
         ++writes;
@@ -27,20 +29,13 @@ public:
     double Read(velacore::IByteStream& in, velacore::MultiTenantRecursiveMutex& lock) override {
         underLock = underLock || MCp_ScLock::IsHeldByCurrentThread();
         ++reads;
-        return TestPayload::Read(in, lock);
+        TestPayload::Read(in, lock);
+        if (halfRead_) throw velacore::IOError("checksum mismatch after the body was read");
+        return 0.0;
     }
     mutable std::atomic<bool> underLock{false};
     mutable std::atomic<int> writes{0}, reads{0};
-};
-
-// Fills itself from the file, then reports the body as corrupt.
-class HalfReadPayload : public TestPayload {
-public:
-    using TestPayload::TestPayload;
-    double Read(velacore::IByteStream& in, velacore::MultiTenantRecursiveMutex& lock) override {
-        TestPayload::Read(in, lock);
-        throw velacore::IOError("checksum mismatch after the body was read");
-    }
+    const bool halfRead_;
 };
 
 bool HasKeyPattern(const IntrusivePtr<MC_Stuff>& stuff, uint32_t key, uint32_t size) {
@@ -140,7 +135,7 @@ TEST_F(ReadBack, WriteableCheckOutReadsBackOnlyWhenItGetsTheItem) {
 // Read-only, writeable through the finder, and writeable directly: the file is read each time,
 // never under the cache lock.
 TEST_F(ReadBack, NoFileIsReadOrWrittenUnderTheCacheLock) {
-    auto* payload = new LockCheckingPayload(9, 3000);
+    auto* payload = new ProbePayload(9, 3000);
     IntrusivePtr<MC_Stuff> item = NewItemInBag(9, 3000, MC_CachePriority_Normal, 2.0, payload);
     item->MaybeWriteToDisk();
     ASSERT_TRUE(DrainWriter());
@@ -221,8 +216,7 @@ TEST_F(ReadBack, ReadFailuresTable) {
         for (int way = 0; way < 3; ++way, ++key) {
             SCOPED_TRACE(std::string(t.what) + ", way " + std::to_string(way));
             IntrusivePtr<MC_Stuff> item = OnDiskOnly(NewItem(
-                key, kSize, MC_CachePriority_Never, 3.0,
-                t.halfRead ? new HalfReadPayload(key, kSize) : new TestPayload(key, kSize)));
+                key, kSize, MC_CachePriority_Never, 3.0, new ProbePayload(key, kSize, t.halfRead)));
             const fs::path file = item->GetDiskCacheFile().GetFullPath();
             t.spoil(file);
             const uint32_t failures = counters().readFailures.load();
