@@ -274,50 +274,35 @@ TEST_F(OneWrite, FailuresTable) {
     }
 }
 
-class SharedFolder : public Writer {
-protected:
-    void SetUp() override {
-        Writer::SetUp();
-        other_ = std::make_shared<MC_Bag>(AppVersion());
-        other_->SetDiskCacheInfo(root_.AsDir(), BudgetMegabytes());
-        other_->EnableDiskCache(true);
-    }
-    void TearDown() override {
-        other_->ClearBagAndSortDir();
-        other_.reset();
-        DiskCacheTest::TearDown();
-    }
-    std::shared_ptr<MC_Bag> other_;
-};
-
-TEST_F(SharedFolder, EachItemIsWrittenOnceWhenBothCachesRaceForIt) {
+// Two caches sharing one folder race to write the same items: each body is written once.
+TEST_F(Writer, TwoCachesInOneFolderWriteEachItemOnce) {
     constexpr uint32_t kKeys = 24;
     gate_->Set(true);
-    std::vector<IntrusivePtr<MC_Stuff>> mine, theirs;
-    for (uint32_t key = 0; key < kKeys; ++key) {
-        mine.push_back(
-            NewItem(key, 3000, MC_CachePriority_Never, 1.0, new GatedPayload(key, 3000, gate_)));
-        theirs.push_back(
-            NewItem(key, 3000, MC_CachePriority_Never, 1.0, new GatedPayload(key, 3000, gate_)));
-        bag_->AddToBagAndSortDir(mine.back());
-        other_->AddToBagAndSortDir(theirs.back());
+    auto other = std::make_shared<MC_Bag>(AppVersion());
+    other->SetDiskCacheInfo(root_.AsDir(), BudgetMegabytes());
+    other->EnableDiskCache(true);
+    std::vector<IntrusivePtr<MC_Stuff>> items[2];
+    for (uint32_t key = 0; key < 2 * kKeys; ++key) {
+        items[key % 2].push_back(NewItem(key / 2, 3000, MC_CachePriority_Never, 1.0,
+                                         new GatedPayload(key / 2, 3000, gate_)));
+        (key % 2 ? other : bag_)->AddToBagAndSortDir(items[key % 2].back());
     }
     std::latch start(2);
-    auto writeAll = [&](std::vector<IntrusivePtr<MC_Stuff>>& items, std::shared_ptr<MC_Bag> bag) {
+    auto writeAll = [&](int side) {
         start.arrive_and_wait();
-        for (auto& stuff : items) stuff->PrepAndWrite(bag);
+        for (auto& stuff : items[side]) stuff->PrepAndWrite(side ? other : bag_);
     };
-    std::thread a(writeAll, std::ref(mine), bag_);
-    std::thread b(writeAll, std::ref(theirs), other_);
+    std::thread a(writeAll, 0), b(writeAll, 1);
     a.join();
     b.join();
-    EXPECT_EQ(gate_->started, static_cast<int>(kKeys));  // each key's body written once
+    EXPECT_EQ(gate_->started, static_cast<int>(kKeys));
     for (uint32_t key = 0; key < kKeys; ++key)
-        EXPECT_NE(mine[key]->IsOnDisk(), theirs[key]->IsOnDisk()) << "key " << key;
+        EXPECT_NE(items[0][key]->IsOnDisk(), items[1][key]->IsOnDisk()) << "key " << key;
+    EXPECT_EQ(AllFiles(), CacheFiles());  // no temporary left behind
     EXPECT_EQ(CacheFiles().size(), kKeys);
-    EXPECT_EQ(AllFiles().size(), kKeys);  // no temporary left behind
-    EXPECT_EQ(bag_->GetCurrentDiskCacheSize() + other_->GetCurrentDiskCacheSize(),
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize() + other->GetCurrentDiskCacheSize(),
               static_cast<int64_t>(kKeys * kFileUnit));
+    other->ClearBagAndSortDir();
 }
 
 }  // namespace
