@@ -59,7 +59,7 @@ TEST_F(SpeedStat, ConcurrentSamplesAreAllCountedExactly) {
     // Overlapping samples merge into ever faster ones; lift the cap so that all are counted.
     MCp_DiskFolder::SetSpeedCapBytesPerSecond(1e300);
     constexpr int kThreads = 8;
-    constexpr int kSamples = 20000;
+    constexpr int kSamples = 200000;
     std::latch start(kThreads);
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
