@@ -162,26 +162,15 @@ protected:
     std::shared_ptr<GatedPayload::Gate> gate_ = std::make_shared<GatedPayload::Gate>();
 };
 
-TEST_F(Writer, OldestEntriesGoFirstAndAtMostTwoAtATime) {
+TEST_F(Writer, OldestTwoAtATimeAndAStopLeavesNoQueuedWrite) {
+    const int32_t lengthBefore = counters().writeQueueLength.load();
     const auto items = QueueSix();
-    ASSERT_TRUE(gate_->WaitStarted(2));
+    ASSERT_TRUE(gate_->WaitStarted(2));  // the two writer threads take the oldest entries
     EXPECT_EQ(std::set<uint32_t>(gate_->order.begin(), gate_->order.end()),
               (std::set<uint32_t>{1, 2}));  // stable: both writers wait at the gate
     EXPECT_EQ(MCp_DiskWriteQueue::Get().Count(), 4);
     // Queued high-priority items are held checked out, so no purge frees them meanwhile.
     EXPECT_EQ(items[5]->GetCheckoutCount(), 1u);
-    gate_->Set(true);
-    ASSERT_TRUE(DrainWriter());
-    EXPECT_EQ(gate_->maxWriting, 2);
-    EXPECT_EQ(MCp_DiskWriteQueue::Get().Count(), 0);
-    for (const auto& stuff : items) EXPECT_TRUE(stuff->IsOnDisk() && !stuff->GetCheckoutCount());
-    EXPECT_EQ(CacheFiles().size(), 6u);
-}
-
-TEST_F(Writer, StopLeavesNoQueuedWriteAndLaterCheckinsQueueNothing) {
-    const int32_t lengthBefore = counters().writeQueueLength.load();
-    const auto items = QueueSix();
-    ASSERT_TRUE(gate_->WaitStarted(2));
     std::thread stopper([] { MC_StopAllAsyncWork(); });
     // The stop drops the four waiting entries before it waits for the two running writes: wait
     // for the queue's count to move, then let the two finish.
