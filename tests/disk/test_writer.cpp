@@ -263,6 +263,21 @@ TEST_F(OneWrite, FailuresTable) {
     }
 }
 
+// A scan mid-write counts the writer's temporary and adopts nothing; once the file is
+// committed, only the file counts.
+TEST_F(Writer, ATemporaryCountedByAScanIsForgottenAtCommit) {
+    IntrusivePtr<MC_Stuff> item = GatedItem(1, MC_CachePriority_Never);
+    std::thread writer([&] { item->PrepAndWrite(bag_); });
+    ASSERT_TRUE(gate_->WaitStarted(1));
+    bag_->ScanDiskCacheDir();
+    EXPECT_EQ(bag_->GetNumItems(), 1);
+    EXPECT_TRUE(CacheFiles().empty());
+    gate_->Set(true);
+    writer.join();
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), static_cast<int64_t>(kFileUnit));
+    EXPECT_EQ(AllFiles(), CacheFiles());
+}
+
 // Two caches sharing one folder race to write the same items: each body is written once.
 TEST_F(Writer, TwoCachesInOneFolderWriteEachItemOnce) {
     constexpr uint32_t kKeys = 24;
