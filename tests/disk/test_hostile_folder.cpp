@@ -18,7 +18,6 @@
 
 #include "mc/host/Errors.h"
 #include "mc/host/TextConvert.h"
-#include "test_format_util.h"
 #include "test_writer_fixture.h"
 
 namespace {
@@ -43,20 +42,16 @@ public:
     std::set<fs::path> denied;
 };
 
-// Every entry under `root`, links not followed: relative path -> kind and content.
+// Every entry under `root`, links not followed: relative path -> link target or file content.
 std::map<std::string, std::string> Snapshot(const fs::path& root) {
     std::map<std::string, std::string> out;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
-         ++it) {
-        const auto status = it->symlink_status();
-        std::string& slot = out[fs::relative(it->path(), root).string()];
-        if (fs::is_symlink(status))
-            slot = "link:" + fs::read_symlink(it->path()).string();
-        else if (fs::is_regular_file(status)) {
-            const auto bytes = mctest::ReadWholeFile(it->path());
-            slot = "file:" + std::string(bytes.begin(), bytes.end());
-        } else
-            slot = "other";
+    for (const auto& e : fs::recursive_directory_iterator(root)) {
+        const auto status = e.symlink_status();
+        const auto bytes =
+            fs::is_regular_file(status) ? mctest::ReadWholeFile(e.path()) : std::vector<uint8_t>{};
+        out[fs::relative(e.path(), root).string()] =
+            fs::is_symlink(status) ? "link:" + fs::read_symlink(e.path()).string()
+                                   : std::string(bytes.begin(), bytes.end());
     }
     return out;
 }
@@ -85,11 +80,6 @@ void Fifo(const fs::path& path) {
     ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0) << path;
 }
 
-void SetAge(const fs::path& path, std::chrono::seconds age) {
-    const auto when = fs::file_time_type::clock::now() - age;
-    fs::last_write_time(path, when);
-}
-
 struct Planted {
     fs::path cache;    // the disk-cache folder
     fs::path product;  // the folder of every version's folder
@@ -102,8 +92,8 @@ struct Planted {
 struct HostileCase {
     const char* name;
     std::function<void(Planted&)> plant;
-    std::function<void(Planted&)> beforeRead;  // may be empty
-    bool readsBack = true;                     // the valid file's item becomes resident
+    std::function<void(Planted&)> beforeRead = {};  // may be empty
+    bool readsBack = true;                          // the valid file's item becomes resident
 };
 
 const HostileCase kCases[] = {
@@ -114,48 +104,36 @@ const HostileCase kCases[] = {
              disktest::WriteTestCacheFile(velacore::Dir(p.outside), key, 0, app, 64);
              fs::create_directory_symlink(p.outside / SubOf(key), p.cache / SubOf(key));
          }
-     },
-     {},
-     true},
+     }},
     {"LinkedCacheFile",
      [](Planted& p) {
          mctest::WriteWholeFile(p.outside / "victim", disktest::CacheFileContent(4, 64, kApp));
          fs::create_directories(p.cache / SubOf(4));
          fs::create_symlink(p.outside / "victim", p.cache / SubOf(4) / CacheName(4));
-     },
-     {},
-     true},
+     }},
     {"LinkedVersionFolder",
      [](Planted& p) {
          const fs::path theirs = p.outside / "9.0" / p.cache.filename();
          fs::create_directories(theirs);
          disktest::WriteTestCacheFile(velacore::Dir(theirs), 5, 0, kApp, 64);
          fs::create_directory_symlink(p.outside / "9.0", p.product / "9.0");
-     },
-     {},
-     true},
+     }},
     {"LinkLoops",
      [](Planted& p) {
          fs::create_symlink("self", p.cache / "self");
          fs::create_directory_symlink(p.cache, p.cache / "up");
-     },
-     {},
-     true},
+     }},
     {"UnreadableFolder",
      [](Planted& p) {
          fs::create_directories(p.cache / "sealed");
          p.denied->insert(p.cache / "sealed");
-     },
-     {},
-     true},
+     }},
     {"FifoNamedLikeACacheFile",
      [](Planted& p) {
          const fs::path fifo = p.cache / SubOf(6) / CacheName(6);
          Fifo(fifo);
          p.fifos.push_back(fifo);
-     },
-     {},
-     true},
+     }},
     {"FifoInPlaceOfAnAdoptedFile",
      {},
      [](Planted& p) {
@@ -173,10 +151,8 @@ const HostileCase kCases[] = {
                                 std::vector<uint8_t>(1000, 7));
          mctest::WriteWholeFile((fs::create_directories(young.parent_path()), young),
                                 std::vector<uint8_t>(3000, 8));
-         SetAge(old, std::chrono::minutes(11));
-     },
-     {},
-     true},
+         fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::minutes(11));
+     }},
 };
 
 void PrintTo(const HostileCase& c, std::ostream* os) {

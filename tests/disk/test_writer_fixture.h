@@ -1,24 +1,20 @@
 // DiskCacheTest: the module started around each test with recording host services, a disk-cache
-// folder in a temporary root with a budget, the disk cache enabled, fresh speed statistics, and
-// a file system that reports 4096-byte blocks (so every cache file is a multiple of 256 KiB) and
-// a settable volume free space. Plus helpers to make items, write them synchronously, wait for
-// the writer threads and list the folder.
-// Thread-safety: the fixture belongs to the test's main thread; the helpers that wait may be
-// used while writer threads run.
+// folder in a temporary root with a
+// budget, the disk cache enabled, fresh speed statistics, and a file system that reports
+// 4096-byte blocks (so every cache file is a multiple of 256 KiB) and a settable free space.
+// Plus a payload whose write waits at a gate, helpers to make and write items, and writers of
+// cache files named as the cache names them.
+// Thread-safety: the fixture belongs to the test's main thread; a Gate may be used by any.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <filesystem>
-#include <functional>
-#include <future>
-#include <latch>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -33,7 +29,6 @@
 #include "mc/MC_Module.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/MC_Stuff.h"
-#include "mc/host/File.h"
 #include "mc/host/FileSystem.h"
 #include "support/DiskWriterDrain.h"
 #include "support/FaultInjectingFileSystem.h"
@@ -52,38 +47,28 @@ constexpr uint64_t kFileUnit = 64 * kBlockSize;  // every cache file is a multip
 // Reports 4096-byte blocks on every volume and a chosen amount of free space.
 class FakeVolumeFileSystem : public velacore::FileSystemWrapper {
 public:
-    explicit FakeVolumeFileSystem(std::shared_ptr<velacore::FileSystem> target)
-        : FileSystemWrapper(std::move(target)) {}
+    using FileSystemWrapper::FileSystemWrapper;
     size_t GetBlockSize(const std::filesystem::path&) override { return kBlockSize; }
     uint64_t GetFreeSpace(const std::filesystem::path&) override { return freeSpace.load(); }
     std::atomic<uint64_t> freeSpace{uint64_t{1} << 40};
 };
 
-// A TestPayload whose Write can be held at a gate, and which records who wrote it.
+// A TestPayload whose Write waits while its gate is closed, counting the writes.
 class GatedPayload : public TestPayload {
 public:
     struct Gate {
         std::mutex mutex;
         std::condition_variable cv;
         bool open = true;
-        int writing = 0;     // writes inside Write now
-        int maxWriting = 0;  // the most seen at once
-        int started = 0;
+        int writing = 0, maxWriting = 0, started = 0;
         std::vector<uint32_t> order;  // keys in the order their writes started
-        std::vector<std::thread::id> threads;
 
-        void Close() {
+        void Set(bool isOpen) {
             std::lock_guard<std::mutex> l(mutex);
-            open = false;
-        }
-        void Open() {
-            {
-                std::lock_guard<std::mutex> l(mutex);
-                open = true;
-            }
+            open = isOpen;
             cv.notify_all();
         }
-        // Waits (generous deadline) until `n` writes have started. Returns whether they did.
+        // Waits until `n` writes have started (generous deadline).
         bool WaitStarted(int n) {
             std::unique_lock<std::mutex> l(mutex);
             return cv.wait_for(l, std::chrono::minutes(2), [&] { return started >= n; });
@@ -91,16 +76,15 @@ public:
     };
 
     GatedPayload(uint32_t key, uint32_t size, std::shared_ptr<Gate> gate)
-        : TestPayload(key, size), gate_(std::move(gate)) {}
-
+        : TestPayload(key, size), gate_(std::move(gate)) {
+        SetDiskCacheable(true);
+    }
     double Write(velacore::OByteStream& out) const override {
         {
             std::unique_lock<std::mutex> l(gate_->mutex);
             ++gate_->started;
-            ++gate_->writing;
-            gate_->maxWriting = std::max(gate_->maxWriting, gate_->writing);
+            gate_->maxWriting = std::max(gate_->maxWriting, ++gate_->writing);
             gate_->order.push_back(Key());
-            gate_->threads.push_back(std::this_thread::get_id());
             gate_->cv.notify_all();
             gate_->cv.wait_for(l, std::chrono::minutes(2), [&] { return gate_->open; });
             --gate_->writing;
@@ -118,9 +102,8 @@ protected:
         fs_ = std::make_shared<FakeVolumeFileSystem>(velacore::GetDefaultFileSystem());
         scopedFs_ = std::make_unique<mctest::ScopedFileSystem>(fs_);
         services_ = std::make_shared<mctest::RecordingHostServices>();
-        services_->SetClientVersion(ClientVersion());
+        services_->SetClientVersion("1.0");
         services_->SetComputerName("diskb-host");
-        services_->SetTraceLevel("DiskCache", 7);
         scoped_ = std::make_unique<mctest::ScopedHostServices>(services_);
         mc_settings::ResetForTesting();
         MCp_SetInitialDiskRescanPostedForTesting(true);
@@ -131,6 +114,7 @@ protected:
         MC_Birth(false, AppVersion(), false);
         bag_ = MC_GlobalBag();
         TestPayload::RegisterFactory();
+        if (!WithFolder()) return;
         bag_->SetDiskCacheInfo(root_.AsDir(), BudgetMegabytes());
         bag_->EnableDiskCache(true);
     }
@@ -147,9 +131,9 @@ protected:
     }
 
     // Hooks for fixtures that need another setting.
-    virtual std::string ClientVersion() const { return "1.0"; }
     virtual unsigned AppVersion() const { return 256; }  // "1.0" in the standalone host's rule
     virtual uint64_t BudgetMegabytes() const { return 64; }
+    virtual bool WithFolder() const { return true; }  // false: no folder given yet
 
     // Pretends `n` more entries are queued (undone in TearDown).
     void AdjustQueue(int32_t n) {
@@ -160,8 +144,9 @@ protected:
     // An item of `size` bytes for `key` that may go to disk, not in any bag.
     static IntrusivePtr<MC_Stuff> NewItem(uint32_t key, uint32_t size,
                                           MC_CachePriority priority = MC_CachePriority_Never,
-                                          double computeTime = 1.0) {
-        auto* payload = new TestPayload(key, size);
+                                          double computeTime = 1.0,
+                                          TestPayload* payload = nullptr) {
+        if (!payload) payload = new TestPayload(key, size);
         payload->SetDiskCacheable(true);
         payload->SetCachePriority(priority);
         IntrusivePtr<MC_Stuff> stuff =
@@ -173,8 +158,8 @@ protected:
     // Same, already in the global bag (added without the write decision).
     IntrusivePtr<MC_Stuff> NewItemInBag(uint32_t key, uint32_t size,
                                         MC_CachePriority priority = MC_CachePriority_Never,
-                                        double computeTime = 1.0) {
-        IntrusivePtr<MC_Stuff> stuff = NewItem(key, size, priority, computeTime);
+                                        double computeTime = 1.0, TestPayload* payload = nullptr) {
+        IntrusivePtr<MC_Stuff> stuff = NewItem(key, size, priority, computeTime, payload);
         bag_->AddToBagAndSortDir(stuff);
         return stuff;
     }
@@ -184,21 +169,7 @@ protected:
         MC_Stuff::WriteToDiskAsync(stuff, nullptr);
     }
 
-    static TestPayload* PayloadOf(const IntrusivePtr<MC_Stuff>& stuff) {
-        return dynamic_cast<TestPayload*>(stuff->GetDataPtr().get());
-    }
-
     static bool DrainWriter() { return mctest::DrainDiskWriter(); }
-
-    // Polls `condition` until it holds (generous deadline). Returns whether it did.
-    static bool WaitUntil(const std::function<bool()>& condition) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
-    }
 
     velacore::Dir Folder() const { return bag_->GetDiskCacheDirSpec(); }
 
@@ -208,21 +179,17 @@ protected:
         mctest::WriteWholeFile(path, std::vector<uint8_t>(size));
     }
 
-    // Every regular file under the disk-cache folder (cache files and anything else).
-    std::vector<std::filesystem::path> AllFiles() const {
+    // Every regular file under the disk-cache folder, or only the cache files.
+    std::vector<std::filesystem::path> AllFiles(bool cacheFilesOnly = false) const {
         std::vector<std::filesystem::path> files;
         std::error_code ec;
         for (auto it = std::filesystem::recursive_directory_iterator(Folder().GetFullPath(), ec);
              !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
-            if (it->is_regular_file()) files.push_back(it->path());
+            if (it->is_regular_file() && (!cacheFilesOnly || it->path().extension() == ".zkcache"))
+                files.push_back(it->path());
         return files;
     }
-    std::vector<std::filesystem::path> CacheFiles() const {
-        std::vector<std::filesystem::path> files;
-        for (const auto& p : AllFiles())
-            if (p.extension() == ".zkcache") files.push_back(p);
-        return files;
-    }
+    std::vector<std::filesystem::path> CacheFiles() const { return AllFiles(true); }
 
     mctest::RecordingHostServices& host() { return *services_; }
     MCp_Counters& counters() { return MCp_GetCounters(); }
@@ -237,3 +204,54 @@ protected:
 };
 
 }  // namespace diskbtest
+
+namespace disktest {
+
+// The header a TestPayload of (key, variant) gives.
+inline std::vector<uint8_t> PayloadHeader(uint32_t key, uint32_t variant) {
+    std::vector<uint8_t> header(8);
+    std::memcpy(header.data(), &key, 4);
+    std::memcpy(header.data() + 4, &variant, 4);
+    return header;
+}
+
+// The file content of a TestPayload of `size` bytes: cache header, then the payload's bytes.
+inline std::vector<uint8_t> CacheFileContent(uint32_t key, uint32_t size, uint32_t appVersion,
+                                             size_t padTo = 0) {
+    CacheFileHeader h;
+    h.appVersion = appVersion;
+    h.computeTime = 1.5;
+    const auto head = h.Encode();
+    std::vector<uint8_t> bytes(head.begin(), head.end());
+    for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(size >> (8 * i)));
+    for (uint32_t i = 0; i < size; ++i)
+        bytes.push_back(static_cast<uint8_t>((key * 131 + i) & 0xFF));
+    if (padTo > bytes.size()) bytes.resize(padTo, 0);
+    return bytes;
+}
+
+// Writes a cache file for TestPayload (key, variant) under `cacheDir`, in its sub-folder, named
+// as the cache names it. Returns the file.
+inline velacore::File WriteTestCacheFile(const velacore::Dir& cacheDir, uint32_t key,
+                                         uint32_t variant, uint32_t appVersion,
+                                         uint32_t payloadSize = 16, size_t padTo = 0) {
+    const std::u16string name =
+        MCp_CacheFile::BuildName(mctest::KeyGuid(key), mctest::TestPayload::kMatchname, appVersion,
+                                 PayloadHeader(key, variant));
+    MCp_CacheFile::EnsureSubfolder(cacheDir, name);
+    const velacore::File file = MCp_CacheFile::FileFor(cacheDir, name);
+    mctest::WriteWholeFile(file.GetFullPath(),
+                           CacheFileContent(key, payloadSize, appVersion, padTo));
+    return file;
+}
+
+// Writes `bytes` under an arbitrary name in `dir` (created if needed). Returns the file.
+inline velacore::File WriteRawFile(const velacore::Dir& dir, const std::u16string& name,
+                                   const std::vector<uint8_t>& bytes = {1, 2, 3}) {
+    velacore::EnsureDirectoryExists(dir);
+    const velacore::File file = dir.GetFile(name);
+    mctest::WriteWholeFile(file.GetFullPath(), bytes);
+    return file;
+}
+
+}  // namespace disktest
