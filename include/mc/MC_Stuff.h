@@ -295,6 +295,7 @@ private:
     MC_Stuff* mruPrev_ = nullptr;
     MC_Stuff* mruNext_ = nullptr;
     uint64_t mruStamp_ = 0;  // last-use time captured when linked; the list is sorted by it
+    uint32_t relinksQueued_ = 0;  // recency tasks handed to the host's runner, not yet run
 
     // --- the item lock ---
     mutable velacore::MultiTenantRecursiveMutex lock_;
