@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "mc/Export.h"
 #include "mc/MC_Stuff.h"
@@ -94,7 +95,7 @@ private:
     MC_CheckoutResult result_ = MC_CheckoutResult_Failed;
     int checkoutFlags_ = 0;
     int checkinFlags_ = 0;
-    std::unique_ptr<MC_ScStuffSetter> pendingGuard_;
+    std::optional<MC_ScStuffSetter> pendingGuard_;  // inline: a miss allocates no guard
     Hold diskHold_;
     IntrusivePtr<MC_Stuff> suspended_;
     mutable velacore::MultiTenantRecursiveMutex lock_;

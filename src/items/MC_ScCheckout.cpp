@@ -85,7 +85,7 @@ MC_CheckoutResult MC_ScCheckout::FindAndCheckout(IntrusivePtr<MC_Stuff> key, int
     result_ = r;
     if (r != MC_CheckoutResult_Failed) stuff_ = found;
     if (r == MC_CheckoutResult_CreatedNewPending)
-        pendingGuard_ = std::make_unique<MC_ScStuffSetter>(found);
+        pendingGuard_.emplace(found);
     return r;
 }
 
