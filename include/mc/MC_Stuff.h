@@ -287,6 +287,8 @@ private:
 
     // --- written under the cache lock and the item write lock; read under the item lock ---
     bool checkedOutWriteable_ = false;
+    // Guarded by the cache lock: recency tasks handed to the host's runner and not yet run.
+    uint32_t relinksQueued_ = 0;
     std::weak_ptr<MC_Bag> bag_;
     std::weak_ptr<MC_SortDir> sortDir_;
 
@@ -295,7 +297,6 @@ private:
     MC_Stuff* mruPrev_ = nullptr;
     MC_Stuff* mruNext_ = nullptr;
     uint64_t mruStamp_ = 0;  // last-use time captured when linked; the list is sorted by it
-    uint32_t relinksQueued_ = 0;  // recency tasks handed to the host's runner, not yet run
 
     // --- the item lock ---
     mutable velacore::MultiTenantRecursiveMutex lock_;
