@@ -17,12 +17,14 @@
 #include "mc/host/MultiTenantRecursiveMutex.h"
 
 // Completes a still-pending item with null data when destroyed (abandoning the render and
-// releasing its waiters). Copies share the item.
+// releasing its waiters). Copies share the item; a moved-from setter guards nothing.
 class MC_API MC_ScStuffSetter {
 public:
     explicit MC_ScStuffSetter(IntrusivePtr<MC_Stuff> stuff) : stuff_(std::move(stuff)) {}
     MC_ScStuffSetter(const MC_ScStuffSetter&) = default;
     MC_ScStuffSetter& operator=(const MC_ScStuffSetter&) = default;
+    MC_ScStuffSetter(MC_ScStuffSetter&&) noexcept = default;
+    MC_ScStuffSetter& operator=(MC_ScStuffSetter&&) noexcept = default;
     ~MC_ScStuffSetter();
 
 private:
