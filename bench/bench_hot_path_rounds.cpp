@@ -5,12 +5,17 @@
 //   growth    the same hit on bags of 1,000 and 1,000,000 items
 //   threads   2 threads' total hits/s over 1 thread; control: each thread on its own plain LRU
 //   new req   a hit whose request item is built for the lookup, with allocations per lookup
-//   miss      find miss + pending item + completion + check-in in a bag of 100,000 (purged back
-//             to size), with allocations; anchor: oneTBB miss (evicting) on a full cache
+//   miss      request built + find miss + pending item + completion + check-in in the global bag
+//             of 1,000,000 items (purged back to size between rounds, untimed), with
+//             allocations per miss; anchors: oneTBB miss on a full cache (evicts, builds the
+//             value) and a plain LRU insert + eviction
 //   metadata  heap growth per item minus payload bytes; anchors: plain LRU and oneTBB
 //   purge     ns per visited item of a pass freeing half of 100,000 (1,000,000) items, the
 //             longest hold of the cache lock; anchor: plain LRU eviction per item
 // Usage: bench_hot_path_rounds [rounds]   (default 5)
+//        MC_BENCH_TRACE_ALLOCS=1 bench_hot_path_rounds   prints a backtrace for every allocation
+//        of one built-request hit and one reused-request hit, then exits
+#include <execinfo.h>
 #include <malloc.h>
 
 #include <algorithm>
@@ -42,8 +47,16 @@
 
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 static std::atomic<uint64_t> g_allocations{0};
+static thread_local bool t_traceAllocs = false;
 void* operator new(std::size_t n) {
     g_allocations.fetch_add(1, std::memory_order_relaxed);
+    if (t_traceAllocs) {  // backtrace_symbols_fd writes without allocating
+        t_traceAllocs = false;
+        void* frames[24];
+        std::fprintf(stderr, "--- operator new(%zu)\n", n);
+        backtrace_symbols_fd(frames, backtrace(frames, 24), 2);
+        t_traceAllocs = true;
+    }
     if (void* p = std::malloc(n ? n : 1)) return p;
     throw std::bad_alloc();
 }
@@ -98,6 +111,13 @@ public:
         order_.push_front({key, std::make_shared<std::vector<uint8_t>>(payload)});
         index_[key] = order_.begin();
     }
+    // A miss: inserts `key` at the young end and evicts the oldest.
+    void InsertEvict(uint32_t key, uint32_t payload) {
+        Insert(key, payload);
+        std::lock_guard<std::mutex> lock(mutex_);
+        index_.erase(order_.back().first);
+        order_.pop_back();
+    }
     // Evicts `n` from the old end; returns ns per evicted item.
     double EvictNs(uint32_t n) {
         const auto t0 = Clock::now();
@@ -147,6 +167,19 @@ bool ReceiptHit(const IntrusivePtr<MC_Stuff>& request) {
            MC_CheckoutResult_CheckedOut;
 }
 
+// A miss: the request is built, the find creates a pending item, the render completes it and
+// the receipt checks it in.
+void MissInsert(uint32_t key) {
+    IntrusivePtr<MC_Stuff> request = mctest::MakeRequest(key);
+    MC_ScCheckout receipt;
+    const int flags =
+        MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_NoDiskRead | MC_CheckoutFlag_CreatePending;
+    if (receipt.FindAndCheckout(request, flags) != MC_CheckoutResult_CreatedNewPending)
+        std::abort();
+    receipt.GetStuffPtr()->SetStuffDataFromPendingRender(
+        IntrusivePtr<MC_StuffData>(new mctest::TestPayload(key, 64)), 0.0);
+}
+
 template <class F>
 double TimeOps(const std::vector<uint32_t>& keys, int ops, F&& op) {
     const auto t0 = Clock::now();
@@ -188,6 +221,25 @@ int main(int argc, char** argv) {
     MC_Birth(false, 1, false);
     std::printf("rounds %d, load average at start %.2f, %u hardware threads\n", rounds,
                 LoadAverage(), std::thread::hardware_concurrency());
+
+    if (std::getenv("MC_BENCH_TRACE_ALLOCS")) {
+        McBag b(10, true);
+        IntrusivePtr<MC_Stuff> request = mctest::MakeRequest(3);
+        if (!ReceiptHit(request)) std::abort();  // warm
+        std::fprintf(stderr, "=== reused-request hit\n");
+        t_traceAllocs = true;
+        ReceiptHit(request);
+        t_traceAllocs = false;
+        std::fprintf(stderr, "=== built-request hit\n");
+        t_traceAllocs = true;
+        ReceiptHit(mctest::MakeRequest(4));
+        t_traceAllocs = false;
+        std::fprintf(stderr, "=== miss + insert\n");
+        t_traceAllocs = true;
+        MissInsert(100);
+        t_traceAllocs = false;
+        return 0;
+    }
 
     // --- metadata per item -----------------------------------------------------------------
     constexpr uint32_t kMeta = 100'000;
@@ -325,6 +377,49 @@ int main(int argc, char** argv) {
         evict.v.push_back(lru.EvictNs(50'000));
     }
 
+    // --- miss + insert, 1,000,000 items ---------------------------------------------------
+    constexpr uint32_t kMissItems = 1'000'000;
+    constexpr int kMissOps = 20'000;
+    Samples mcMiss, tbbMiss, plainMiss, allocsMiss, allocsTbbMiss;
+    {
+        std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
+        for (uint32_t k = 0; k < kMissItems; ++k)
+            mctest::MakeItem(20'000'000 + k, 64)->AddToBagAndSortDir(bag);
+        PlainLru plain(kMissItems);
+#if MC_HAVE_TBB
+        TbbCache tbb([](uint32_t) { return std::make_shared<std::vector<uint8_t>>(64); },
+                     kMissItems);
+        for (uint32_t k = 0; k < kMissItems; ++k) tbb[k];
+#endif
+        uint32_t next = 40'000'000;
+        for (int r = 0; r < rounds; ++r) {
+            uint64_t a0 = g_allocations.load();
+            auto t0 = Clock::now();
+            for (int i = 0; i < kMissOps; ++i) MissInsert(next++);
+            mcMiss.v.push_back(NsPer(Clock::now() - t0, kMissOps));
+            allocsMiss.v.push_back(static_cast<double>(g_allocations.load() - a0) / kMissOps);
+            // Back to size, untimed: the purge frees the oldest payloads and drops their items.
+            services->SetMemUsageLimits(uint64_t{kMissItems} * 64, uint64_t{1} << 40);
+            services->SetAmountToPurge(uint64_t{kMissOps} * 64);
+            bag->FreeUpSomeMemory(0);
+            services->SetAmountToPurge(0);
+            t0 = Clock::now();
+            for (int i = 0; i < kMissOps; ++i) plain.InsertEvict(next++, 64);
+            plainMiss.v.push_back(NsPer(Clock::now() - t0, kMissOps));
+#if MC_HAVE_TBB
+            a0 = g_allocations.load();
+            t0 = Clock::now();
+            for (int i = 0; i < kMissOps; ++i) {
+                TbbCache::handle h = tbb[next++];
+                if (!h.value()) std::abort();
+            }
+            tbbMiss.v.push_back(NsPer(Clock::now() - t0, kMissOps));
+            allocsTbbMiss.v.push_back(static_cast<double>(g_allocations.load() - a0) / kMissOps);
+#endif
+        }
+        bag->ClearBagAndSortDir();
+    }
+
     std::printf("load average at end %.2f\n\n", LoadAverage());
     Print("MC receipt hit, bag 100k (ns)", mcHit, "");
     Print("  allocations per hit", allocsHit, "");
@@ -340,6 +435,11 @@ int main(int argc, char** argv) {
     Print("purge per visited item, 100k (ns)", purge100k, "");
     Print("purge per visited item, 1M (ns)", purge1M, "");
     Print("plain LRU eviction per item (ns)", evict, "");
+    Print("MC miss + insert, 1M items (ns)", mcMiss, "");
+    Print("  allocations per miss", allocsMiss, "");
+    Print("oneTBB miss, 1M items (ns)", tbbMiss, "");
+    Print("  allocations per oneTBB miss", allocsTbbMiss, "");
+    Print("plain LRU insert + eviction, 1M items (ns)", plainMiss, "");
     std::printf("  metadata per item (bytes): MC %.0f, plain %.0f, oneTBB %.0f\n\n", mcMeta,
                 plainMeta, tbbMeta);
     std::printf("ratios (median):\n");
@@ -352,6 +452,10 @@ int main(int argc, char** argv) {
     std::printf("  new request / reused request   %.2f  (goal <= 1.5)\n",
                 mcNewReq.Median() / mcHit.Median());
     std::printf("  purge 100k / plain eviction    %.1f\n", purge100k.Median() / evict.Median());
+    if (!tbbMiss.v.empty())
+        std::printf("  MC miss / oneTBB miss, 1M      %.2f  (goal <= 1.5)\n",
+                    mcMiss.Median() / tbbMiss.Median());
+    std::printf("  MC miss / plain LRU miss, 1M   %.2f\n", mcMiss.Median() / plainMiss.Median());
     MC_StopAllAsyncWork();
     MC_Death();
     return 0;

@@ -139,6 +139,7 @@ private:
     void AddStuffGuts(const StuffPtr& stuff, const MCp_ScLock& lock, bool updateMediaMap);
     void RemoveStuffGuts(const StuffPtr& stuff, const MCp_ScLock& lock, bool updateMediaMap);
     static void RelinkAtUseTime(MC_Bag* bag, const StuffPtr& stuff);
+    static void RunQueuedRelink(MC_Bag* bag, MC_Stuff* item);
     // The recency list (caller holds the cache lock). Linking takes a reference to the item;
     // unlinking hands it back to the caller.
     void LinkByStamp(MC_Stuff* stuff, uint64_t stamp);

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "mc/Export.h"
 #include "mc/MC_Stuff.h"
@@ -16,12 +17,14 @@
 #include "mc/host/MultiTenantRecursiveMutex.h"
 
 // Completes a still-pending item with null data when destroyed (abandoning the render and
-// releasing its waiters). Copies share the item.
+// releasing its waiters). Copies share the item; a moved-from setter guards nothing.
 class MC_API MC_ScStuffSetter {
 public:
     explicit MC_ScStuffSetter(IntrusivePtr<MC_Stuff> stuff) : stuff_(std::move(stuff)) {}
     MC_ScStuffSetter(const MC_ScStuffSetter&) = default;
     MC_ScStuffSetter& operator=(const MC_ScStuffSetter&) = default;
+    MC_ScStuffSetter(MC_ScStuffSetter&&) noexcept = default;
+    MC_ScStuffSetter& operator=(MC_ScStuffSetter&&) noexcept = default;
     ~MC_ScStuffSetter();
 
 private:
@@ -94,7 +97,7 @@ private:
     MC_CheckoutResult result_ = MC_CheckoutResult_Failed;
     int checkoutFlags_ = 0;
     int checkinFlags_ = 0;
-    std::unique_ptr<MC_ScStuffSetter> pendingGuard_;
+    std::optional<MC_ScStuffSetter> pendingGuard_;  // inline: a miss allocates no guard
     Hold diskHold_;
     IntrusivePtr<MC_Stuff> suspended_;
     mutable velacore::MultiTenantRecursiveMutex lock_;

@@ -220,6 +220,10 @@ private:
     void UndoWriteableCheckout();
     void PurgeAfterLastCheckin();
     void SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> data, double computeTime);
+    void DecrementCheckoutLocked(bool& decremented, bool& lastOut);
+    void FinishCheckin(bool lastOut, bool decremented);
+    void AdjustBagSizes(MC_Bag& bag, uint32_t old, uint32_t size, uint32_t oldChecked,
+                        uint32_t checked);
     void CheckinDiskStep(int flags, bool wasWriteable, double computeTime, bool renderDone);
     void ThrowIfCheckedOutLessThan(int n);
     void ThrowIfCheckedOutMoreThan(int n);
@@ -283,6 +287,8 @@ private:
 
     // --- written under the cache lock and the item write lock; read under the item lock ---
     bool checkedOutWriteable_ = false;
+    // Guarded by the cache lock: recency tasks handed to the host's runner and not yet run.
+    uint32_t relinksQueued_ = 0;
     std::weak_ptr<MC_Bag> bag_;
     std::weak_ptr<MC_SortDir> sortDir_;
 

@@ -133,14 +133,28 @@ void MC_Bag::TraceMediaMapChange(const char* what, const StuffPtr& stuff) {
 }
 
 // Stamps the item as used now and has the host's top-level runner move it to the young end. The
-// runner may run the task later, on any thread: the task owns the item and takes the cache lock
-// itself; it relinks the item only if it is still listed in this bag (a bag unlinks its items
-// when it dies). Until it runs, the item keeps its old place, so it stays purgeable and removable.
+// runner may run the task later, on any thread: the task takes the cache lock itself and relinks
+// the item only if it is still listed in this bag (a bag unlinks its items when it dies). Until
+// it runs, the item keeps its old place, so it stays purgeable and removable. The task captures
+// two plain pointers, which std::function keeps without a heap block; the item keeps itself
+// alive while tasks of it are queued (relinksQueued_).
 void MC_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const MCp_ScLock&) {
     debug::ProfileScope profile("ZK.MC_Bag::UpdateWithNewLastUsedTime", 7);
     if (stuff->mruBag_ != this) MCp_FailVerification("stuff not in the right bag");
     stuff->UpdateLastUsedTimeToNow();
-    config::ExecuteTopLevelFunction([bag = this, stuff] { MC_Bag::RelinkAtUseTime(bag, stuff); });
+    MC_Stuff* item = stuff.get();
+    if (item->relinksQueued_++ == 0) item->RetainObject();
+    config::ExecuteTopLevelFunction([bag = this, item] { MC_Bag::RunQueuedRelink(bag, item); });
+}
+
+// The queued task's body: gives back the queue's hold on the item, then relinks it.
+void MC_Bag::RunQueuedRelink(MC_Bag* bag, MC_Stuff* item) {
+    const StuffPtr stuff(item);
+    {
+        MCp_ScLock lock;
+        if (--item->relinksQueued_ == 0) item->ReleaseObject();  // `stuff` still holds it
+    }
+    RelinkAtUseTime(bag, stuff);
 }
 
 // Moves the item to its place under its current use time and re-syncs its size.

@@ -3,20 +3,39 @@
 
 namespace velacore {
 
-RefCountedObjectWithWeakPtr::RefCountedObjectWithWeakPtr()
-    : anchor_(std::make_shared<detail::WeakAnchor>()) {
-    anchor_->object = this;
+RefCountedObjectWithWeakPtr::~RefCountedObjectWithWeakPtr() {
+    DetachAnchor();  // an object deleted without its last release
+}
+
+detail::AnchorRef RefCountedObjectWithWeakPtr::GetWeakAnchor() const {
+    detail::WeakAnchor* anchor = anchor_.load(std::memory_order_acquire);
+    if (!anchor) {
+        auto fresh = std::make_unique<detail::WeakAnchor>();
+        fresh->object = const_cast<RefCountedObjectWithWeakPtr*>(this);
+        if (anchor_.compare_exchange_strong(anchor, fresh.get(), std::memory_order_acq_rel,
+                                            std::memory_order_acquire))
+            anchor = fresh.release();
+    }
+    return detail::AnchorRef(anchor);
+}
+
+void RefCountedObjectWithWeakPtr::DetachAnchor() const {
+    detail::WeakAnchor* anchor = anchor_.exchange(nullptr, std::memory_order_acq_rel);
+    if (!anchor) return;
+    {
+        std::lock_guard<std::mutex> guard(anchor->mutex);
+        anchor->object = nullptr;
+    }
+    detail::AnchorRef::Release(anchor);
 }
 
 void RefCountedObjectWithWeakPtr::ReleaseObject() const {
     if (count_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     // The count is zero for good: TryRetainFromWeak never revives it. Unhook the anchor under its
     // mutex so that a WeakPtr::Lock in flight either sees the object (and fails to retain it) or
-    // sees null; none can still be looking at the object once we delete it.
-    {
-        std::lock_guard<std::mutex> guard(anchor_->mutex);
-        anchor_->object = nullptr;
-    }
+    // sees null; none can still be looking at the object once we delete it. An anchor is built
+    // only under a strong reference, so the last release sees every anchor there is.
+    DetachAnchor();
     delete this;
 }
 

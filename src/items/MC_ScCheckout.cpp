@@ -84,8 +84,7 @@ MC_CheckoutResult MC_ScCheckout::FindAndCheckout(IntrusivePtr<MC_Stuff> key, int
     ScopedWriteLockWrapper w(lock_);
     result_ = r;
     if (r != MC_CheckoutResult_Failed) stuff_ = found;
-    if (r == MC_CheckoutResult_CreatedNewPending)
-        pendingGuard_ = std::make_unique<MC_ScStuffSetter>(found);
+    if (r == MC_CheckoutResult_CreatedNewPending) pendingGuard_.emplace(found);
     return r;
 }
 

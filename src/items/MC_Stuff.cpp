@@ -233,17 +233,27 @@ void MC_Stuff::SyncMemorySizeWithBag(uint32_t size) {
     const uint32_t old = memSizeReported_.exchange(size);
     const uint32_t oldChecked = checkedOutSizeReported_.exchange(checked);
     if (old == size && oldChecked == checked) return;
+    // Under the cache lock the recency link names the bag without a weak_ptr lock.
+    if (MCp_ScLock::IsHeldByCurrentThread() && mruBag_) {
+        AdjustBagSizes(*mruBag_, old, size, oldChecked, checked);
+        return;
+    }
     std::shared_ptr<MC_Bag> bag = TargetBag();
     if (!bag) {  // no bag to report to: keep the figures as they were
         memSizeReported_.store(old);
         checkedOutSizeReported_.store(oldChecked);
         return;
     }
+    AdjustBagSizes(*bag, old, size, oldChecked, checked);
+}
+
+void MC_Stuff::AdjustBagSizes(MC_Bag& bag, uint32_t old, uint32_t size, uint32_t oldChecked,
+                              uint32_t checked) {
     if (old != size)
-        bag->AdjustInMemoryCacheSize(static_cast<int64_t>(size) - static_cast<int64_t>(old));
+        bag.AdjustInMemoryCacheSize(static_cast<int64_t>(size) - static_cast<int64_t>(old));
     if (oldChecked != checked)
-        bag->AdjustCheckedOutMemoryCacheSize(static_cast<int64_t>(checked) -
-                                             static_cast<int64_t>(oldChecked));
+        bag.AdjustCheckedOutMemoryCacheSize(static_cast<int64_t>(checked) -
+                                            static_cast<int64_t>(oldChecked));
 }
 
 void MC_Stuff::SyncDiskSizeWithBag(uint32_t size) {
@@ -404,44 +414,49 @@ void MC_Stuff::UndoWriteableCheckout() {
     if (dir) dir->AddStuff(self, false);
 }
 
+// One cache-lock hold covers the whole of a plain read-only check-in, size report included.
 void MC_Stuff::Checkin(int flags, double computeTime) {
     bool wasWriteable = false;
-    std::shared_ptr<MC_SortDir> dir;
-    {
-        ScopedReadLockWrapper r(lock_);
-        wasWriteable = checkedOutWriteable_;
-        if (wasWriteable) dir = sortDir_.lock();
-    }
     bool decremented = false;
     bool lastOut = false;
+    const bool plain =
+        !(flags & (MC_CheckinFlag_Remove | MC_CheckinFlag_Purge | MC_CheckinFlag_ForceWriteToDisk));
+    bool renderDone = false;
     {
         MCp_ScLock lock;
         IntrusivePtr<MC_Stuff> self(this);
-        if (wasWriteable && dir) {
-            {
-                ScopedWriteLockWrapper w(lock_);
-                sortDir_.reset();
-            }
-            dir->AddStuff(self);  // back under its current key
-            if (g_checkinTrace.Enabled())
-                g_checkinTrace.Write("check-in updated w/ guid:" + GetGuid().AsString());
-        }
+        std::shared_ptr<MC_SortDir> dir;
         {
             ScopedWriteLockWrapper w(lock_);
-            checkedOutWriteable_ = false;
-            uint32_t count = checkoutCount_.load();
-            while (count != 0 && !checkoutCount_.compare_exchange_weak(count, count - 1)) {
+            wasWriteable = checkedOutWriteable_;
+            if (wasWriteable) {
+                dir = sortDir_.lock();
+                if (dir) sortDir_.reset();
+            } else {
+                DecrementCheckoutLocked(decremented, lastOut);
             }
-            decremented = count != 0;
-            lastOut = count == 1;
+        }
+        if (wasWriteable) {
+            if (dir) {
+                dir->AddStuff(self);  // back under its current key
+                if (g_checkinTrace.Enabled())
+                    g_checkinTrace.Write("check-in updated w/ guid:" + GetGuid().AsString());
+            }
+            ScopedWriteLockWrapper w(lock_);
+            checkedOutWriteable_ = false;
+            DecrementCheckoutLocked(decremented, lastOut);
         }
         if (!(flags & MC_CheckinFlag_DontUpdateLastUsed)) {
             if (mruBag_) mruBag_->UpdateWithNewLastUsedTime(self, lock);
         }
+        // A render completed under this writeable check-out waited for it to end (the writer
+        // cannot take an item held writeable); it is weighed below, once.
+        renderDone = renderAwaitsCheckin_.exchange(false);
+        if (plain && !wasWriteable) {
+            FinishCheckin(lastOut, decremented);
+            return;
+        }
     }
-    // A render completed under this writeable check-out waited for it to end (the writer cannot
-    // take an item held writeable); it is weighed here, once.
-    const bool renderDone = renderAwaitsCheckin_.exchange(false);
     if (flags & MC_CheckinFlag_Remove) {
         RemoveFromBagAndSortDir();
     } else if (flags & MC_CheckinFlag_Purge) {
@@ -449,6 +464,20 @@ void MC_Stuff::Checkin(int flags, double computeTime) {
     } else {
         CheckinDiskStep(flags, wasWriteable, computeTime, renderDone);
     }
+    FinishCheckin(lastOut, decremented);
+}
+
+// Caller holds the item's write lock.
+void MC_Stuff::DecrementCheckoutLocked(bool& decremented, bool& lastOut) {
+    uint32_t count = checkoutCount_.load();
+    while (count != 0 && !checkoutCount_.compare_exchange_weak(count, count - 1)) {
+    }
+    decremented = count != 0;
+    lastOut = count == 1;
+}
+
+// The last steps of a check-in: the deferred purge, the counter and the size report.
+void MC_Stuff::FinishCheckin(bool lastOut, bool decremented) {
     if (lastOut && purgeAtLastCheckin_.load()) PurgeAfterLastCheckin();
     if (decremented) MCp_GetCounters().activeCheckouts.fetch_sub(1);
     SyncMemorySizeWithBag(GetApproximateMemorySize());

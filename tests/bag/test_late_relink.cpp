@@ -56,8 +56,11 @@ TEST_F(LateRelink, BagStaysWholeUntilTheRunnerGetsToTheTasks) {
     local->AddToBagAndSortDir(orphan);
     UseOnce(orphan);
     local.reset();
-    EXPECT_EQ(host().RunDeferredTopLevelFunctions(), 1u);
     EXPECT_TRUE(orphan->GetBag().expired());
+    const velacore::WeakPtr<MC_Stuff> watch(orphan);
+    orphan.reset();  // the queued task alone holds the item now
+    EXPECT_EQ(host().RunDeferredTopLevelFunctions(), 1u);
+    EXPECT_FALSE(watch.Lock()) << "the late task let go of its item";
 }
 
 // The relink re-syncs the item's size, as removal and addition would.

@@ -80,6 +80,16 @@ TEST_F(Receipts, SwapExchangesHoldingsButNotFlagsOrSuspension) {
     EXPECT_EQ(ra.GetStuffPtr(), nullptr);
 }
 
+TEST_F(Receipts, SwapCarriesThePendingGuardWithoutAbandoningTheRender) {
+    MC_ScCheckout creator, other;
+    ASSERT_EQ(creator.FindAndCheckout(MakeRequest(7),
+                                      MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
+              MC_CheckoutResult_CreatedNewPending);
+    const IntrusivePtr<MC_Stuff> pending = creator.GetStuffPtr();
+    creator.Swap(other);
+    EXPECT_TRUE(pending->IsPendingRender());
+}
+
 TEST_F(Receipts, SuspendKeepsResultAndLetsTheItemBePurged) {
     IntrusivePtr<MC_Stuff> stuff = AddItem(1, 100);
     MC_ScCheckout receipt(stuff, MC_CheckoutFlag_ReadOnly);

@@ -96,12 +96,12 @@ public:
     }
     bool Expired() const { return !Lock(); }
     void reset() {
-        anchor_.reset();
+        anchor_ = detail::AnchorRef();
         object_ = nullptr;
     }
 
 private:
-    std::shared_ptr<detail::WeakAnchor> anchor_;
+    detail::AnchorRef anchor_;
     T* object_ = nullptr;
 };
 

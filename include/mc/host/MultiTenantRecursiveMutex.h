@@ -90,14 +90,15 @@ private:
 
     mutable std::mutex mutex_;
     std::condition_variable cv_;
-    // Per-thread holdings: a few inline slots so that locking never allocates; threads beyond
-    // them (rare: more than four holders at once) go to the overflow list.
-    static constexpr size_t kInlineSlots = 4;
+    // Per-thread holdings of the slow path: two inline slots (an upgrader and one reader, or
+    // a writer) so that locking does not allocate; threads beyond them (rare: uncontended
+    // readers take the fast path and need no slot) go to the overflow list.
+    static constexpr size_t kInlineSlots = 2;
     std::array<Slot, kInlineSlots> inline_{};
     std::vector<Slot> overflow_;
-    uint32_t readerThreads_ = 0;  // threads holding read (not counting upgrade/write-only)
     std::thread::id upgrader_{};  // thread holding upgrade, if any
     std::thread::id writer_{};    // thread holding write, if any
+    uint32_t readerThreads_ = 0;  // threads holding read (not counting upgrade/write-only)
     uint32_t waitingWriters_ = 0;
     uint32_t sleepers_ = 0;  // threads blocked on cv_; unlocks notify only when there are some
     // Bit 0: a writer holds or waits (set under mutex_); above it, the number of threads holding

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "mc/host/Export.h"
 
@@ -46,10 +47,36 @@ private:
 class RefCountedObjectWithWeakPtr;
 
 namespace detail {
-// Shared between an object and its weak references; outlives the object.
+// Shared between an object and its weak references; outlives the object. Built by the first weak
+// reference, so an object nobody refers to weakly carries only a null pointer.
 struct WeakAnchor {
     std::mutex mutex;
     RefCountedObjectWithWeakPtr* object = nullptr;
+    std::atomic<uint32_t> refs{1};  // the object's own, plus one per AnchorRef
+};
+
+// A counted reference to an anchor.
+class AnchorRef {
+public:
+    AnchorRef() = default;
+    explicit AnchorRef(WeakAnchor* a) : a_(a) {
+        if (a_) a_->refs.fetch_add(1, std::memory_order_relaxed);
+    }
+    AnchorRef(const AnchorRef& o) : AnchorRef(o.a_) {}
+    AnchorRef(AnchorRef&& o) noexcept : a_(o.a_) { o.a_ = nullptr; }
+    AnchorRef& operator=(AnchorRef o) noexcept {
+        std::swap(a_, o.a_);
+        return *this;
+    }
+    ~AnchorRef() { Release(a_); }
+    WeakAnchor* operator->() const { return a_; }
+    explicit operator bool() const { return a_ != nullptr; }
+    static void Release(WeakAnchor* a) {
+        if (a && a->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete a;
+    }
+
+private:
+    WeakAnchor* a_ = nullptr;
 };
 }  // namespace detail
 
@@ -62,15 +89,19 @@ public:
 
     // Retains the object unless its count already reached zero. Requires anchor mutex held.
     bool TryRetainFromWeak() const;
-    const std::shared_ptr<detail::WeakAnchor>& GetWeakAnchor() const { return anchor_; }
+    // The anchor, built at the first call. The caller holds a strong reference.
+    detail::AnchorRef GetWeakAnchor() const;
 
 protected:
-    RefCountedObjectWithWeakPtr();
-    ~RefCountedObjectWithWeakPtr() override = default;
+    RefCountedObjectWithWeakPtr() = default;
+    ~RefCountedObjectWithWeakPtr() override;
 
 private:
+    // Unhooks the anchor (if any) so that no weak reference reaches this object any more.
+    void DetachAnchor() const;
+
     mutable std::atomic<uint32_t> count_{0};
-    std::shared_ptr<detail::WeakAnchor> anchor_;
+    mutable std::atomic<detail::WeakAnchor*> anchor_{nullptr};
 };
 
 }  // namespace velacore
