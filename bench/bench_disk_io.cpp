@@ -30,6 +30,7 @@
 #include "BenchRounds.h"
 #include "disk/DiskFolder.h"
 #include "helpers/PageCache.h"
+#include "lifecycle/Counters.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_ScCheckout.h"
@@ -160,8 +161,12 @@ public:
             render.Checkin(0, 10.0);
             items_.push_back(item);
         }
+        const auto limit = start + std::chrono::seconds(60);
         for (const auto& item : items_)
-            while (!item->IsOnDisk()) std::this_thread::sleep_for(std::chrono::microseconds(50));
+            while (!item->IsOnDisk()) {
+                if (Clock::now() > limit) throw std::runtime_error(NotWrittenReport());
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+            }
         return Seconds(start);
     }
 
@@ -179,6 +184,17 @@ public:
                 throw std::runtime_error("read-back failed");
         }
         return Seconds(start);
+    }
+
+    // Why some item was not written within a minute (the write decision declined it, or the
+    // write failed).
+    std::string NotWrittenReport() const {
+        const MCp_Counters& c = MCp_GetCounters();
+        std::string reasons;
+        for (int r = 1; r <= 5; ++r) reasons += " " + std::to_string(c.reasonCounts[r].load());
+        return "an item was not written within 60 s: write failures " +
+               std::to_string(c.writeFailures.load()) + ", queued " +
+               std::to_string(c.normalWritesQueued.load()) + ", not-written reasons 1..5" + reasons;
     }
 
     std::vector<std::filesystem::path> Files() const {
