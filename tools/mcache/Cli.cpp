@@ -13,6 +13,7 @@
 #include "Demo.h"
 #include "Farm.h"
 #include "Output.h"
+#include "helpers/Machine.h"
 #include "mc/standalone/StandaloneHost.h"
 
 #ifndef MCACHE_VERSION
@@ -48,16 +49,8 @@ uint64_t Amount(const std::string& option, const std::string& text, uint64_t per
 
 // Where the demo keeps its cache by default: the user's own cache directory.
 fs::path DefaultDemoFolder() {
-#ifdef _WIN32
-    if (const char* local = std::getenv("LOCALAPPDATA"); local && fs::path(local).is_absolute())
-        return fs::path(local) / "mcache-demo";
-#else
-    if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg && *xdg == '/')
-        return fs::path(xdg) / "mcache-demo";
-    if (const char* home = std::getenv("HOME"); home && *home)
-        return fs::path(home) / ".cache" / "mcache-demo";
-#endif
-    return fs::current_path() / ".mcache-demo";
+    const fs::path cache = velacore::UserCacheFolder();
+    return cache.empty() ? fs::current_path() / ".mcache-demo" : cache / "mcache-demo";
 }
 
 // "mcache bogus" names the unknown command instead of CLI11's "A subcommand is required".

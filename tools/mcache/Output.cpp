@@ -166,7 +166,7 @@ nlohmann::json SummaryJson(const DemoOptions& o, const DemoResult& r, MC_Bag& ba
     const MC_PerformanceCounters pc = MC_GetPerformanceCounters();
     const MC_DiskPerformanceCounters dc = MC_GetDiskPerformanceCounters();
     nlohmann::json j;
-    j["folder"] = o.folder.string();
+    j["folder"] = PathText(o.folder);
     j["app_version"] = appVersion;
     j["app_version_text"] = AppVersionText(static_cast<uint32_t>(appVersion));
     j["frames"] = o.frames;

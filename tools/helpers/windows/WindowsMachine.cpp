@@ -34,6 +34,13 @@ const char* SharedLibrarySuffix() {
     return ".dll";
 }
 
+std::filesystem::path UserCacheFolder() {
+    const wchar_t* local = ::_wgetenv(L"LOCALAPPDATA");
+    if (local == nullptr) return {};
+    std::filesystem::path folder(local);
+    return folder.is_absolute() ? folder : std::filesystem::path();
+}
+
 bool SetProcessEnv(const char* name, const char* value) {
     // The C runtime's copy is what getenv reads; an empty value removes the variable.
     return ::_putenv_s(name, value != nullptr ? value : "") == 0;
