@@ -173,7 +173,7 @@ std::string Age(double seconds) {
 }
 
 nlohmann::json EntryJson(const Entry& e) {
-    return {{"path", PathText(e.path)},       {"valid", e.valid},
+    return {{"path", PathText(e.path)},      {"valid", e.valid},
             {"problem", e.problem},          {"guid", e.guid},
             {"matchname", e.matchname},      {"version", e.version},
             {"header_bytes", e.headerBytes}, {"size", e.size},
