@@ -1,5 +1,6 @@
-// mcache on Windows: the folders it composes from the module's UTF-16 pieces keep their
-// non-ASCII characters (a narrow path would read them in the ANSI code page).
+// mcache on Windows: the folders named in its UTF-8 arguments and those it composes from the
+// module's UTF-16 pieces keep their non-ASCII characters (a narrow path would read them in the
+// ANSI code page).
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -12,12 +13,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(WindowsMcache, PurgeRemovesTheNonAsciiMachineFolderItMade) {
+TEST(WindowsMcache, PurgeOfANonAsciiRootRemovesTheNonAsciiMachineFolderItMade) {
     mctest::TempDir temp;
     ASSERT_TRUE(velacore::SetProcessEnv("MC_COMPUTER_NAME", "caf\xC3\xA9-\xE7\x8C\xAB"));
-    const fs::path product = temp.Path() / "Ostrel" / "Tessaline";
+    const fs::path root = temp.Path() / fs::path(u8"\u732B \u00E9");
+    const fs::path product = root / "Ostrel" / "Tessaline";
     fs::create_directories(product);
-    const mctest::ToolRun r = mctest::Mcache({"purge", temp.Path().string()});
+    const std::u8string rootText = root.u8string();
+    const mctest::ToolRun r =
+        mctest::Mcache({"purge", std::string(rootText.begin(), rootText.end())});
     velacore::SetProcessEnv("MC_COMPUTER_NAME", nullptr);
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(fs::is_empty(product));  // the version and machine folders it made are gone

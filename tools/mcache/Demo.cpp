@@ -211,7 +211,7 @@ std::string CheckBeforeStart(const DemoOptions& o, std::unique_ptr<std::ofstream
     if (ec) return "cannot create " + PathText(o.folder) + ": " + ec.message();
     if (!std::filesystem::is_directory(o.folder, ec)) return PathText(o.folder) + ": not a folder";
     if (!o.reportSvg.empty()) {
-        report = std::make_unique<std::ofstream>(o.reportSvg);
+        report = std::make_unique<std::ofstream>(PathFromText(o.reportSvg));
         if (!*report) return "--report: cannot write " + o.reportSvg;
     }
     return {};

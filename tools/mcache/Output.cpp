@@ -60,6 +60,10 @@ std::string PathText(const std::filesystem::path& path) {
     return std::string(text.begin(), text.end());
 }
 
+std::filesystem::path PathFromText(const std::string& utf8) {
+    return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
+}
+
 std::string AppVersionText(uint32_t version) {
     return Format("%u.%u (%u)", version >> 8, version & 0xFFu, version);
 }

@@ -29,6 +29,10 @@ std::filesystem::path UserCacheFolder() {
     return {};
 }
 
+std::vector<std::string> Utf8Arguments(int argc, char** argv) {
+    return {argv, argv + argc};
+}
+
 bool SetProcessEnv(const char* name, const char* value) {
     return (value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name)) == 0;
 }
