@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <latch>
 #include <memory>
 #include <set>
 #include <string>
@@ -508,10 +507,10 @@ TEST_F(SharedFolder, EachItemIsWrittenOnceWhenBothCachesRaceForIt) {
         bag_->AddToBagAndSortDir(mine.back());
         other_->AddToBagAndSortDir(theirs.back());
     }
-    std::latch start(2);
+    std::atomic<int> start{0};  // not std::latch: MinGW's can lose a wake-up
     auto writeAll = [&](std::vector<IntrusivePtr<MC_Stuff>>& items,
                         const std::shared_ptr<MC_Bag>& bag) {
-        start.arrive_and_wait();
+        for (start.fetch_add(1); start.load() < 2;) std::this_thread::yield();
         for (auto& stuff : items) stuff->PrepAndWrite(bag);
     };
     std::thread a(writeAll, std::ref(mine), bag_);
