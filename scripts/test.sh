@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Checks the formatting of the files changed since the tree-wide formatting commit, builds and
 # runs the whole test suite, then again under ThreadSanitizer and under
-# AddressSanitizer+UndefinedBehaviorSanitizer; a full run starts with the fuzz targets, each for a
-# bounded time. Installs the Debian packages it needs first. Arguments: the presets to run
-# (default: default tsan asan, after the format check and the fuzz run; `windows` runs the MinGW
-# cross-build under Wine, which is not yet part of the full run).
+# AddressSanitizer+UndefinedBehaviorSanitizer, and last as the MinGW-w64 cross-build for Windows
+# with its tests under Wine; a full run starts with the fuzz targets, each for a bounded time.
+# Installs the Debian packages it needs first. Arguments: the presets to run (default: default
+# tsan asan windows, after the format check and the fuzz run).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
-presets=("${@:-default tsan asan}")
+presets=("${@:-default tsan asan windows}")
 if [ $# -eq 0 ]; then
   scripts/check-format.sh
   echo "=== fuzz: 30 s per target ==="
@@ -20,6 +20,16 @@ for preset in ${presets[*]}; do
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$(nproc)"
   echo "=== ${preset}: tests ==="
-  ctest --preset "$preset"
+  if [ "$preset" = windows ]; then
+    # One Wine server for the whole run: left to itself it exits between test processes, and a
+    # test that starts while it goes down dies with "recvmsg: Connection reset by peer" (the
+    # preset also runs a test that failed once a second time, for that reason only).
+    export WINEPREFIX="$PWD/build/windows/wineprefix"
+    /usr/lib/wine/wineserver -p
+    ctest --preset "$preset" || { /usr/lib/wine/wineserver -k; exit 1; }
+    /usr/lib/wine/wineserver -k || true
+  else
+    ctest --preset "$preset"
+  fi
   echo "=== ${preset}: $((SECONDS - start)) s ==="
 done

@@ -3,7 +3,7 @@
 // Time stamps are injected (nanosecond ticks), nothing sleeps.
 #include <gtest/gtest.h>
 
-#include <latch>
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -60,11 +60,11 @@ TEST_F(SpeedStat, ConcurrentSamplesAreAllCountedExactly) {
     MCp_DiskFolder::SetSpeedCapBytesPerSecond(1e300);
     constexpr int kThreads = 8;
     constexpr int kSamples = 200000;
-    std::latch start(kThreads);
+    std::atomic<int> start{0};  // not std::latch: MinGW's can lose a wake-up
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&] {
-            start.arrive_and_wait();
+            for (start.fetch_add(1); start.load() < kThreads;) std::this_thread::yield();
             for (int i = 0; i < kSamples; ++i) stat_.AddSample(1000, 1e-6);
         });
     for (auto& t : threads) t.join();

@@ -2,7 +2,7 @@
 // threads, one-file writes and their failures, and two caches racing in one folder.
 #include <gtest/gtest.h>
 
-#include <latch>
+#include <atomic>
 #include <set>
 
 #include "mc/host/Signal.h"
@@ -291,9 +291,9 @@ TEST_F(Writer, TwoCachesInOneFolderWriteEachItemOnce) {
                                          new GatedPayload(key / 2, 3000, gate_)));
         (key % 2 ? other : bag_)->AddToBagAndSortDir(items[key % 2].back());
     }
-    std::latch start(2);
+    std::atomic<int> start{0};  // not std::latch: MinGW's can lose a wake-up
     auto writeAll = [&](int side) {
-        start.arrive_and_wait();
+        for (start.fetch_add(1); start.load() < 2;) std::this_thread::yield();
         for (auto& stuff : items[side]) stuff->PrepAndWrite(side ? other : bag_);
     };
     std::thread a(writeAll, 0), b(writeAll, 1);

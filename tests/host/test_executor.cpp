@@ -189,6 +189,7 @@ TEST(Executor, SubExecutorsNeverExceedTheirCapAndKeepOrder) {
     for (auto& t : posters) t.join();
     EXPECT_TRUE(WaitUntil([&] { return done.load() == 300; }));
     EXPECT_LE(peak.load(), 2);
+    EXPECT_TRUE(WaitUntil([&] { return serial->QueuedCount() == 0; }));  // Stop drops the queue
     serial->Stop();
     ASSERT_EQ(order.size(), 300u);
     for (int i = 0; i < 300; ++i) ASSERT_EQ(order[i], i);

@@ -24,6 +24,9 @@ private:
 };
 
 TEST(WeakPtr, LockRacesTheLastRelease) {
+#ifdef __MINGW32__
+    GTEST_SKIP() << "std::barrier can lose a wake-up with MinGW's libstdc++ 12 (no futex)";
+#endif
     constexpr int kRounds = 2000;
     constexpr int kLockers = 3;
     std::atomic<int> destroyed{0}, badValues{0};

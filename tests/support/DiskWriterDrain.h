@@ -3,34 +3,44 @@
 #pragma once
 
 #include <chrono>
-#include <future>
-#include <latch>
+#include <condition_variable>
 #include <memory>
-#include <vector>
+#include <mutex>
 
 #include "lifecycle/Module.h"
 
 namespace mctest {
 
 // Waits until every write queued or posted so far has finished: both writer threads are made to
-// meet at a barrier. Returns false when the writer is stopped or time ran out.
+// meet. Returns false when the writer is stopped or time ran out. The meeting is a mutex and a
+// condition variable, not std::latch: MinGW's libstdc++ 12 has no futex, and its fallback for
+// atomic waits notifies without taking the waiter's mutex, so an arrival can be lost under Wine.
 inline bool DrainDiskWriter() {
+    static constexpr int kWriterThreads = 2;
+    static constexpr auto kLimit = std::chrono::minutes(2);
     auto exec = MCp_DiskExecutor();
     if (!exec) return false;
-    auto barrier = std::make_shared<std::latch>(2);
-    std::vector<std::future<void>> done;
-    for (int i = 0; i < 2; ++i) {
-        auto p = std::make_shared<std::promise<void>>();
-        done.push_back(p->get_future());
-        if (!exec->Post([barrier, p] {
-                barrier->arrive_and_wait();
-                p->set_value();
+    struct Meeting {
+        std::mutex mutex;
+        std::condition_variable cv;
+        int arrived = 0;
+        int left = 0;
+    };
+    auto meeting = std::make_shared<Meeting>();
+    for (int i = 0; i < kWriterThreads; ++i) {
+        if (!exec->Post([meeting] {
+                std::unique_lock<std::mutex> lock(meeting->mutex);
+                ++meeting->arrived;
+                meeting->cv.notify_all();
+                if (meeting->cv.wait_for(lock, kLimit,
+                                         [&] { return meeting->arrived == kWriterThreads; }))
+                    ++meeting->left;
+                meeting->cv.notify_all();
             }))
             return false;
     }
-    for (auto& f : done)
-        if (f.wait_for(std::chrono::minutes(2)) != std::future_status::ready) return false;
-    return true;
+    std::unique_lock<std::mutex> lock(meeting->mutex);
+    return meeting->cv.wait_for(lock, kLimit, [&] { return meeting->left == kWriterThreads; });
 }
 
 }  // namespace mctest

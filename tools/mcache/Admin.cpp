@@ -39,6 +39,20 @@ struct Entry {
     double ageSeconds = 0;
 };
 
+// A path below `base` made from a relative folder spec in UTF-16 (native separators), one
+// component at a time through the host's UTF-16 names: non-ASCII folders come out right on
+// every system.
+fs::path Below(const fs::path& base, std::u16string_view relative) {
+    const auto separator = static_cast<char16_t>(fs::path::preferred_separator);
+    velacore::Dir dir(base);
+    while (!relative.empty()) {
+        const size_t end = std::min(relative.find(separator), relative.size());
+        if (end > 0) dir = dir.GetSubdir(relative.substr(0, end));
+        relative.remove_prefix(std::min(end + 1, relative.size()));
+    }
+    return dir.GetFullPath();
+}
+
 // A folder the command can read; otherwise one line saying why not.
 bool RequireFolder(const fs::path& folder) {
     std::error_code ec;
@@ -159,7 +173,7 @@ std::string Age(double seconds) {
 }
 
 nlohmann::json EntryJson(const Entry& e) {
-    return {{"path", e.path.string()},       {"valid", e.valid},
+    return {{"path", PathText(e.path)},      {"valid", e.valid},
             {"problem", e.problem},          {"guid", e.guid},
             {"matchname", e.matchname},      {"version", e.version},
             {"header_bytes", e.headerBytes}, {"size", e.size},
@@ -171,16 +185,16 @@ nlohmann::json EntryJson(const Entry& e) {
 // error text when a folder that exists cannot be read.
 std::string VersionUsage(const fs::path& root,
                          std::map<std::string, std::pair<uint64_t, uint64_t>>& perVersion) {
-    const fs::path product = root / fs::path(velacore::ToUtf8(MC_OstrelZKDirs())).relative_path();
+    const fs::path product = Below(root, MC_OstrelZKDirs());
     std::error_code ec;
     if (!fs::is_directory(product, ec)) return {};
     fs::directory_iterator versions(product, ec);
-    if (ec) return product.string() + ": cannot read the folder: " + ec.message();
+    if (ec) return PathText(product) + ": cannot read the folder: " + ec.message();
     for (const auto& version : versions) {
         if (!version.is_directory(ec) || version.is_symlink(ec)) continue;
         fs::directory_iterator probe(version.path(), ec);
-        if (ec) return version.path().string() + ": cannot read the folder: " + ec.message();
-        auto& slot = perVersion[version.path().filename().string()];
+        if (ec) return PathText(version.path()) + ": cannot read the folder: " + ec.message();
+        auto& slot = perVersion[PathText(version.path().filename())];
         velacore::RecursiveFileIterator it{velacore::Dir(version.path())};
         velacore::File file;
         while (it.Next(file)) {
@@ -311,7 +325,7 @@ int PurgeDryRun(const fs::path& root, bool others, bool json) {
         if (goes) files += usage.second;
     }
     if (json) {
-        std::printf("%s\n", JsonText({{"root", root.string()},
+        std::printf("%s\n", JsonText({{"root", PathText(root)},
                                       {"dry_run", true},
                                       {"purged_bytes", bytes},
                                       {"purged_files", files},
@@ -339,11 +353,11 @@ void RemoveCreated(const std::vector<std::pair<fs::path, bool>>& chain) {
 int PurgeRoot(const fs::path& root, bool otherVersions, bool dryRun, bool json) {
     if (!RequireFolder(root)) return 2;
     if (dryRun) return PurgeDryRun(root, otherVersions, json);
-    const fs::path product = root / fs::path(velacore::ToUtf8(MC_OstrelZKDirs())).relative_path();
+    const fs::path product = Below(root, MC_OstrelZKDirs());
     std::error_code ec;
     if (!fs::is_directory(product, ec)) {  // no cache here: create nothing, delete nothing
         if (json)
-            std::printf("%s\n", JsonText({{"root", root.string()},
+            std::printf("%s\n", JsonText({{"root", PathText(root)},
                                           {"dry_run", false},
                                           {"purged_bytes", 0},
                                           {"left_bytes", 0}})
@@ -354,10 +368,8 @@ int PurgeRoot(const fs::path& root, bool otherVersions, bool dryRun, bool json) 
     }
     auto host = velacore::StandaloneHostServices::CreateFromEnvironment();
     const fs::path version =
-        product /
-        fs::path(velacore::ToUtf8(MC_ZKVersDir(velacore::ToUtf16(host->Config().clientVersion))))
-            .relative_path();
-    const fs::path machine = version / fs::path(velacore::ToUtf8(MC_GetMachineDirName()));
+        Below(product, MC_ZKVersDir(velacore::ToUtf16(host->Config().clientVersion)));
+    const fs::path machine = Below(version, MC_GetMachineDirName());
     const std::vector<std::pair<fs::path, bool>> chain = {{version, fs::exists(version, ec)},
                                                           {machine, fs::exists(machine, ec)}};
     velacore::SetHostServices(host);
@@ -385,7 +397,7 @@ int PurgeRoot(const fs::path& root, bool otherVersions, bool dryRun, bool json) 
         const uint64_t after = bag->FindDiskCacheSizeAcrossVersions(folders);
         const uint64_t purged = before - std::min(before, after);
         if (json)
-            std::printf("%s\n", JsonText({{"root", root.string()},
+            std::printf("%s\n", JsonText({{"root", PathText(root)},
                                           {"dry_run", false},
                                           {"purged_bytes", purged},
                                           {"left_bytes", after}})
@@ -430,7 +442,7 @@ int TrimFolder(const fs::path& folder, uint64_t budget, bool dryRun, bool json) 
         ++removed;
     }
     if (json) {
-        std::printf("%s\n", JsonText({{"folder", folder.string()},
+        std::printf("%s\n", JsonText({{"folder", PathText(folder)},
                                       {"dry_run", dryRun},
                                       {"budget", budget},
                                       {"before_bytes", total},

@@ -13,6 +13,7 @@
 #include "Demo.h"
 #include "Farm.h"
 #include "Output.h"
+#include "helpers/Machine.h"
 #include "mc/standalone/StandaloneHost.h"
 
 #ifndef MCACHE_VERSION
@@ -48,16 +49,15 @@ uint64_t Amount(const std::string& option, const std::string& text, uint64_t per
 
 // Where the demo keeps its cache by default: the user's own cache directory.
 fs::path DefaultDemoFolder() {
-#ifdef _WIN32
-    if (const char* local = std::getenv("LOCALAPPDATA"); local && fs::path(local).is_absolute())
-        return fs::path(local) / "mcache-demo";
-#else
-    if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg && *xdg == '/')
-        return fs::path(xdg) / "mcache-demo";
-    if (const char* home = std::getenv("HOME"); home && *home)
-        return fs::path(home) / ".cache" / "mcache-demo";
-#endif
-    return fs::current_path() / ".mcache-demo";
+    const fs::path cache = velacore::UserCacheFolder();
+    return cache.empty() ? fs::current_path() / ".mcache-demo" : cache / "mcache-demo";
+}
+
+// An option naming a file or folder: its UTF-8 text becomes the path.
+CLI::Option* PathOption(CLI::App* cmd, const std::string& name, fs::path& target,
+                        const std::string& help) {
+    return cmd->add_option_function<std::string>(
+        name, [&target](const std::string& text) { target = PathFromText(text); }, help);
 }
 
 // "mcache bogus" names the unknown command instead of CLI11's "A subcommand is required".
@@ -94,9 +94,9 @@ int Main(int argc, char** argv) {
     std::string memory, disk = "480M", priority = "normal";
     auto* demoCmd = app.add_subcommand(
         "demo", "Simulate an interactive compositing session against the cache and summarise it");
-    demoCmd->add_option("--folder", demo.folder,
-                        "Disk-cache root (default: $XDG_CACHE_HOME or ~/.cache, on Windows "
-                        "%LOCALAPPDATA%, /mcache-demo)");
+    PathOption(demoCmd, "--folder", demo.folder,
+               "Disk-cache root (default: $XDG_CACHE_HOME or ~/.cache, on Windows "
+               "%LOCALAPPDATA%, /mcache-demo)");
     demoCmd->add_option("--frames", demo.frames, "Frames in the timeline")
         ->check(CLI::Range(1u, 100000u))
         ->capture_default_str();
@@ -123,7 +123,7 @@ int Main(int argc, char** argv) {
                      "rendering), high (written whenever the write queue has room), low")
         ->check(CLI::IsMember({"low", "normal", "high"}))
         ->capture_default_str();
-    demoCmd->add_option("--plugin", demo.plugin, "The statistics plug-in (.so)");
+    PathOption(demoCmd, "--plugin", demo.plugin, "The statistics plug-in (.so)");
     demoCmd->add_flag("--json", demo.json, "Print the summary as JSON");
     demoCmd->add_option("--report", demo.reportSvg, "Write an SVG report to this file");
     bool quiet = false;
@@ -142,7 +142,7 @@ int Main(int argc, char** argv) {
         ->capture_default_str();
     farmCmd->add_option("--remote", farm.remoteUrl,
                         "The Redis to share (default: a private redis-server for the run)");
-    farmCmd->add_option("--folder", farm.folder, "Root of the processes' cache folders");
+    PathOption(farmCmd, "--folder", farm.folder, "Root of the processes' cache folders");
     farmCmd->add_option("--frames", farm.frames, "Frames in the timeline")
         ->check(CLI::Range(1u, 100000u))
         ->capture_default_str();
@@ -162,16 +162,16 @@ int Main(int argc, char** argv) {
     bool json = false, deleteInvalid = false, otherVersions = false, strict = false, dryRun = false;
     std::string trimTo;
     auto* ls = app.add_subcommand("ls", "List the cache files of a disk-cache folder");
-    ls->add_option("FOLDER", folder, "Disk-cache folder")->required();
+    PathOption(ls, "FOLDER", folder, "Disk-cache folder")->required();
     ls->add_flag("--json", json, "JSON output");
     auto* verify = app.add_subcommand("verify", "Check names and headers of every cache file");
-    verify->add_option("FOLDER", folder, "Disk-cache folder")->required();
+    PathOption(verify, "FOLDER", folder, "Disk-cache folder")->required();
     verify->add_flag("--delete-invalid", deleteInvalid, "Delete the invalid files");
     verify->add_flag("--strict", strict,
                      "Also count files without a cache-file header (unframed) as invalid");
     verify->add_flag("--json", json, "JSON output");
     auto* du = app.add_subcommand("du", "Disk use of a disk-cache root, per version and in total");
-    du->add_option("ROOT", folder, "Disk-cache root")->required();
+    PathOption(du, "ROOT", folder, "Disk-cache root")->required();
     du->add_flag("--json", json, "JSON output");
     const std::string thisVersion = CurrentVersionText();
     auto* purge = app.add_subcommand(
@@ -179,13 +179,13 @@ int Main(int argc, char** argv) {
         "Delete this version's disk cache under ROOT. This version is the application "
         "version of the standalone host, " +
             thisVersion + " (set by MC_CLIENT_VERSION or the configuration file)");
-    purge->add_option("ROOT", folder, "Disk-cache root")->required();
+    PathOption(purge, "ROOT", folder, "Disk-cache root")->required();
     purge->add_flag("--other-versions", otherVersions, "Also delete other versions' caches");
     purge->add_flag("--dry-run", dryRun, "Only say what would be deleted");
     purge->add_flag("--json", json, "JSON output");
     auto* trim = app.add_subcommand(
         "trim", "Make a disk-cache folder fit a budget: delete least recently used files first");
-    trim->add_option("FOLDER", folder, "Disk-cache folder")->required();
+    PathOption(trim, "FOLDER", folder, "Disk-cache folder")->required();
     trim->add_option("--to", trimTo, "The budget, e.g. 200M")->required();
     trim->add_flag("--dry-run", dryRun, "Only say what would be deleted");
     trim->add_flag("--json", json, "JSON output");

@@ -208,10 +208,10 @@ std::shared_ptr<velacore::StandaloneHostServices> StartHost(DemoOptions& o) {
 std::string CheckBeforeStart(const DemoOptions& o, std::unique_ptr<std::ofstream>& report) {
     std::error_code ec;
     std::filesystem::create_directories(o.folder, ec);
-    if (ec) return "cannot create " + o.folder.string() + ": " + ec.message();
-    if (!std::filesystem::is_directory(o.folder, ec)) return o.folder.string() + ": not a folder";
+    if (ec) return "cannot create " + PathText(o.folder) + ": " + ec.message();
+    if (!std::filesystem::is_directory(o.folder, ec)) return PathText(o.folder) + ": not a folder";
     if (!o.reportSvg.empty()) {
-        report = std::make_unique<std::ofstream>(o.reportSvg);
+        report = std::make_unique<std::ofstream>(PathFromText(o.reportSvg));
         if (!*report) return "--report: cannot write " + o.reportSvg;
     }
     return {};
@@ -277,7 +277,7 @@ int RunDemo(DemoOptions o) {
         if (plugin) {
             result.statsComputed = plugin->Computed();
             result.statsRequests = plugin->Requests();
-            result.pluginPath = plugin->Path().string();
+            result.pluginPath = PathText(plugin->Path());
         }
         PrintSummary(o, result, *bag, host->AppVersion());
         if (report && !WriteSvgReport(o, result, host->AppVersion(), *report)) {

@@ -60,6 +60,10 @@ std::string PathText(const std::filesystem::path& path) {
     return std::string(text.begin(), text.end());
 }
 
+std::filesystem::path PathFromText(const std::string& utf8) {
+    return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
+}
+
 std::string AppVersionText(uint32_t version) {
     return Format("%u.%u (%u)", version >> 8, version & 0xFFu, version);
 }
@@ -166,7 +170,7 @@ nlohmann::json SummaryJson(const DemoOptions& o, const DemoResult& r, MC_Bag& ba
     const MC_PerformanceCounters pc = MC_GetPerformanceCounters();
     const MC_DiskPerformanceCounters dc = MC_GetDiskPerformanceCounters();
     nlohmann::json j;
-    j["folder"] = o.folder.string();
+    j["folder"] = PathText(o.folder);
     j["app_version"] = appVersion;
     j["app_version_text"] = AppVersionText(static_cast<uint32_t>(appVersion));
     j["frames"] = o.frames;

@@ -53,6 +53,8 @@ std::string Bytes(double bytes);
 
 // A path as UTF-8 text for messages (whatever the system's path encoding).
 std::string PathText(const std::filesystem::path& path);
+// A path from UTF-8 text (the tool's arguments are UTF-8 on every system).
+std::filesystem::path PathFromText(const std::string& utf8);
 // An application version as "1.0 (256)".
 std::string AppVersionText(uint32_t version);
 // The standalone host's application version (from the environment), as AppVersionText.

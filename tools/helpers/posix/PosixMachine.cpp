@@ -22,6 +22,17 @@ const char* SharedLibrarySuffix() {
     return ".so";
 }
 
+std::filesystem::path UserCacheFolder() {
+    if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg && *xdg == '/') return xdg;
+    if (const char* home = std::getenv("HOME"); home && *home)
+        return std::filesystem::path(home) / ".cache";
+    return {};
+}
+
+std::vector<std::string> Utf8Arguments(int argc, char** argv) {
+    return {argv, argv + argc};
+}
+
 bool SetProcessEnv(const char* name, const char* value) {
     return (value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name)) == 0;
 }

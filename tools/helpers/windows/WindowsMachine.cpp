@@ -1,11 +1,14 @@
-// Machine queries over GlobalMemoryStatusEx and GetModuleFileNameW.
+// Machine queries over GlobalMemoryStatusEx, GetModuleFileNameW and the UTF-16 command line.
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
+// after windows.h
+#include <shellapi.h>
 
 #include <cstdlib>
 #include <string>
 
 #include "helpers/Machine.h"
+#include "mc/host/TextConvert.h"
 
 namespace velacore {
 
@@ -32,6 +35,27 @@ std::filesystem::path ExecutablePath() {
 
 const char* SharedLibrarySuffix() {
     return ".dll";
+}
+
+std::filesystem::path UserCacheFolder() {
+    const wchar_t* local = ::_wgetenv(L"LOCALAPPDATA");
+    if (local == nullptr) return {};
+    std::filesystem::path folder(local);
+    return folder.is_absolute() ? folder : std::filesystem::path();
+}
+
+std::vector<std::string> Utf8Arguments(int argc, char** argv) {
+    int count = 0;
+    LPWSTR* wide = ::CommandLineToArgvW(::GetCommandLineW(), &count);
+    if (wide == nullptr || count != argc) {
+        if (wide != nullptr) ::LocalFree(wide);
+        return {argv, argv + argc};
+    }
+    std::vector<std::string> args;
+    for (int i = 0; i < count; ++i)
+        args.push_back(ToUtf8(std::u16string_view(reinterpret_cast<const char16_t*>(wide[i]))));
+    ::LocalFree(wide);
+    return args;
 }
 
 bool SetProcessEnv(const char* name, const char* value) {
