@@ -25,13 +25,6 @@ protected:
             ASSERT_EQ(Checkout(Params(first + i), 1, r.Out(), className), 0);
         }
     }
-    int64_t PurgeEverythingIdle() {
-        host().SetAmountToPurge(uint64_t{1} << 30);
-        const int64_t freed = bag_->FreeUpSomeMemory(0);
-        host().SetAmountToPurge(0);
-        return freed;
-    }
-    static constexpr int64_t kValueSize = sizeof(HistogramValue);
 };
 
 TEST_F(ComputePurge, PressureDisposesIdleValuesOnceAndNeverAHeldOne) {

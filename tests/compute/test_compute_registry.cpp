@@ -3,15 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ComputeFixture.h"
 #include "mc/MC_ComputeCache.h"
-
-using namespace computetest;
+#include "support/ModuleFixture.h"
 
 namespace {
 
@@ -31,6 +29,7 @@ void DisposeNothing(void*) {}
 
 constexpr ZKGP_ComputeCacheCallbacks kA{KeyA, ComputeNothing, SizeOne, DisposeNothing};
 constexpr ZKGP_ComputeCacheCallbacks kB{KeyB, ComputeNothing, SizeOne, DisposeNothing};
+constexpr int kBad = ZKGP_ComputeResult_BadParameter;
 
 // 'A', 'B' for a found record, '-' for none.
 char Find(const char* name) {
@@ -46,68 +45,79 @@ char Find(const char* name) {
     return out.GenerateKey == &KeyA ? 'A' : 'B';
 }
 
-class Registry : public mctest::ModuleTest {
-protected:
-    void TearDown() override {
-        for (const char* name : {"A", "Alpha", "alpha", "", "durable", "incomplete"}) {
-            MC_ComputeClassUnregister(name);
-        }
-        ModuleTest::TearDown();
-    }
-};
-
-TEST_F(Registry, RegisterFindAndUnregisterFollowTheRules) {
-    struct Step {
-        char op;  // 'r' register kA, 'R' register kB, 'u' unregister
-        const char* name;
-        const char* found;  // what Find gives afterwards for "A", "Alpha", "alpha", ""
-    };
-    const Step steps[] = {
-        {'u', "never registered", "----"},  // unknown names unregister fine
-        {'r', "A", "A---"},
-        {'R', "A", "A---"},  // the first registration wins
-        {'u', "A", "----"},
-        {'R', "A", "B---"},  // until it is unregistered
-        {'r', "Alpha", "BA--"},
-        {'R', "alpha", "BAB-"},
-        {'R', "", "BABB"},  // exact byte strings
-        {'u', "ALPHA", "BABB"},
-        {'u', "", "BAB-"},
-    };
-    for (const Step& s : steps) {
-        ZKGP_ComputeCacheCallbacks record = s.op == 'r' ? kA : kB;
-        const int r = s.op == 'u' ? MC_ComputeClassUnregister(s.name)
-                                  : MC_ComputeClassRegister(s.name, &record);
-        EXPECT_EQ(r, 0) << s.op << " " << s.name;
-        record.GenerateKey = nullptr;  // the registry kept its own copy
-        const std::string found{Find("A"), Find("Alpha"), Find("alpha"), Find("")};
-        EXPECT_EQ(found, s.found) << "after " << s.op << " '" << s.name << "'";
-    }
-    EXPECT_EQ(Find("Alph"), '-');
-
-    // Each missing callback, and null arguments, are refused with a verification report.
-    for (int missing = 0; missing < 4; ++missing) {
-        ZKGP_ComputeCacheCallbacks record = kA;
+// Registers a copy of `record` with callback `missing` (0..3) cleared; the copy is spoiled
+// afterwards, so the registry must have kept its own.
+std::function<int()> Reg(const char* name, ZKGP_ComputeCacheCallbacks record, int missing = -1) {
+    return [=]() mutable {
         void** slots[] = {reinterpret_cast<void**>(&record.GenerateKey),
                           reinterpret_cast<void**>(&record.Compute),
                           reinterpret_cast<void**>(&record.ApproximateSize),
                           reinterpret_cast<void**>(&record.DisposeValue)};
-        *slots[missing] = nullptr;
-        host().ClearRecords();
-        EXPECT_EQ(MC_ComputeClassRegister("incomplete", &record), ZKGP_ComputeResult_BadParameter);
-        EXPECT_EQ(
-            host().FailedVerifications(),
-            std::vector<std::string>{"ZKGP_MCComputeClassRegister: Missing required callback"});
+        if (missing >= 0) *slots[missing] = nullptr;
+        const int r = MC_ComputeClassRegister(name, &record);
+        record.GenerateKey = nullptr;
+        return r;
+    };
+}
+std::function<int()> Unreg(const char* name) {
+    return [=] { return MC_ComputeClassUnregister(name); };
+}
+
+class Registry : public mctest::ModuleTest {
+protected:
+    void TearDown() override {
+        for (const char* name : {"A", "Alpha", "alpha", "", "x", "durable"})
+            MC_ComputeClassUnregister(name);
+        ModuleTest::TearDown();
     }
-    EXPECT_EQ(Find("incomplete"), '-');
-    host().ClearRecords();
+};
+
+TEST_F(Registry, Rules) {
+    const std::string missing = "ZKGP_MCComputeClassRegister: Missing required callback";
     ZKGP_ComputeCacheCallbacks out{};
-    EXPECT_EQ(MC_ComputeClassRegister(nullptr, &kA), ZKGP_ComputeResult_BadParameter);
-    EXPECT_EQ(MC_ComputeClassRegister("x", nullptr), ZKGP_ComputeResult_BadParameter);
-    EXPECT_EQ(MC_ComputeClassFind(nullptr, &out), ZKGP_ComputeResult_BadParameter);
-    EXPECT_EQ(MC_ComputeClassFind("x", nullptr), ZKGP_ComputeResult_BadParameter);
-    EXPECT_EQ(MC_ComputeClassUnregister(nullptr), ZKGP_ComputeResult_BadParameter);
-    EXPECT_EQ(host().FailedVerifications().size(), 5u);
+    struct Row {
+        const char* what;
+        std::function<int()> call;
+        int result;
+        const char* found;   // Find for "A", "Alph", "Alpha", "alpha", "", "x" afterwards
+        std::string report;  // the one verification report, or none
+    };
+    const Row rows[] = {
+        {"unknown names unregister fine", Unreg("never"), 0, "------", ""},
+        {"register", Reg("A", kA), 0, "A-----", ""},
+        {"the first registration wins", Reg("A", kB), 0, "A-----", ""},
+        {"unregister", Unreg("A"), 0, "------", ""},
+        {"a new registration after that", Reg("A", kB), 0, "B-----", ""},
+        {"names are exact byte strings", Reg("Alpha", kA), 0, "B-A---", ""},
+        {"case matters", Reg("alpha", kB), 0, "B-AB--", ""},
+        {"the empty name", Reg("", kB), 0, "B-ABB-", ""},
+        {"no case-folding on unregister", Unreg("ALPHA"), 0, "B-ABB-", ""},
+        {"unregister the empty name", Unreg(""), 0, "B-AB--", ""},
+        {"no GenerateKey", Reg("x", kA, 0), kBad, "B-AB--", missing},
+        {"no Compute", Reg("x", kA, 1), kBad, "B-AB--", missing},
+        {"no ApproximateSize", Reg("x", kA, 2), kBad, "B-AB--", missing},
+        {"no DisposeValue", Reg("x", kA, 3), kBad, "B-AB--", missing},
+        {"null name", Reg(nullptr, kA), kBad, "B-AB--", "*"},
+        {"null record", [] { return MC_ComputeClassRegister("x", nullptr); }, kBad, "B-AB--", "*"},
+        {"find: null name", [&] { return MC_ComputeClassFind(nullptr, &out); }, kBad, "B-AB--",
+         "*"},
+        {"find: null output", [] { return MC_ComputeClassFind("x", nullptr); }, kBad, "B-AB--",
+         "*"},
+        {"unregister: null name", Unreg(nullptr), kBad, "B-AB--", "*"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        host().ClearRecords();
+        EXPECT_EQ(row.call(), row.result);
+        const std::string found{Find("A"),     Find("Alph"), Find("Alpha"),
+                                Find("alpha"), Find(""),     Find("x")};
+        EXPECT_EQ(found, row.found);
+        const auto reports = host().FailedVerifications();
+        EXPECT_EQ(reports.size(), row.report.empty() ? 0u : 1u);
+        if (!row.report.empty() && row.report != "*" && !reports.empty()) {
+            EXPECT_EQ(reports[0], row.report);
+        }
+    }
 
     // Classes outlive the module.
     ASSERT_EQ(MC_ComputeClassRegister("durable", &kA), 0);
@@ -131,18 +141,13 @@ TEST_F(Registry, ConcurrentUseSeesWholeRecordsOnly) {
                 const ZKGP_ComputeCacheCallbacks& mine = n % 2 == 0 ? kA : kB;
                 ZKGP_ComputeCacheCallbacks out{};
                 int r = 0;
-                switch ((i + t) % 3) {
-                    case 0:
-                        r = MC_ComputeClassRegister(name.c_str(), &mine);
-                        break;
-                    case 1:
-                        r = MC_ComputeClassUnregister(name.c_str());
-                        break;
-                    default:
-                        r = MC_ComputeClassFind(name.c_str(), &out);
-                        if (r == 0 && (out.GenerateKey != mine.GenerateKey || !out.DisposeValue))
-                            torn.fetch_add(1);
-                        if (r == ZKGP_ComputeResult_NoSuchClass) r = 0;
+                if ((i + t) % 3 == 0) r = MC_ComputeClassRegister(name.c_str(), &mine);
+                if ((i + t) % 3 == 1) r = MC_ComputeClassUnregister(name.c_str());
+                if ((i + t) % 3 == 2) {
+                    r = MC_ComputeClassFind(name.c_str(), &out);
+                    if (r == 0 && (out.GenerateKey != mine.GenerateKey || !out.DisposeValue))
+                        torn.fetch_add(1);
+                    if (r == ZKGP_ComputeResult_NoSuchClass) r = 0;
                 }
                 if (r != 0) failures.fetch_add(1);
             }
