@@ -128,7 +128,10 @@ TEST_F(BudgetTest, DeathWhilePurgingLeavesNothingBehind) {
     EXPECT_EQ(Manager().EntryCount(), 0u);
     EXPECT_EQ(Manager().GetRegisteredBytes(), 0u);
     for (const auto& stuff : items) EXPECT_TRUE(stuff->GetBag().expired());
+    EXPECT_EQ(MC_GetMediaMapSize(), 0u);
     MC_Birth(true, kAppVersion, false);  // TearDown stops and kills it again
+    bag_ = MC_GlobalBag();
+    EXPECT_EQ(AddItem(9, 10)->GetMediaMapID(), 1u);  // a new map numbers from one
 }
 
 }  // namespace
