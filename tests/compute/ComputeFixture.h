@@ -11,10 +11,10 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <thread>
 
 #include "HistogramPlugin.h"
 #include "compute/ComputeReceipts.h"
-#include "host/WaitUntil.h"
 #include "mc/MC_ComputeCache.h"
 #include "mc/MC_ScCheckout.h"
 #include "support/ModuleFixture.h"
@@ -22,7 +22,15 @@
 
 namespace computetest {
 
-using hosttest::WaitUntil;
+// Polls `done` until it holds; false after 50 s.
+template <class F>
+bool WaitUntil(F done) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(50);
+    while (!done())
+        if (std::chrono::steady_clock::now() > end) return false;
+        else std::this_thread::yield();
+    return true;
+}
 
 // The histogram plug-in's exported functions, resolved once per process.
 struct HistogramPlugin {
@@ -42,15 +50,14 @@ struct HistogramPlugin {
     static const HistogramPlugin& Get() {
         static const HistogramPlugin plugin = [] {
             const mctest::PluginLoader& l = Loader();
-            return HistogramPlugin{
-                l.Require<HistPluginShutdownFunc>("HistPlugin_Shutdown"),
-                l.Require<HistPluginUnregisterFunc>("HistPlugin_Unregister"),
-                l.Require<HistPluginCheckoutFunc>("HistPlugin_Checkout"),
-                l.Require<HistPluginGetValueFunc>("HistPlugin_GetValue"),
-                l.Require<HistPluginCheckinFunc>("HistPlugin_Checkin"),
-                l.Require<HistPluginComputeDirectFunc>("HistPlugin_ComputeDirect"),
-                l.Require<HistPluginSetComputeHookFunc>("HistPlugin_SetComputeHook"),
-                l.Require<HistPluginGetCountersFunc>("HistPlugin_GetCounters")};
+            return HistogramPlugin{l.Require<HistPluginShutdownFunc>("HistPlugin_Shutdown"),
+                                   l.Require<HistPluginUnregisterFunc>("HistPlugin_Unregister"),
+                                   l.Require<HistPluginCheckoutFunc>("HistPlugin_Checkout"),
+                                   l.Require<HistPluginGetValueFunc>("HistPlugin_GetValue"),
+                                   l.Require<HistPluginCheckinFunc>("HistPlugin_Checkin"),
+                                   l.Require<HistPluginComputeDirectFunc>("HistPlugin_ComputeDirect"),
+                                   l.Require<HistPluginSetComputeHookFunc>("HistPlugin_SetComputeHook"),
+                                   l.Require<HistPluginGetCountersFunc>("HistPlugin_GetCounters")};
         }();
         return plugin;
     }

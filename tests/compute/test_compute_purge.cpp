@@ -88,32 +88,4 @@ TEST_F(ComputePurge, ValuesOutliveTheirClassAndDieWithTheModule) {
     EXPECT_EQ(Delta().disposes, 5) << "disposed through the stored callbacks";
 }
 
-// MC_SP_Birth publishes the suite under name and version 1.1; PluginMain finds it through the
-// host and registers both classes; a host that refuses the suite makes birth throw its code.
-class ComputeSuite : public mctest::ModuleTest {};
-
-TEST_F(ComputeSuite, PublishedOnceAndFoundByThePlugin) {
-    const auto acquire = [](int32_t major, int32_t minor) {
-        const void* table = nullptr;
-        return U_SP_AcquireSuite("ZKGP Compute Cache", major, minor, &table) == 0 ? table : nullptr;
-    };
-    EXPECT_EQ(acquire(1, 1), nullptr);
-    EXPECT_EQ(HistogramPlugin::Loader().CallMain(), velacore::kStandaloneGenericError);
-    MC_SP_Birth();
-    auto* suite = static_cast<const ZKGP_ComputeCacheSuite1*>(acquire(1, 1));
-    ASSERT_NE(suite, nullptr);
-    EXPECT_EQ(suite->ClassRegister, &MC_ComputeClassRegister);
-    EXPECT_EQ(acquire(1, 2), nullptr);
-    EXPECT_EQ(acquire(2, 1), nullptr);
-    int code = 0;
-    try {
-        MC_SP_Birth();  // the registry refuses the same name and version twice
-    } catch (int thrown) {
-        code = thrown;
-    }
-    EXPECT_EQ(code, velacore::kStandaloneDuplicateError);
-    ASSERT_EQ(HistogramPlugin::Loader().CallMain(), 0);
-    EXPECT_EQ(HistogramPlugin::Get().shutdown(), 0);
-}
-
 }  // namespace

@@ -74,7 +74,6 @@ protected:
 
 TEST_F(Registry, Rules) {
     const std::string missing = "ZKGP_MCComputeClassRegister: Missing required callback";
-    ZKGP_ComputeCacheCallbacks out{};
     struct Row {
         const char* what;
         std::function<int()> call;
@@ -97,13 +96,6 @@ TEST_F(Registry, Rules) {
         {"no Compute", Reg("x", kA, 1), kBad, "B-AB--", missing},
         {"no ApproximateSize", Reg("x", kA, 2), kBad, "B-AB--", missing},
         {"no DisposeValue", Reg("x", kA, 3), kBad, "B-AB--", missing},
-        {"null name", Reg(nullptr, kA), kBad, "B-AB--", "*"},
-        {"null record", [] { return MC_ComputeClassRegister("x", nullptr); }, kBad, "B-AB--", "*"},
-        {"find: null name", [&] { return MC_ComputeClassFind(nullptr, &out); }, kBad, "B-AB--",
-         "*"},
-        {"find: null output", [] { return MC_ComputeClassFind("x", nullptr); }, kBad, "B-AB--",
-         "*"},
-        {"unregister: null name", Unreg(nullptr), kBad, "B-AB--", "*"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
@@ -114,7 +106,7 @@ TEST_F(Registry, Rules) {
         EXPECT_EQ(found, row.found);
         const auto reports = host().FailedVerifications();
         EXPECT_EQ(reports.size(), row.report.empty() ? 0u : 1u);
-        if (!row.report.empty() && row.report != "*" && !reports.empty()) {
+        if (!row.report.empty() && !reports.empty()) {
             EXPECT_EQ(reports[0], row.report);
         }
     }
