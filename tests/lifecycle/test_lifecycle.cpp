@@ -54,36 +54,4 @@ TEST_F(Lifecycle, SizesFollowTheHostsLimits) {
     EXPECT_THROW(MC_IsGlobalBagSizeAboveMinimum(), int);
 }
 
-TEST_F(Lifecycle, DebugEntriesAreReadOnceAndParsedStrictly) {
-    EXPECT_TRUE(mc_settings::UseMediaMap());
-    host().SetDebugEntry("MC.UseMediaMap1", "false");
-    host().SetDebugEntry("ZK.MC.LowPriorityFactorR", "3.5");
-    host().SetDebugEntry("ZK.MC.ReadDiskDelayInMsR", "2147483648");  // overflows: default
-    host().SetDebugEntry("ZK.MC.WriteDiskDelayInMsR", "12");
-    EXPECT_TRUE(mc_settings::UseMediaMap());  // nothing changes until read again
-    mc_settings::ResetForTesting();
-    EXPECT_FALSE(mc_settings::UseMediaMap());
-    EXPECT_DOUBLE_EQ(mc_settings::LowPriorityFactor(), 3.5);
-    EXPECT_EQ(mc_settings::ReadDiskDelayMs(), 0);
-    EXPECT_EQ(mc_settings::WriteDiskDelayMs(), 12);
-    EXPECT_EQ(mc_settings::ParseInt32("2147483647"), 2147483647);
-    for (const char* bad : {"", "12ms", "-3"}) EXPECT_FALSE(mc_settings::ParseInt32(bad));
-}
-
-class QuilletOnLifecycle : public ModuleTest {
-protected:
-    void ConfigureHost(RecordingHostServices& h) override {
-        h.SetFeatureEnabled("Graphics.SetMCCacheLimitForQuillets", true);
-    }
-    bool Interactive() const override { return true; }
-    bool QuilletMode() const override { return true; }
-};
-
-TEST_F(QuilletOnLifecycle, FeatureAndQuilletModeSkipMemoryLimitsAndTheMediaMap) {
-    host().SetMemUsageLimits(0, 0, /*result=*/-7);  // would throw if asked
-    EXPECT_TRUE(MC_IsSetMCCacheLimitForQuilletsEnabled());
-    EXPECT_TRUE(MC_IsGlobalBagSizeAboveMinimum());
-    EXPECT_EQ(MC_GetMediaMapSize(), 0u);
-}
-
 }  // namespace
