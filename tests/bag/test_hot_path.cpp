@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/WaitUntil.h"
+#include "bag/Eventually.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/host/MultiTenantRecursiveMutex.h"
 #include "support/ModuleFixture.h"
@@ -32,7 +32,7 @@ TEST(ItemLockFastPath, WaitingWriterIsWokenAndQueuesLaterReaders) {
             lateReaderBeforeWriter.store(lateReaderIn.load());
             m.UnlockWrite();
         });
-        ASSERT_TRUE(hosttest::WaitUntil([&] { return m.HasWaitingWriter(); }));
+        ASSERT_TRUE(mctest::Eventually([&] { return m.HasWaitingWriter(); }));
         m.LockRead();  // re-entry is granted while the writer waits
         EXPECT_TRUE(m.IsReadLockedByCurrentThread());
         EXPECT_THROW(m.LockUpgrade(), std::logic_error);

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "bag/MC_SortDir.h"
-#include "host/WaitUntil.h"
+#include "bag/Eventually.h"
 #include "mc/MC_ScCheckout.h"
 #include "support/ModuleFixture.h"
 #include "support/TestPayload.h"
@@ -93,7 +93,7 @@ TEST_F(SortDir, OneRendersTheOthersWaitForItsPayload) {
                                     MC_CheckoutFlag_WaitIfPendingUnlessLocked);
             if (r == MC_CheckoutResult_CreatedNewPending) {
                 renders.fetch_add(1);
-                EXPECT_TRUE(hosttest::WaitUntil(
+                EXPECT_TRUE(mctest::Eventually(
                     [&] { return counters().pendingWaits - waits == kThreads - 1; }));
                 receipt.GetStuffPtr()->SetStuffDataFromPendingRender(
                     IntrusivePtr<MC_StuffData>(new TestPayload(5, 64)), 0.03);

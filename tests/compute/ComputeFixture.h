@@ -11,9 +11,9 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
-#include <thread>
 
 #include "HistogramPlugin.h"
+#include "bag/Eventually.h"
 #include "compute/ComputeReceipts.h"
 #include "mc/MC_ComputeCache.h"
 #include "mc/MC_ScCheckout.h"
@@ -21,16 +21,6 @@
 #include "support/PluginLoader.h"
 
 namespace computetest {
-
-// Polls `done` until it holds; false after 50 s.
-template <class F>
-bool WaitUntil(F done) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(50);
-    while (!done())
-        if (std::chrono::steady_clock::now() > end) return false;
-        else std::this_thread::yield();
-    return true;
-}
 
 // The histogram plug-in's exported functions, resolved once per process.
 struct HistogramPlugin {

@@ -46,7 +46,7 @@ TEST_F(ComputeConcurrency, EightThreadsWaitingForTheSameValueComputeItOnce) {
         });
     }
     ASSERT_TRUE(hook_.WaitForEntered(1));
-    ASSERT_TRUE(WaitUntil([&] { return PendingWaitsSinceStart() >= kThreads - 1; }));
+    ASSERT_TRUE(mctest::Eventually([&] { return PendingWaitsSinceStart() >= kThreads - 1; }));
     ZKGP_ComputeReceipt receipt = nullptr;
     EXPECT_EQ(Checkout(p, 1, &receipt), ZKGP_ComputeResult_NotAvailable);
     EXPECT_EQ(Checkout(p, 0, &receipt), ZKGP_ComputeResult_NotAvailable);
@@ -74,7 +74,7 @@ TEST_F(ComputeConcurrency, WaitersAreReleasedWhenTheComputationFails) {
     std::thread first([&] { creator = Checkout(p, 2, &creatorReceipt); });
     ASSERT_TRUE(hook_.WaitForEntered(1));
     std::thread second([&] { waiter = Checkout(p, 2, &waiterReceipt); });
-    ASSERT_TRUE(WaitUntil([&] { return PendingWaitsSinceStart() >= 1; }));
+    ASSERT_TRUE(mctest::Eventually([&] { return PendingWaitsSinceStart() >= 1; }));
     hook_.Release();
     first.join();
     second.join();

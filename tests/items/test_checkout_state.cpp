@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/WaitUntil.h"
+#include "bag/Eventually.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/MC_Stuff.h"
 #include "support/ModuleFixture.h"
@@ -55,7 +55,7 @@ TEST_F(CheckoutState, PendingRenderReleasesEveryWaiterOnce) {
         });
     }
     // All six count their wait before blocking; nobody is released before the render.
-    ASSERT_TRUE(hosttest::WaitUntil([&] { return counters().pendingWaits - waitsBefore == 6; }));
+    ASSERT_TRUE(mctest::Eventually([&] { return counters().pendingWaits - waitsBefore == 6; }));
     EXPECT_EQ(released.load(), 0);
     stuff->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(new TestPayload(7, 100)), 2.0);
     for (auto& t : waiters) t.join();

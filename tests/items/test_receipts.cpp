@@ -5,7 +5,7 @@
 #include <atomic>
 #include <thread>
 
-#include "host/WaitUntil.h"
+#include "bag/Eventually.h"
 #include "mc/MC_ScCheckout.h"
 #include "support/ModuleFixture.h"
 #include "support/TestPayload.h"
@@ -151,7 +151,7 @@ TEST_F(Receipts, AbandonedPendingRenderWakesWaitersAndLeavesTheBag) {
             waiterDone.store(true);
         });
         // The waiter counts its wait before it blocks: from here on it is blocked.
-        EXPECT_TRUE(hosttest::WaitUntil([&] { return counters().pendingWaits == waits + 1; }));
+        EXPECT_TRUE(mctest::Eventually([&] { return counters().pendingWaits == waits + 1; }));
         EXPECT_FALSE(waiterDone.load());
     }  // the receipt dies before anything was rendered
     waiter.join();
