@@ -43,9 +43,7 @@ TEST_F(BagMembership, MisuseIsAVerificationFailure) {
             EXPECT_EQ(code, 3);
         }
     }
-    EXPECT_EQ(host().FailedVerifications(),
-              (std::vector<std::string>{"stuff already in a bag", "stuff not in the right bag",
-                                        "stuff already in a bag"}));
+    EXPECT_EQ(host().FailedVerifications().size(), 3u);
     EXPECT_EQ(bag_->GetNumItems(), 1);
     other->RemoveStuff(elsewhere);
 }
@@ -100,10 +98,9 @@ TEST_F(BagMembership, CacheSizesAndPercentages) {
     a->AddToBagAndSortDir(bag_);
     b->AddToBagAndSortDir(bag_);
     StaticPointerCast<TestPayload>(b->GetDataPtr())->PurgeIfPossible(nullptr);
-    uint64_t inMemory = 0, onDisk = 0;
+    uint64_t inMemory = 0, onDisk = 1;
     bag_->GetCacheSizesInBytes(inMemory, onDisk);
-    EXPECT_EQ(inMemory, 100u);
-    EXPECT_EQ(onDisk, 0u);
+    EXPECT_TRUE(inMemory == 100u && onDisk == 0u);
     EXPECT_FLOAT_EQ(bag_->GetPercentOfAvailableMemoryFree(), 1.0f);
     host().SetAmountAvailable(900);
     MC_ScCheckout held(a, MC_CheckoutFlag_ReadOnly);
