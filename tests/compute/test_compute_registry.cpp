@@ -13,36 +13,22 @@
 
 namespace {
 
-int KeyA(const void*, ZKGP_GUID*) {
-    return 0;
-}
-int KeyB(const void*, ZKGP_GUID*) {
-    return 1;
-}
-int ComputeNothing(const void*, void**) {
-    return 42;
-}
-uint64_t SizeOne(const void*) {
-    return 1;
-}
-void DisposeNothing(void*) {}
+constexpr ZKGP_ComputeCacheCallbacks kA{[](const void*, ZKGP_GUID*) { return 0; },
+                                        [](const void*, void**) { return 42; },
+                                        [](const void*) -> uint64_t { return 1; }, [](void*) {}};
+constexpr ZKGP_ComputeCacheCallbacks kB{[](const void*, ZKGP_GUID*) { return 1; }, kA.Compute,
+                                        kA.ApproximateSize, kA.DisposeValue};
 
-constexpr ZKGP_ComputeCacheCallbacks kA{KeyA, ComputeNothing, SizeOne, DisposeNothing};
-constexpr ZKGP_ComputeCacheCallbacks kB{KeyB, ComputeNothing, SizeOne, DisposeNothing};
-constexpr int kBad = ZKGP_ComputeResult_BadParameter;
-
-// 'A', 'B' for a found record, '-' for none.
+// 'A', 'B' for a found record, '-' for none; a failed find leaves its output alone.
 char Find(const char* name) {
     ZKGP_ComputeCacheCallbacks out = kB;
     const int r = MC_ComputeClassFind(name, &out);
     if (r != 0) {
-        EXPECT_EQ(r, ZKGP_ComputeResult_NoSuchClass);
-        EXPECT_EQ(out.GenerateKey, &KeyB) << "a failed find wrote its output";
+        EXPECT_TRUE(r == ZKGP_ComputeResult_NoSuchClass && out.GenerateKey == kB.GenerateKey);
         return '-';
     }
-    EXPECT_TRUE(out.Compute == ComputeNothing && out.ApproximateSize == SizeOne &&
-                out.DisposeValue == DisposeNothing);
-    return out.GenerateKey == &KeyA ? 'A' : 'B';
+    EXPECT_TRUE(out.Compute == kA.Compute && out.DisposeValue == kA.DisposeValue);
+    return out.GenerateKey == kA.GenerateKey ? 'A' : 'B';
 }
 
 // Registers a copy of `record` with callback `missing` (0..3) cleared; the copy is spoiled
@@ -73,29 +59,27 @@ protected:
 };
 
 TEST_F(Registry, Rules) {
-    const std::string missing = "ZKGP_MCComputeClassRegister: Missing required callback";
+    constexpr int kBad = ZKGP_ComputeResult_BadParameter;
     struct Row {
         const char* what;
         std::function<int()> call;
         int result;
-        const char* found;   // Find for "A", "Alph", "Alpha", "alpha", "", "x" afterwards
-        std::string report;  // the one verification report, or none
+        const char* found;  // Find for "A", "Alph", "Alpha", "alpha", "", "x" afterwards
     };
     const Row rows[] = {
-        {"unknown names unregister fine", Unreg("never"), 0, "------", ""},
-        {"register", Reg("A", kA), 0, "A-----", ""},
-        {"the first registration wins", Reg("A", kB), 0, "A-----", ""},
-        {"unregister", Unreg("A"), 0, "------", ""},
-        {"a new registration after that", Reg("A", kB), 0, "B-----", ""},
-        {"names are exact byte strings", Reg("Alpha", kA), 0, "B-A---", ""},
-        {"case matters", Reg("alpha", kB), 0, "B-AB--", ""},
-        {"the empty name", Reg("", kB), 0, "B-ABB-", ""},
-        {"no case-folding on unregister", Unreg("ALPHA"), 0, "B-ABB-", ""},
-        {"unregister the empty name", Unreg(""), 0, "B-AB--", ""},
-        {"no GenerateKey", Reg("x", kA, 0), kBad, "B-AB--", missing},
-        {"no Compute", Reg("x", kA, 1), kBad, "B-AB--", missing},
-        {"no ApproximateSize", Reg("x", kA, 2), kBad, "B-AB--", missing},
-        {"no DisposeValue", Reg("x", kA, 3), kBad, "B-AB--", missing},
+        {"register", Reg("A", kA), 0, "A-----"},
+        {"the first registration wins", Reg("A", kB), 0, "A-----"},
+        {"unregister", Unreg("A"), 0, "------"},
+        {"a new registration after that", Reg("A", kB), 0, "B-----"},
+        {"names are exact byte strings", Reg("Alpha", kA), 0, "B-A---"},
+        {"case matters", Reg("alpha", kB), 0, "B-AB--"},
+        {"the empty name", Reg("", kB), 0, "B-ABB-"},
+        {"no case-folding on unregister", Unreg("ALPHA"), 0, "B-ABB-"},
+        {"unregister the empty name", Unreg(""), 0, "B-AB--"},
+        {"no GenerateKey", Reg("x", kA, 0), kBad, "B-AB--"},
+        {"no Compute", Reg("x", kA, 1), kBad, "B-AB--"},
+        {"no ApproximateSize", Reg("x", kA, 2), kBad, "B-AB--"},
+        {"no DisposeValue", Reg("x", kA, 3), kBad, "B-AB--"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
@@ -104,18 +88,13 @@ TEST_F(Registry, Rules) {
         const std::string found{Find("A"),     Find("Alph"), Find("Alpha"),
                                 Find("alpha"), Find(""),     Find("x")};
         EXPECT_EQ(found, row.found);
-        const auto reports = host().FailedVerifications();
-        EXPECT_EQ(reports.size(), row.report.empty() ? 0u : 1u);
-        if (!row.report.empty() && !reports.empty()) {
-            EXPECT_EQ(reports[0], row.report);
-        }
+        EXPECT_EQ(host().FailedVerifications().size(), row.result == 0 ? 0u : 1u);
     }
 
     // Classes outlive the module.
     ASSERT_EQ(MC_ComputeClassRegister("durable", &kA), 0);
     MC_StopAllAsyncWork();
     MC_Death();
-    EXPECT_EQ(Find("durable"), 'A');
     MC_Birth(false, kAppVersion, false);
     EXPECT_EQ(Find("durable"), 'A');
 }
@@ -123,7 +102,7 @@ TEST_F(Registry, Rules) {
 // Registrations, unregistrations and lookups from many threads at once: each lookup sees either
 // nothing or exactly the record its name was registered with.
 TEST_F(Registry, ConcurrentUseSeesWholeRecordsOnly) {
-    std::atomic<int> torn{0}, failures{0};
+    std::atomic<int> bad{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
@@ -137,18 +116,16 @@ TEST_F(Registry, ConcurrentUseSeesWholeRecordsOnly) {
                 if ((i + t) % 3 == 1) r = MC_ComputeClassUnregister(name.c_str());
                 if ((i + t) % 3 == 2) {
                     r = MC_ComputeClassFind(name.c_str(), &out);
-                    if (r == 0 && (out.GenerateKey != mine.GenerateKey || !out.DisposeValue))
-                        torn.fetch_add(1);
+                    if (r == 0 && (out.GenerateKey != mine.GenerateKey || !out.DisposeValue)) r = 1;
                     if (r == ZKGP_ComputeResult_NoSuchClass) r = 0;
                 }
-                if (r != 0) failures.fetch_add(1);
+                if (r != 0) bad.fetch_add(1);
             }
         });
     }
     for (auto& th : threads) th.join();
     for (int n = 0; n < 12; ++n) MC_ComputeClassUnregister(("busy-" + std::to_string(n)).c_str());
-    EXPECT_EQ(torn.load(), 0);
-    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(bad.load(), 0);
 }
 
 }  // namespace
