@@ -173,7 +173,6 @@ protected:
     static IntrusivePtr<MC_Stuff> ItemOf(ZKGP_ComputeReceipt receipt) {
         return reinterpret_cast<MC_ScCheckout*>(receipt)->GetStuffPtr();
     }
-    uint64_t ReceiptBytes() { return host().AllocatedBytes("ZKGP_MCComputeReceipt"); }
     int64_t PurgeEverythingIdle() {
         host().SetAmountToPurge(uint64_t{1} << 30);
         const int64_t freed = bag_->FreeUpSomeMemory(0);
