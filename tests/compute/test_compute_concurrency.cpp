@@ -65,6 +65,8 @@ TEST_F(ComputeConcurrency, EightThreadsWaitingForTheSameValueComputeItOnce) {
     for (ZKGP_ComputeReceipt r : receipts) EXPECT_EQ(plugin().checkin(r), 0);
 }
 
+// A failed computation returns its code, leaves nothing behind and releases its waiter; a later
+// call computes again.
 TEST_F(ComputeConcurrency, WaitersAreReleasedWhenTheComputationFails) {
     const HistogramParams p = Params(102);
     hook_.Hold();
