@@ -41,8 +41,7 @@ private:
 };
 
 IntrusivePtr<MC_Stuff> Request(uint32_t number) {
-    IntrusivePtr<MC_Stuff> r =
-        MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new Frame(0)), 0);
+    IntrusivePtr<MC_Stuff> r = MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new Frame(0)), 0);
     velacore::Guid::Bytes b{};
     std::memcpy(b.data(), &number, sizeof number);
     r->SetGuid(velacore::Guid(b));

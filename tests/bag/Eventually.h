@@ -10,9 +10,10 @@ namespace mctest {
 template <class F>
 bool Eventually(F done) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(50);
-    while (!done())
+    while (!done()) {
         if (std::chrono::steady_clock::now() > end) return false;
-        else std::this_thread::yield();
+        std::this_thread::yield();
+    }
     return true;
 }
 

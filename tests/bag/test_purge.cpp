@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "bag/MC_SortDir.h"
 #include "bag/Eventually.h"
+#include "bag/MC_SortDir.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/MCp_ScLock.h"
 #include "mc/standalone/StandaloneHost.h"

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "bag/MC_SortDir.h"
 #include "bag/Eventually.h"
+#include "bag/MC_SortDir.h"
 #include "mc/MC_ScCheckout.h"
 #include "support/ModuleFixture.h"
 #include "support/TestPayload.h"

@@ -40,14 +40,15 @@ struct HistogramPlugin {
     static const HistogramPlugin& Get() {
         static const HistogramPlugin plugin = [] {
             const mctest::PluginLoader& l = Loader();
-            return HistogramPlugin{l.Require<HistPluginShutdownFunc>("HistPlugin_Shutdown"),
-                                   l.Require<HistPluginUnregisterFunc>("HistPlugin_Unregister"),
-                                   l.Require<HistPluginCheckoutFunc>("HistPlugin_Checkout"),
-                                   l.Require<HistPluginGetValueFunc>("HistPlugin_GetValue"),
-                                   l.Require<HistPluginCheckinFunc>("HistPlugin_Checkin"),
-                                   l.Require<HistPluginComputeDirectFunc>("HistPlugin_ComputeDirect"),
-                                   l.Require<HistPluginSetComputeHookFunc>("HistPlugin_SetComputeHook"),
-                                   l.Require<HistPluginGetCountersFunc>("HistPlugin_GetCounters")};
+            return HistogramPlugin{
+                l.Require<HistPluginShutdownFunc>("HistPlugin_Shutdown"),
+                l.Require<HistPluginUnregisterFunc>("HistPlugin_Unregister"),
+                l.Require<HistPluginCheckoutFunc>("HistPlugin_Checkout"),
+                l.Require<HistPluginGetValueFunc>("HistPlugin_GetValue"),
+                l.Require<HistPluginCheckinFunc>("HistPlugin_Checkin"),
+                l.Require<HistPluginComputeDirectFunc>("HistPlugin_ComputeDirect"),
+                l.Require<HistPluginSetComputeHookFunc>("HistPlugin_SetComputeHook"),
+                l.Require<HistPluginGetCountersFunc>("HistPlugin_GetCounters")};
         }();
         return plugin;
     }

@@ -1,6 +1,6 @@
-// Helpers for the media map tests: a real StandaloneMediaManager that records what it forgets, and a fixture that starts the module with the
-// mirror on over that manager.
-// Thread-safety: the recorder may be called from any thread; the fixture belongs to the test.
+// Helpers for the media map tests: a real StandaloneMediaManager that records what it forgets, and
+// a fixture that starts the module with the mirror on over that manager. Thread-safety: the
+// recorder may be called from any thread; the fixture belongs to the test.
 #pragma once
 
 #include <gtest/gtest.h>
