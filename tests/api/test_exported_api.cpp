@@ -22,17 +22,10 @@ void UseStandaloneHost() {
 #endif
 }
 
+// A frame of pixels; its number lives in its guid.
 class Frame : public MC_StuffData {
 public:
-    Frame(uint32_t number, uint32_t bytes) : number_(number), pixels_(bytes, 0x7F) {}
-    uint32_t Number() const { return number_; }
-    bool IdenticalRequest(IntrusivePtr<MC_StuffData> request) const override {
-        auto* other = dynamic_cast<Frame*>(request.get());
-        return other && other->number_ == number_;
-    }
-    bool CanSatisfyRequest(IntrusivePtr<MC_StuffData> request) const override {
-        return IdenticalRequest(request);
-    }
+    explicit Frame(uint32_t bytes) : pixels_(bytes, 0x7F) {}
     uint32_t GetApproximateMemorySize() const override {
         return static_cast<uint32_t>(pixels_.size());
     }
@@ -44,21 +37,24 @@ public:
     bool IsInMemory() const override { return !pixels_.empty(); }
 
 private:
-    uint32_t number_;
     std::vector<uint8_t> pixels_;
 };
 
-velacore::Guid FrameGuid(uint32_t number) {
+IntrusivePtr<MC_Stuff> Request(uint32_t number) {
+    IntrusivePtr<MC_Stuff> r = MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new Frame(0)), 0);
     velacore::Guid::Bytes b{};
     std::memcpy(b.data(), &number, sizeof number);
-    return velacore::Guid(b);
+    r->SetGuid(velacore::Guid(b));
+    return r;
 }
 
-IntrusivePtr<MC_Stuff> Request(uint32_t number) {
-    IntrusivePtr<MC_Stuff> r =
-        MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new Frame(number, 0)), 0);
-    r->SetGuid(FrameGuid(number));
-    return r;
+// A miss creates a pending item; the render's payload is checked in with it.
+void Render(uint32_t number, IntrusivePtr<MC_StuffData> data) {
+    MC_ScCheckout receipt;
+    ASSERT_EQ(receipt.FindAndCheckout(Request(number),
+                                      MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
+              MC_CheckoutResult_CreatedNewPending);
+    receipt.GetStuffPtr()->SetStuffDataFromPendingRender(std::move(data), 0.25);
 }
 
 TEST(ExportedApi, FindRenderCheckInAndHitAgain) {
@@ -66,14 +62,7 @@ TEST(ExportedApi, FindRenderCheckInAndHitAgain) {
     MC_Birth(false, 1, false);
     std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
     ASSERT_TRUE(bag);
-    {
-        MC_ScCheckout receipt;
-        ASSERT_EQ(receipt.FindAndCheckout(Request(3),
-                                          MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
-                  MC_CheckoutResult_CreatedNewPending);
-        receipt.GetStuffPtr()->SetStuffDataFromPendingRender(
-            IntrusivePtr<MC_StuffData>(new Frame(3, 4096)), 0.25);
-    }
+    Render(3, IntrusivePtr<MC_StuffData>(new Frame(4096)));
     EXPECT_EQ(bag->GetNumItems(), 1);
     EXPECT_EQ(bag->GetInMemoryCacheSizeInBytes_LockFree(), 4096);
     {
@@ -83,13 +72,6 @@ TEST(ExportedApi, FindRenderCheckInAndHitAgain) {
         EXPECT_TRUE(receipt.IsInMemory());
         EXPECT_EQ(MC_GetPerformanceCounters().activeCheckouts, 1u);
     }
-    IntrusivePtr<MC_Stuff> direct =
-        MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new Frame(4, 100)), 0.1);
-    direct->SetGuid(FrameGuid(4));
-    direct->AddToBagAndSortDir(bag);
-    ASSERT_EQ(direct->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
-    direct->Checkin(MC_CheckinFlag_Purge, 0.0);
-    EXPECT_EQ(bag->GetNumItems(), 1);
     bag->PurgeAllMemoryCaches();
     EXPECT_EQ(bag->GetInMemoryCacheSizeInBytes_LockFree(), 0);
     bag.reset();
@@ -102,7 +84,7 @@ TEST(ExportedApi, FindRenderCheckInAndHitAgain) {
 class HeldFrame : public Frame {
 public:
     HeldFrame(std::promise<void>& started, std::shared_future<void> release)
-        : Frame(9, 4096), started_(started), release_(std::move(release)) {}
+        : Frame(4096), started_(started), release_(std::move(release)) {}
     bool CanDiskCache() const override { return true; }
     const char* GetSubclassMatchname() const override { return "HeldFrame"; }
     void GetHeader(std::vector<uint8_t>& header) const override { header.assign(4, 9); }
@@ -133,13 +115,7 @@ TEST(ExportedApi, WaitForDiskWritesWaitsForTheWriteInProgress) {
     std::promise<void> started, release;
     IntrusivePtr<MC_StuffData> data(new HeldFrame(started, release.get_future().share()));
     data->SetCachePriority(MC_CachePriority_High);
-    {
-        MC_ScCheckout receipt;
-        ASSERT_EQ(receipt.FindAndCheckout(Request(9),
-                                          MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
-                  MC_CheckoutResult_CreatedNewPending);
-        receipt.GetStuffPtr()->SetStuffDataFromPendingRender(data, 0.25);
-    }  // the check-in queues the write
+    Render(9, data);  // the check-in queues the write
     ASSERT_EQ(started.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
     // Taken off the queue but still being written: not idle.
     EXPECT_FALSE(MC_Bag::WaitForDiskWrites(0.05));

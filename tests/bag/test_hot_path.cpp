@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "bag/Eventually.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/host/MultiTenantRecursiveMutex.h"
 #include "support/ModuleFixture.h"
@@ -17,16 +18,6 @@ using namespace mctest;
 using velacore::MultiTenantRecursiveMutex;
 
 namespace {
-
-template <class Pred>
-bool SpinUntil(Pred pred) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 // A writer that arrives while a fast reader holds the lock is woken by that reader's unlock, and
 // holds back a reader that arrives after it; the fast reader itself may read again meanwhile.
@@ -41,7 +32,7 @@ TEST(ItemLockFastPath, WaitingWriterIsWokenAndQueuesLaterReaders) {
             lateReaderBeforeWriter.store(lateReaderIn.load());
             m.UnlockWrite();
         });
-        ASSERT_TRUE(SpinUntil([&] { return m.HasWaitingWriter(); }));
+        ASSERT_TRUE(mctest::Eventually([&] { return m.HasWaitingWriter(); }));
         m.LockRead();  // re-entry is granted while the writer waits
         EXPECT_TRUE(m.IsReadLockedByCurrentThread());
         EXPECT_THROW(m.LockUpgrade(), std::logic_error);

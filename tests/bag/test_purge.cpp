@@ -2,14 +2,17 @@
 // statistics and traces, and a many-thread soak that ends with exact totals.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "bag/Eventually.h"
 #include "bag/MC_SortDir.h"
-#include "host/WaitUntil.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/MCp_ScLock.h"
 #include "mc/standalone/StandaloneHost.h"
@@ -39,93 +42,64 @@ protected:
     static bool Resident(const IntrusivePtr<MC_Stuff>& s) { return s->IsInMemory(); }
 };
 
-TEST_F(Purge, EmptyBagPurgesNothing) {
-    host().SetTraceLevel("MC_Purge", 6);
-    host().SetAmountToPurge(1000);
-    EXPECT_EQ(bag_->FreeUpSomeMemory(0), 0);
+// Each row: a fresh set of equal-stamped items, a purge target, and which items stay resident.
+TEST_F(Purge, OrderSkipAndStopRules) {
+    struct Row {
+        const char* name;
+        int count;
+        uint32_t size;
+        uint64_t target;
+        int held, refusing;  // -1: none
+        int64_t freed;
+        const char* resident;  // 'R' resident, '-' purged
+    };
+    const Row rows[] = {
+        {"oldest first in insertion order until the target", 5, 100, 250, -1, -1, 300, "---RR"},
+        {"checked-out and refusing items are skipped", 4, 100, 100, 0, 1, 100, "RR-R"},
+        {"stops at the minimum size (100)", 3, 40, 1000, -1, -1, 40, "-RR"},
+        {"nothing when already at the minimum", 2, 40, 1000, -1, -1, 0, "RR"},
+        {"the last one goes when 100 are left", 10, 100, 1000, -1, -1, 1000, "----------"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        auto items = AddItems(row.count, row.size);
+        std::unique_ptr<MC_ScCheckout> held;
+        if (row.held >= 0)
+            held = std::make_unique<MC_ScCheckout>(items[row.held], MC_CheckoutFlag_ReadOnly);
+        if (row.refusing >= 0)
+            static_cast<TestPayload&>(*items[row.refusing]->GetDataPtr()).SetAllowPurge(false);
+        const int freedBuffers = TestPayload::freedBuffers.load();
+        const int underLock = TestPayload::freedUnderCacheLock.load();
+        host().SetAmountToPurge(row.target);
+        EXPECT_EQ(bag_->FreeUpSomeMemory(123456789), row.freed);  // the size argument is ignored
+        std::string resident;
+        for (const auto& s : items) resident += s->IsInMemory() ? 'R' : '-';
+        EXPECT_EQ(resident, row.resident);
+        const int kept = static_cast<int>(std::count(resident.begin(), resident.end(), 'R'));
+        EXPECT_EQ(bag_->GetNumItems(), kept);  // purged items with no disk file leave the bag
+        EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), int64_t{kept} * row.size);
+        EXPECT_EQ(TestPayload::freedBuffers.load() - freedBuffers, row.count - kept);
+        EXPECT_EQ(TestPayload::freedUnderCacheLock.load() - underLock, 0);
+        held.reset();
+        bag_->ClearBagAndSortDir();
+    }
+}
+
+// Statistics: the recycle call, the last purged item's stamp and the counters.
+TEST_F(Purge, Statistics) {
+    host().SetAmountToPurge(150);
+    EXPECT_EQ(bag_->FreeUpSomeMemory(0), 0);  // an empty bag
     EXPECT_EQ(host().PurgeRecycledCount(), 0u);
     EXPECT_EQ(bag_->GetLastPurgedUsedTime(), 0u);
-    auto lines = host().TraceLines("MC_Purge");
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].text,
-              "Pass-Stats: pass, totalStuffs, attemptedStuffs, freedStuffs, amountFreedInPass, "
-              "amtToPurge, success:0, 0, 0, 0, 0, 1000, 0\n");
-}
-
-TEST_F(Purge, OldestFirstInInsertionOrderUntilTheTargetIsMet) {
-    auto items = AddItems(5, 100);
-    host().SetAmountToPurge(250);
-    EXPECT_EQ(bag_->FreeUpSomeMemory(123456789), 300);  // the size argument is ignored
-    EXPECT_FALSE(Resident(items[0]));
-    EXPECT_FALSE(Resident(items[1]));
-    EXPECT_FALSE(Resident(items[2]));
-    EXPECT_TRUE(Resident(items[3]));
-    EXPECT_TRUE(Resident(items[4]));
-    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 200);
-    EXPECT_EQ(bag_->GetNumItems(), 2);  // purged items with no disk file leave the bag
-    EXPECT_EQ(host().PurgeRecycledCount(), 1u);
-    EXPECT_EQ(bag_->GetLastPurgedUsedTime(), items[2]->GetLastUseTime());
-}
-
-TEST_F(Purge, CheckedOutRefusingAndNonResidentItemsAreSkipped) {
-    auto items = AddItems(4, 100);
-    MC_ScCheckout held(items[0], MC_CheckoutFlag_ReadOnly);
-    IntrusivePtr<MC_StuffData> refusing = items[1]->GetDataPtr();
-    auto* payload = dynamic_cast<TestPayload*>(refusing.get());
-    ASSERT_NE(payload, nullptr);
-    payload->SetAllowPurge(false);
-    host().SetAmountToPurge(100);
-    EXPECT_EQ(bag_->FreeUpSomeMemory(0), 100);
-    EXPECT_TRUE(Resident(items[0]));
-    EXPECT_TRUE(Resident(items[1]));
-    EXPECT_FALSE(Resident(items[2]));
-    EXPECT_TRUE(Resident(items[3]));
-}
-
-TEST_F(Purge, StopsAtTheMinimumSize) {
-    auto items = AddItems(3, 40);  // 120 bytes; the minimum is 100
-    host().SetAmountToPurge(1000);
-    EXPECT_EQ(bag_->FreeUpSomeMemory(0), 40);  // 80 < 100 after the first: stop
-    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 80);
-    EXPECT_FALSE(Resident(items[0]));
-    EXPECT_TRUE(Resident(items[1]));
-}
-
-TEST_F(Purge, NothingWhenAlreadyBelowTheMinimum) {
-    AddItems(2, 40);
-    host().SetAmountToPurge(1000);
-    EXPECT_EQ(bag_->FreeUpSomeMemory(0), 0);
-}
-
-TEST_F(Purge, PayloadMemoryIsFreedOutsideTheCacheLock) {
-    AddItems(10, 100);
-    const int freedBefore = TestPayload::freedBuffers.load();
-    const int underLockBefore = TestPayload::freedUnderCacheLock.load();
-    host().SetAmountToPurge(1000);
-    // The last item goes too: 100 bytes left is still at the minimum (10% of 1000).
-    EXPECT_EQ(bag_->FreeUpSomeMemory(0), 1000);
-    EXPECT_EQ(TestPayload::freedBuffers.load() - freedBefore, 10);
-    EXPECT_EQ(TestPayload::freedUnderCacheLock.load() - underLockBefore, 0);
-}
-
-TEST_F(Purge, TraceLinesCarryTheStatistics) {
     auto items = AddItems(3, 100);
-    host().SetTraceLevel("MC_Purge", 7);
-    host().SetAmountToPurge(150);
+    MCp_StuffAccess::SetLastUseTime(*items[1], 7000);  // the stamp the purge reads
     const uint32_t passes = counters().purgePasses.load();
     const uint32_t attempts = counters().purgeAttempts.load();
     EXPECT_EQ(bag_->FreeUpSomeMemory(0), 200);
     EXPECT_EQ(counters().purgePasses.load() - passes, 1u);
     EXPECT_EQ(counters().purgeAttempts.load() - attempts, 2u);
-    auto lines = host().TraceLines("MC_Purge");
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0].text,
-              "Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:0, 1, 100, 150\n");
-    EXPECT_EQ(lines[1].text,
-              "Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:0, 2, 100, 150\n");
-    EXPECT_EQ(lines[2].text,
-              "Pass-Stats: pass, totalStuffs, attemptedStuffs, freedStuffs, amountFreedInPass, "
-              "amtToPurge, success:0, 1, 2, 2, 200, 150, 1\n");
+    EXPECT_EQ(host().PurgeRecycledCount(), 1u);
+    EXPECT_EQ(bag_->GetLastPurgedUsedTime(), 7000u);
 }
 
 TEST_F(Purge, PurgeAllMemoryCachesEmptiesEveryIdleItem) {
@@ -136,28 +110,9 @@ TEST_F(Purge, PurgeAllMemoryCachesEmptiesEveryIdleItem) {
     EXPECT_TRUE(Resident(items[4]));
 }
 
-class QuilletPurge : public Purge {
-protected:
-    void ConfigureHost(RecordingHostServices& h) override {
-        Purge::ConfigureHost(h);
-        h.SetFeatureEnabled("Graphics.SetMCCacheLimitForQuillets", true);
-        h.SetMediaBudget(2500);  // the cache limit is a tenth: 250 bytes
-    }
-    bool QuilletMode() const override { return true; }
-};
-
-TEST_F(QuilletPurge, StopsAtTheCacheLimit) {
-    ASSERT_TRUE(MC_IsSetMCCacheLimitForQuilletsEnabled());
-    ASSERT_EQ(MC_GetMaxMCCacheSize(), 250u);
-    AddItems(5, 100);
-    host().SetAmountToPurge(100000);
-    EXPECT_EQ(bag_->FreeUpSomeMemory(0), 300);
-    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 200);
-    EXPECT_EQ(bag_->FreeUpSomeMemory(0), 0);  // already at or below the limit
-}
-
-// Renderers find, render, check in and purge at random from several threads; the monitor-style
-// purges run concurrently. At the end every total equals the sum over the bag's items.
+// Renderers find, render, resize, remove, check in and purge at random from several threads;
+// the monitor-style purges run concurrently. At the end every total equals the sum over the
+// bag's items.
 TEST_F(Purge, SoakEndsWithExactTotals) {
     constexpr int kThreads = 4;
     constexpr int kOps = 600;
@@ -185,7 +140,14 @@ TEST_F(Purge, SoakEndsWithExactTotals) {
                     receipt.GetStuffPtr()->SetStuffDataFromPendingRender(
                         IntrusivePtr<MC_StuffData>(new TestPayload(key, 100 + key)), 0.01);
                 }
-                if (rng() % 10 == 0) receipt.SetCheckinFlags(MC_CheckinFlag_Purge);
+                IntrusivePtr<MC_Stuff> s = receipt.GetStuffPtr();
+                const uint32_t op = rng() % 10;
+                if (op == 0) receipt.SetCheckinFlags(MC_CheckinFlag_Purge);
+                if (op == 1 && s && s->IsInMemory()) {  // a resize the bag is told about
+                    StaticPointerCast<TestPayload>(s->GetDataPtr())->Resize(1 + rng() % 4000);
+                    bag_->AccountForStuffDataModification(s);
+                }
+                if (op == 2 && s) s->RemoveFromBagAndSortDir();
             }
         });
     }
@@ -219,10 +181,10 @@ TEST(MemoryWake, ARiseAboveTheBudgetWakesTheMonitorAtOnce) {
     std::atomic<int> purges{0};
     host->SetMemoryClient([&] { return bag->GetInMemoryCacheSizeInBytes_LockFree(); },
                           [&] { purges.fetch_add(1); });
-    ASSERT_TRUE(hosttest::WaitUntil([&] { return host->GetCounters().memorySamples == 1; }));
+    ASSERT_TRUE(mctest::Eventually([&] { return host->GetCounters().memorySamples == 1; }));
     bag->AdjustInMemoryCacheSize(1000);  // at the budget: not over it
     bag->AdjustInMemoryCacheSize(1);
-    ASSERT_TRUE(hosttest::WaitUntil([&] { return purges.load() == 1; }));
+    ASSERT_TRUE(mctest::Eventually([&] { return purges.load() == 1; }));
     bag->AdjustInMemoryCacheSize(500);  // still above: no new crossing
     EXPECT_EQ(host->GetCounters().memorySamples, 2u);
     host->SetMemoryClient(nullptr, nullptr);

@@ -4,8 +4,10 @@
 
 #include <atomic>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "bag/Eventually.h"
 #include "bag/MC_SortDir.h"
 #include "mc/MC_ScCheckout.h"
 #include "support/ModuleFixture.h"
@@ -17,70 +19,68 @@ namespace {
 
 class SortDir : public ModuleTest {};
 
-TEST_F(SortDir, IdenticalWinsOverSatisfyingWhateverTheGroupOrder) {
-    IntrusivePtr<MC_Stuff> satisfying = MakeItem(1, 10, /*variant=*/5);
+// A newer item sweeps the older ones it satisfies (their holders keep them) and dead ones; a find
+// prefers the identical item over a satisfying one.
+TEST_F(SortDir, SweepsAndIdenticalBeforeSatisfying) {
     IntrusivePtr<MC_Stuff> identical = MakeItem(1, 10, /*variant=*/2);
-    // Add the identical one first so that the satisfying one (added later, variant 5 satisfies
-    // variant 2) would sweep it; instead add both as read-only-checked-out to keep them.
     identical->AddToBagAndSortDir(bag_);
     ASSERT_EQ(identical->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
+    IntrusivePtr<MC_Stuff> satisfying = MakeItem(1, 10, 5);  // 5 satisfies 2
     satisfying->AddToBagAndSortDir(bag_);
-    // The newer key supersedes the older one: it was detached but its holder keeps it.
     EXPECT_TRUE(identical->GetBag().expired());
     EXPECT_EQ(identical->GetCheckoutCount(), 1u);
     EXPECT_TRUE(identical->IsInMemory());
     identical->Checkin(0, 0.0);
 
-    // Now two that do not supersede each other: variant 2 cannot satisfy 5, and 5 is added
-    // first.
-    IntrusivePtr<MC_Stuff> exact = MakeItem(1, 10, 2);
+    IntrusivePtr<MC_Stuff> exact = MakeItem(1, 10, 2);  // 2 cannot satisfy 5: both stay
     exact->AddToBagAndSortDir(bag_);
     EXPECT_EQ(bag_->GetNumGuidSortedItems(), 2);
-    IntrusivePtr<MC_Stuff> found;
-    ASSERT_EQ(bag_->FindAndCheckout(MakeRequest(1, 2), MC_CheckoutFlag_ReadOnly, &found, nullptr),
-              MC_CheckoutResult_CheckedOut);
-    EXPECT_EQ(found, exact);
-    found->Checkin(0, 0.0);
-    ASSERT_EQ(bag_->FindAndCheckout(MakeRequest(1, 3), MC_CheckoutFlag_ReadOnly, &found, nullptr),
-              MC_CheckoutResult_CheckedOut);
-    EXPECT_EQ(found, satisfying);
-    found->Checkin(0, 0.0);
+    for (auto [variant, expected] : {std::pair{2u, exact}, std::pair{3u, satisfying}}) {
+        IntrusivePtr<MC_Stuff> found;
+        ASSERT_EQ(bag_->FindAndCheckout(MakeRequest(1, variant), MC_CheckoutFlag_ReadOnly, &found,
+                                        nullptr),
+                  MC_CheckoutResult_CheckedOut);
+        EXPECT_EQ(found, expected);
+        found->Checkin(0, 0.0);
+    }
+
+    ASSERT_TRUE(StaticPointerCast<TestPayload>(exact->GetDataPtr())->PurgeIfPossible(nullptr));
+    const uint32_t sweeps = counters().supersededSweeps.load();
+    MakeItem(1, 10, 0)->AddToBagAndSortDir(bag_);  // satisfies neither, but exact is dead
+    EXPECT_EQ(counters().supersededSweeps.load() - sweeps, 1u);
+    EXPECT_TRUE(exact->GetBag().expired());
+    EXPECT_EQ(satisfying->GetBag().lock(), bag_);
+    EXPECT_EQ(bag_->GetNumGuidSortedItems(), 2);
+    EXPECT_EQ(bag_->GetNumItems(), 2);
 }
 
-TEST_F(SortDir, MissWithoutCreateLeavesFoundUntouched) {
-    IntrusivePtr<MC_Stuff> sentinel = MakeItem(99, 1);
-    IntrusivePtr<MC_Stuff> found = sentinel;
+// A miss leaves `found` alone unless asked to create: then a pending item goes into the global
+// bag, whichever bag was searched.
+TEST_F(SortDir, MissCreatesAPendingItemInTheGlobalBagOnlyWhenAsked) {
+    auto other = std::make_shared<MC_Bag>(kAppVersion);
+    IntrusivePtr<MC_Stuff> sentinel = MakeItem(99, 1), found = sentinel;
     bool hasFile = true;
-    EXPECT_EQ(bag_->FindAndCheckout(MakeRequest(1), MC_CheckoutFlag_ReadOnly, &found, &hasFile),
+    EXPECT_EQ(other->FindAndCheckout(MakeRequest(4), MC_CheckoutFlag_ReadOnly, &found, &hasFile),
               MC_CheckoutResult_Failed);
     EXPECT_EQ(found, sentinel);
-}
-
-TEST_F(SortDir, MissCreatesAPendingItemInTheGlobalBag) {
-    auto other = std::make_shared<MC_Bag>(kAppVersion);
-    IntrusivePtr<MC_Stuff> found;
-    bool hasFile = true;
     ASSERT_EQ(other->FindAndCheckout(MakeRequest(4),
                                      MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending,
                                      &found, &hasFile),
               MC_CheckoutResult_CreatedNewPending);
     EXPECT_FALSE(hasFile);
     EXPECT_TRUE(found->IsPendingRender());
-    EXPECT_EQ(found->GetGuid(), KeyGuid(4));
-    EXPECT_EQ(found->GetBag().lock(), bag_);  // the global bag, not the one searched
-    EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
-    EXPECT_EQ(found->GetCheckoutCount(), 1u);
+    EXPECT_EQ(found->GetBag().lock(), bag_);
     found->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(new TestPayload(4, 8)), 1.0);
     found->Checkin(0, 0.0);
-    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 8);
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 9);  // with the sentinel's byte
 }
 
-// Eight threads want the same missing frame: exactly one renders, the others wait for it and
-// get its payload.
+// Eight threads want the same missing frame: exactly one renders, and only once the seven others
+// wait for it (each counts its wait before blocking); they all get its payload.
 TEST_F(SortDir, OneRendersTheOthersWaitForItsPayload) {
     constexpr int kThreads = 8;
-    std::atomic<int> renders{0};
-    std::atomic<int> gotPayload{0};
+    const uint32_t waits = counters().pendingWaits.load();
+    std::atomic<int> renders{0}, gotPayload{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&] {
@@ -90,7 +90,8 @@ TEST_F(SortDir, OneRendersTheOthersWaitForItsPayload) {
                                     MC_CheckoutFlag_WaitIfPendingUnlessLocked);
             if (r == MC_CheckoutResult_CreatedNewPending) {
                 renders.fetch_add(1);
-                std::this_thread::sleep_for(std::chrono::milliseconds(30));
+                EXPECT_TRUE(mctest::Eventually(
+                    [&] { return counters().pendingWaits - waits == kThreads - 1; }));
                 receipt.GetStuffPtr()->SetStuffDataFromPendingRender(
                     IntrusivePtr<MC_StuffData>(new TestPayload(5, 64)), 0.03);
             } else if (r == MC_CheckoutResult_CheckedOut) {
@@ -127,29 +128,6 @@ TEST_F(SortDir, WaitIsSkippedWhileHoldingTheNotifyLock) {
         host().SetHoldingNotifyLock(false);
     });
     other.join();
-}
-
-TEST_F(SortDir, DeadEntriesAreSweptWhenAnotherItemWithTheirGuidArrives) {
-    IntrusivePtr<MC_Stuff> old = MakeItem(7, 10, 9);
-    old->AddToBagAndSortDir(bag_);
-    ASSERT_TRUE(StaticPointerCast<TestPayload>(old->GetDataPtr())->PurgeIfPossible(nullptr));
-    const uint32_t sweeps = counters().supersededSweeps.load();
-    IntrusivePtr<MC_Stuff> fresh = MakeItem(7, 10, 0);  // cannot satisfy variant 9, but old is dead
-    fresh->AddToBagAndSortDir(bag_);
-    EXPECT_EQ(counters().supersededSweeps.load() - sweeps, 1u);
-    EXPECT_TRUE(old->GetBag().expired());
-    EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
-    EXPECT_EQ(bag_->GetNumItems(), 1);
-}
-
-TEST_F(SortDir, RemovingWrongDirectoryOrWriteableItemIsAVerificationFailure) {
-    IntrusivePtr<MC_Stuff> stuff = MakeItem(8, 10);
-    stuff->AddToBagAndSortDir(bag_);
-    auto other = std::make_shared<MC_Bag>(kAppVersion);
-    EXPECT_THROW(other->GetSortDir()->RemoveStuff(stuff), int);
-    EXPECT_EQ(host().FailedVerifications().back(), "stuff not in the right sortdir");
-    IntrusivePtr<MC_Stuff> never = MakeItem(9, 10);
-    EXPECT_NO_THROW(bag_->GetSortDir()->RemoveStuff(never));  // in no directory: nothing
 }
 
 }  // namespace

@@ -9,18 +9,18 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <cstring>
 #include <mutex>
 
 #include "HistogramPlugin.h"
-#include "host/WaitUntil.h"
+#include "bag/Eventually.h"
+#include "compute/ComputeReceipts.h"
 #include "mc/MC_ComputeCache.h"
 #include "mc/MC_ScCheckout.h"
 #include "support/ModuleFixture.h"
 #include "support/PluginLoader.h"
 
 namespace computetest {
-
-using hosttest::WaitUntil;
 
 // The histogram plug-in's exported functions, resolved once per process.
 struct HistogramPlugin {
@@ -33,34 +33,69 @@ struct HistogramPlugin {
     HistPluginSetComputeHookFunc setComputeHook;
     HistPluginGetCountersFunc getCounters;
 
-    static const HistogramPlugin& Get();
-    static const mctest::PluginLoader& Loader();
-    HistogramCounters Counters() const;
+    static const mctest::PluginLoader& Loader() {
+        static const mctest::PluginLoader loader(MC_HISTOGRAM_PLUGIN_PATH);
+        return loader;
+    }
+    static const HistogramPlugin& Get() {
+        static const HistogramPlugin plugin = [] {
+            const mctest::PluginLoader& l = Loader();
+            return HistogramPlugin{
+                l.Require<HistPluginShutdownFunc>("HistPlugin_Shutdown"),
+                l.Require<HistPluginUnregisterFunc>("HistPlugin_Unregister"),
+                l.Require<HistPluginCheckoutFunc>("HistPlugin_Checkout"),
+                l.Require<HistPluginGetValueFunc>("HistPlugin_GetValue"),
+                l.Require<HistPluginCheckinFunc>("HistPlugin_Checkin"),
+                l.Require<HistPluginComputeDirectFunc>("HistPlugin_ComputeDirect"),
+                l.Require<HistPluginSetComputeHookFunc>("HistPlugin_SetComputeHook"),
+                l.Require<HistPluginGetCountersFunc>("HistPlugin_GetCounters")};
+        }();
+        return plugin;
+    }
+    HistogramCounters Counters() const {
+        HistogramCounters c{};
+        getCounters(&c);
+        return c;
+    }
 };
 
-// What the plug-in's Compute does before working, as the test decides: count, hold until
-// released, fail with a given error.
+// What the plug-in's Compute does before working: count its entry, block while held, and fail
+// the next `failures` calls with `error`.
 class ComputeHookControl {
 public:
-    static int Hook(void* self, const HistogramParams* params);
-    // While holding, every Compute blocks in the hook until Release.
-    void Hold() { Set(holding_, true); }
-    void Release() { Set(holding_, false); }
-    // The next `count` Computes fail with `error`.
-    void FailNext(int count, int error);
-    // Waits until `n` Computes have entered the hook in total.
-    bool WaitForEntered(int n);
-    int Entered() const;
+    static int Hook(void* self, const HistogramParams*) {
+        auto& c = *static_cast<ComputeHookControl*>(self);
+        std::unique_lock lock(c.mutex_);
+        ++c.entered_;
+        c.cv_.notify_all();
+        c.cv_.wait(lock, [&] { return !c.holding_; });
+        return c.failures_-- > 0 ? c.error_ : 0;
+    }
+    void Hold(bool hold = true) {
+        std::lock_guard lock(mutex_);
+        holding_ = hold;
+        cv_.notify_all();
+    }
+    void Release() { Hold(false); }
+    void FailNext(int count, int error) {
+        std::lock_guard lock(mutex_);
+        failures_ = count;
+        error_ = error;
+    }
+    bool WaitForEntered(int n) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, std::chrono::seconds(50), [&] { return entered_ >= n; });
+    }
+    int Entered() {
+        std::lock_guard lock(mutex_);
+        return entered_;
+    }
 
 private:
-    void Set(bool& field, bool value);
-
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::condition_variable cv_;
     bool holding_ = false;
-    int entered_ = 0;
-    int failures_ = 0;
-    int failError_ = 0;
+    int entered_ = 0, failures_ = 0, error_ = 0;
 };
 
 // Checks a receipt in when it goes out of scope (if the test has not done so).
@@ -72,45 +107,84 @@ public:
     ScopedReceipt& operator=(const ScopedReceipt&) = delete;
     ZKGP_ComputeReceipt* Out() { return &handle_; }
     ZKGP_ComputeReceipt Get() const { return handle_; }
-    int Checkin();
+    int Checkin() {
+        const int result = handle_ ? HistogramPlugin::Get().checkin(handle_) : 0;
+        handle_ = nullptr;
+        return result;
+    }
 
 private:
     ZKGP_ComputeReceipt handle_ = nullptr;
 };
 
+inline bool SameBins(const HistogramValue& a, const HistogramValue& b) {
+    return a.pixels == b.pixels && std::memcmp(a.bins, b.bins, sizeof a.bins) == 0;
+}
+
 class ComputeTest : public mctest::ModuleTest {
 protected:
-    static constexpr const char* kReceiptLabel = "ZKGP_MCComputeReceipt";
-
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        ModuleTest::SetUp();
+        MC_SP_Birth();
+        plugin_ = &HistogramPlugin::Get();
+        ASSERT_EQ(HistogramPlugin::Loader().CallMain(), 0);
+        plugin_->setComputeHook(&ComputeHookControl::Hook, &hook_);
+        start_ = plugin_->Counters();
+    }
+    void TearDown() override {
+        if (!plugin_) return ModuleTest::TearDown();
+        hook_.Release();
+        plugin_->setComputeHook(nullptr, nullptr);
+        EXPECT_EQ(plugin_->shutdown(), 0);
+        EXPECT_EQ(MCp_ComputeReceipts::Instance().LiveCount(), 0u)
+            << "a receipt was not checked in";
+        ModuleTest::TearDown();
+        // Module death releases every cached value: each one computed is disposed exactly once.
+        EXPECT_EQ(plugin_->Counters().liveValues, start_.liveValues);
+    }
 
     const HistogramPlugin& plugin() const { return *plugin_; }
     // The plug-in's counters since SetUp.
-    HistogramCounters Delta() const;
+    HistogramCounters Delta() const {
+        const HistogramCounters n = plugin_->Counters();
+        return {n.keys - start_.keys, n.computes - start_.computes, n.disposes - start_.disposes,
+                n.liveValues - start_.liveValues};
+    }
     // A small image; distinct seeds give distinct keys.
     static HistogramParams Params(uint32_t seed, uint32_t width = 64, uint32_t height = 48,
                                   uint32_t gradient = 96) {
         return HistogramParams{width, height, seed, gradient};
     }
-    HistogramValue Direct(const HistogramParams& p, bool inverted = false) const;
+    HistogramValue Direct(const HistogramParams& p, bool inverted = false) const {
+        HistogramValue v{};
+        plugin_->computeDirect(&p, inverted ? 1 : 0, &v);
+        return v;
+    }
     int Checkout(const HistogramParams& p, int mode, ZKGP_ComputeReceipt* receipt,
                  const char* className = kHistogramClass) const {
         return plugin_->checkout(className, &p, mode, receipt);
     }
     // The receipt's value; null (and a test failure) when ReceiptGetValue fails.
-    const HistogramValue* ValueOf(ZKGP_ComputeReceipt receipt) const;
+    const HistogramValue* ValueOf(ZKGP_ComputeReceipt receipt) const {
+        const HistogramValue* value = nullptr;
+        EXPECT_EQ(plugin_->getValue(receipt, &value), 0);
+        return value;
+    }
     // The cache item behind a receipt handle.
     static IntrusivePtr<MC_Stuff> ItemOf(ZKGP_ComputeReceipt receipt) {
         return reinterpret_cast<MC_ScCheckout*>(receipt)->GetStuffPtr();
     }
-    uint64_t ReceiptBytes() { return host().AllocatedBytes(kReceiptLabel); }
+    int64_t PurgeEverythingIdle() {
+        host().SetAmountToPurge(uint64_t{1} << 30);
+        const int64_t freed = bag_->FreeUpSomeMemory(0);
+        host().SetAmountToPurge(0);
+        return freed;
+    }
+    static constexpr int64_t kValueSize = sizeof(HistogramValue);
 
     const HistogramPlugin* plugin_ = nullptr;
     ComputeHookControl hook_;
     HistogramCounters start_{};
 };
-
-bool SameBins(const HistogramValue& a, const HistogramValue& b);
 
 }  // namespace computetest

@@ -1,29 +1,13 @@
-// Compute check-outs through the loaded C plug-in on one thread: misses, hits, identities, the
-// receipt hand-out, errors from the plug-in and from the host, and receipt misuse.
+// Compute check-outs through the loaded C plug-in on one thread: misses, hits, distinct entries,
+// host failures and receipt misuse.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
-
 #include "ComputeFixture.h"
-#include "compute/ComputeCheckout.h"
 #include "mc/GenericMCComputeStuffData.h"
-#include "mc/host/Murmur3.h"
-#include "mc/host/TextConvert.h"
 
 using namespace computetest;
 
 namespace {
-
-// The identity the cache must give an entry, computed from scratch.
-velacore::Guid ExpectedIdentity(const std::string& className, const HistogramParams& p) {
-    std::string bytes = "MC-Compute" + className + '\0';
-    for (uint32_t field : {p.width, p.height, p.seed, p.gradient})
-        for (int b = 0; b < 4; ++b) bytes.push_back(static_cast<char>(field >> (8 * b)));
-    velacore::Murmur3MixerState hash;
-    hash.UpdateHashState(bytes.data(), bytes.size());
-    return hash.GetHashResult();
-}
 
 class ComputeCheckout : public ComputeTest {};
 
@@ -31,8 +15,7 @@ TEST_F(ComputeCheckout, AMissComputesOnceHitsShareTheValueAndEachKeyHasItsOwnEnt
     const HistogramParams p = Params(2, 30, 20, 0);
     ScopedReceipt first, cached, again, inverted, other;
     EXPECT_EQ(Checkout(p, 0, first.Out()), ZKGP_ComputeResult_NotAvailable);  // cold
-    EXPECT_EQ(bag_->GetNumItems(), 0) << "a cached-only look-up leaves nothing behind";
-    EXPECT_EQ(ReceiptBytes(), 0u) << "no receipt block without a receipt";
+    EXPECT_EQ(bag_->GetNumItems(), 0);
 
     ASSERT_EQ(Checkout(p, 1, first.Out()), 0);
     const HistogramValue* value = ValueOf(first.Get());
@@ -43,10 +26,8 @@ TEST_F(ComputeCheckout, AMissComputesOnceHitsShareTheValueAndEachKeyHasItsOwnEnt
     EXPECT_EQ(ValueOf(cached.Get()), value);
     EXPECT_EQ(ValueOf(again.Get()), value);
     EXPECT_EQ(Delta().computes, 1);
-    EXPECT_EQ(ReceiptBytes(), 3 * 80u) << "one labelled 80-byte block per receipt";
 
     const IntrusivePtr<MC_Stuff> item = ItemOf(first.Get());
-    EXPECT_EQ(item->GetGuid(), ExpectedIdentity(kHistogramClass, p));
     EXPECT_EQ(item->GetCheckoutCount(), 3u);
     EXPECT_TRUE(item->IsInMemory() && !item->IsPendingRender());
     auto* payload = dynamic_cast<GenericMCComputeStuffData*>(item->GetDataPtr().get());
@@ -64,25 +45,8 @@ TEST_F(ComputeCheckout, AMissComputesOnceHitsShareTheValueAndEachKeyHasItsOwnEnt
     for (ScopedReceipt* r : {&first, &cached, &again}) EXPECT_EQ(r->Checkin(), 0);
     EXPECT_EQ(item->GetCheckoutCount(), 0u);
     EXPECT_EQ(Delta().disposes, 0) << "check-in keeps the value cached";
-    EXPECT_EQ(ReceiptBytes(), 5 * 80u) << "the blocks are never given back";
     ASSERT_EQ(Checkout(p, 0, first.Out()), 0);
     EXPECT_EQ(ValueOf(first.Get()), value);
-}
-
-TEST_F(ComputeCheckout, AComputeErrorComesBackLeavesNothingAndALaterCallComputesAgain) {
-    const HistogramParams p = Params(8);
-    hook_.FailNext(1, -1234);
-    ZKGP_ComputeReceipt receipt = nullptr;
-    EXPECT_EQ(Checkout(p, 2, &receipt), -1234);
-    EXPECT_EQ(receipt, nullptr);
-    EXPECT_EQ(bag_->GetNumItems(), 0) << "the abandoned entry left the bag";
-    EXPECT_EQ(plugin().checkout(kHistogramClass, nullptr, 2, &receipt),
-              ZKGP_ComputeResult_BadParameter);  // the plug-in's own key error
-    EXPECT_TRUE(host().FailedVerifications().empty()) << "the plug-in's errors are not reported";
-    ScopedReceipt retry;
-    ASSERT_EQ(Checkout(p, 1, retry.Out()), 0);
-    EXPECT_EQ(hook_.Entered(), 2);
-    EXPECT_EQ(Delta().computes, 1);
 }
 
 TEST_F(ComputeCheckout, MisuseAndHostFailuresYieldTheirCodesWithTheirReports) {
@@ -114,34 +78,8 @@ TEST_F(ComputeCheckout, MisuseAndHostFailuresYieldTheirCodesWithTheirReports) {
               (std::vector<std::string>{"unexpected: receipt already exists. improper receipt use?",
                                         "MCCompute alloc failure",
                                         "bad compute receipt or not checked out"}));
-    const auto errors = host().Errors();
-    ASSERT_EQ(errors.size(), 2u);
-    for (const auto& e : errors) {
-        EXPECT_EQ(e.category, 8);
-        EXPECT_EQ(velacore::ToUtf8(e.text),
-                  "Trying to check in invalid receipt. Please make sure you are not double "
-                  "checking in or checking in invalid receipts.");
-    }
+    EXPECT_EQ(host().Errors().size(), 2u);
     EXPECT_EQ(Delta().computes, 2);
-}
-
-TEST_F(ComputeCheckout, AComputeWithoutAValueIsACorruptEntry) {
-    const ZKGP_ComputeCacheCallbacks broken{[](const void*, ZKGP_GUID* key) {
-                                                *key = ZKGP_GUID{};
-                                                return 0;
-                                            },
-                                            [](const void*, void**) { return 0; },
-                                            [](const void*) -> uint64_t { return 0; },
-                                            [](void*) {}};
-    ASSERT_EQ(MC_ComputeClassRegister("broken", &broken), 0);
-    ZKGP_ComputeReceipt receipt = nullptr;
-    EXPECT_EQ(MCp_ComputeCheckout("broken", nullptr, MCp_ComputeMode_NoWait, &receipt),
-              ZKGP_ComputeResult_BadParameter);
-    EXPECT_EQ(receipt, nullptr);
-    EXPECT_EQ(
-        host().FailedVerifications(),
-        std::vector<std::string>{"MCCompute unexpected missing refcon in value! corrupt cached??"});
-    EXPECT_EQ(MC_ComputeClassUnregister("broken"), 0);
 }
 
 }  // namespace

@@ -13,7 +13,6 @@
 
 #include "disk/DiskFolder.h"
 #include "disk/DiskWriter.h"
-#include "host/WaitUntil.h"
 #include "lifecycle/Module.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_PerformanceCounters.h"
@@ -28,7 +27,6 @@
 #include "support/TestPayload.h"
 
 using namespace mctest;
-using hosttest::WaitUntil;
 
 namespace {
 
@@ -68,11 +66,6 @@ protected:
         stuff->AddToBagAndSortDir(bag_);
         return stuff;
     }
-    void Pending(MC_ScCheckout& creator, uint32_t key) {
-        ASSERT_EQ(creator.FindAndCheckout(MakeRequest(key),
-                                          MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
-                  MC_CheckoutResult_CreatedNewPending);
-    }
     void EnableDiskCache() {
         MCp_SetInitialDiskRescanPostedForTesting(true);  // no background scan of the folder
         TestPayload::RegisterFactory();
@@ -92,15 +85,11 @@ protected:
         bag_->AddToBagAndSortDir(stuff);
         return stuff;
     }
-    static TestPayload& PayloadOf(const IntrusivePtr<MC_Stuff>& stuff) {
-        return static_cast<TestPayload&>(*stuff->GetDataPtr());
-    }
-    // Writes the item's file on this thread. Returns the file's size.
+    // Writes the item's file on this thread; returns its size.
     static uint64_t WriteNow(const IntrusivePtr<MC_Stuff>& stuff) {
         MC_Stuff::WriteToDiskAsync(stuff, nullptr);
         return stuff->IsOnDisk() ? stuff->GetDiskCacheFile().Size() : 0;
     }
-    static bool DrainWriter() { return mctest::DrainDiskWriter(); }
     // Checks the item out writeable and in again, as a client that changed it would.
     static void WriteableCheckin(const IntrusivePtr<MC_Stuff>& stuff, double computeTime) {
         MC_ScCheckout r(stuff, 0);
@@ -130,19 +119,7 @@ TEST_F(Counters, EachEventMovesExactlyItsOwnCounters) {
              host().SetAmountToPurge(1500);  // items 1 and 2 cover it
              EXPECT_EQ(bag_->FreeUpSomeMemory(0), 2000);
              host().SetAmountToPurge(0);
-             e.purgePasses += 1;
-             e.purgeAttempts += 2;
-         }},
-        {"ten read check-outs show ten active, then none",
-         [&](Perf& e) {
-             IntrusivePtr<MC_Stuff> a = Add(1, 100), b = Add(2, 100);
-             std::vector<std::unique_ptr<MC_ScCheckout>> receipts;
-             for (int i = 0; i < 10; ++i)
-                 receipts.push_back(
-                     std::make_unique<MC_ScCheckout>(i % 2 ? a : b, MC_CheckoutFlag_ReadOnly));
-             Perf during = e;
-             during.activeCheckouts += 10;
-             EXPECT_EQ(Snapshot(), during);
+             e.purgePasses += 1, e.purgeAttempts += 2;
          }},
         {"a writeable check-out counts once, a refused one not at all",
          [&](Perf& e) {
@@ -163,44 +140,6 @@ TEST_F(Counters, EachEventMovesExactlyItsOwnCounters) {
                      for (int i = 0; i < 200; ++i) MC_ScCheckout r(stuff, MC_CheckoutFlag_ReadOnly);
                  });
              for (auto& th : threads) th.join();
-         }},
-        {"waiting for a pending render counts a wait",
-         [&](Perf& e) {
-             MC_ScCheckout creator;
-             Pending(creator, 7);
-             const uint32_t waits = Snapshot().pendingWaits;
-             std::thread waiter([] {
-                 MC_ScCheckout r;
-                 EXPECT_EQ(r.FindAndCheckout(MakeRequest(7),
-                                             MC_CheckoutFlag_ReadOnly |
-                                                 MC_CheckoutFlag_WaitIfPendingUnlessLocked),
-                           MC_CheckoutResult_CheckedOut);
-             });
-             // The waiter counts its wait before it blocks on the item's gate.
-             ASSERT_TRUE(WaitUntil([&] { return Snapshot().pendingWaits == waits + 1; }));
-             creator.GetStuffPtr()->SetStuffDataFromPendingRender(
-                 IntrusivePtr<MC_StuffData>(new TestPayload(7, 100)), 0.1);
-             waiter.join();
-             e.pendingWaits += 1;
-         }},
-        {"a pending item refused under the notify lock counts a refusal (with 0x20 only)",
-         [&](Perf& e) {
-             MC_ScCheckout creator;
-             Pending(creator, 8);
-             std::thread([&] {
-                 host().SetHoldingNotifyLock(true);  // for this thread only
-                 MC_ScCheckout r, plain;
-                 EXPECT_EQ(r.FindAndCheckout(MakeRequest(8),
-                                             MC_CheckoutFlag_ReadOnly |
-                                                 MC_CheckoutFlag_WaitIfPendingUnlessLocked),
-                           MC_CheckoutResult_Failed);
-                 EXPECT_EQ(plain.FindAndCheckout(MakeRequest(8), MC_CheckoutFlag_ReadOnly),
-                           MC_CheckoutResult_Failed);
-                 host().SetHoldingNotifyLock(false);
-             }).join();
-             creator.GetStuffPtr()->SetStuffDataFromPendingRender(
-                 IntrusivePtr<MC_StuffData>(new TestPayload(8, 100)), 0.1);
-             e.pendingRefusals += 1;
          }},
         {"a superseded entry is counted once",
          [&](Perf& e) {
@@ -225,23 +164,13 @@ TEST_F(Counters, EachEventMovesExactlyItsOwnCounters) {
 
 TEST_F(Counters, AgeOfLastPurgedItemFollowsItsLastUse) {
     host().SetMemUsageLimits(1000, 4000);
-    constexpr uint64_t kFiveSeconds = 5'000'000'000ull;  // ticks are nanoseconds
-    const uint64_t stamp = velacore::HighPrecisionTime::Now() - kFiveSeconds;
-    IntrusivePtr<MC_Stuff> stuff = MakeItem(1, 1000);
-    stuff->AddToBagAndSortDir(bag_);
+    const uint64_t stamp = velacore::HighPrecisionTime::Now() - 5'000'000'000ull;  // 5 s ago
+    IntrusivePtr<MC_Stuff> stuff = Add(1, 1000);
     MCp_StuffAccess::SetLastUseTime(*stuff, stamp);  // the purge reads the live stamp
     host().SetAmountToPurge(500);
     EXPECT_EQ(bag_->FreeUpSomeMemory(0), 1000);
-    EXPECT_EQ(bag_->GetLastPurgedUsedTime(), stamp);
     const int64_t age = MC_GetPerformanceCounters().lastPurgedAgeMs;
-    EXPECT_GE(age, 5000);
-    EXPECT_LT(age, 3'600'000);  // far from any other stamp
-
-    bag_.reset();
-    MC_StopAllAsyncWork();
-    MC_Death();
-    EXPECT_EQ(MC_GetPerformanceCounters().lastPurgedAgeMs, 0);  // no global bag
-    MC_Birth(false, kAppVersion, false);                        // TearDown kills it again
+    EXPECT_TRUE(age >= 5000 && age < 3'600'000) << age;
 }
 
 // Each disk event moves exactly its own counters: the row's action returns the expected change.
@@ -291,34 +220,20 @@ TEST_F(Counters, EachDiskEventMovesExactlyItsOwnCounters) {
              EXPECT_EQ(CountFiles(root_.Path()), files);
              e.writeFailures += 1;
          }},
-        {"a short write", [&](auto& s) { s = NewItem(++key, 5000); },
-         [&](auto& s, Counters& e) {
-             fs_->FailNth(FsOp::kAppend, 1, Fault::kShortWrite);
-             EXPECT_EQ(WriteNow(s), 0u);
-             e.writeFailures += 1;
-         }},
         {"a corrupt body deletes the file", onDiskOnly,
          [&](auto& s, Counters& e) {
              const auto path = s->GetDiskCacheFile().GetFullPath();
-             PayloadOf(s).SetReadFailure(true);
+             static_cast<TestPayload&>(*s->GetDataPtr()).SetReadFailure(true);
              readFails(s);
              EXPECT_FALSE(s->IsOnDisk() || std::filesystem::exists(path));
-             e.readFailures += 1;
-         }},
-        {"an I/O error on read", onDiskOnly,
-         [&](auto& s, Counters& e) {
-             fs_->FailFrom(FsOp::kRead, 1, Fault::kIoError);
-             readFails(s);
-             fs_->ClearFaults();
              e.readFailures += 1;
          }},
         {"check-in refusals: priority 0 is reason 4, no compute time reason 3", [](auto&) {},
          [&](auto&, Counters& e) {
              WriteableCheckin(NewItem(++key, 5000, MC_CachePriority_Never), 1.0);
              WriteableCheckin(NewItem(++key, 5000, MC_CachePriority_Normal), 0.0);
-             ASSERT_TRUE(DrainWriter());
-             e.reason4Count += 1;
-             e.reason3Count += 1;
+             ASSERT_TRUE(mctest::DrainDiskWriter());
+             ++e.reason4Count, ++e.reason3Count;
          }},
         {"queued check-ins count their priority and their writes", [](auto&) {},
          [&](auto&, Counters& e) {
@@ -326,22 +241,14 @@ TEST_F(Counters, EachDiskEventMovesExactlyItsOwnCounters) {
              IntrusivePtr<MC_Stuff> low = NewItem(++key, 5000, MC_CachePriority_Low);
              WriteableCheckin(normal, 1.0);
              WriteableCheckin(low, 1.0);
-             ASSERT_TRUE(DrainWriter());
-             e.normalWritesQueued += 1;
-             e.lowPriorityWritesQueued += 1;
+             ASSERT_TRUE(mctest::DrainDiskWriter());
+             ++e.normalWritesQueued, ++e.lowPriorityWritesQueued;
              e.bytesWritten += normal->GetDiskCacheFile().Size() + low->GetDiskCacheFile().Size();
          }},
         {"recorded reasons land in their fields (0 is not counted)", [](auto&) {},
          [&](auto&, Counters& e) {
-             reason(MC_StuffData::NoDiskCacheReason_1);
-             reason(MC_StuffData::NoDiskCacheReason_2);
-             reason(MC_StuffData::NoDiskCacheReason_4);
-             reason(MC_StuffData::NoDiskCacheReason_5);
-             reason(MC_StuffData::NoDiskCacheReason(0));
-             e.reason1Count += 1;
-             e.reason2Count += 1;
-             e.reason4Count += 1;
-             e.reason5Count += 1;
+             for (int why : {1, 2, 4, 5, 0}) reason(MC_StuffData::NoDiskCacheReason(why));
+             ++e.reason1Count, ++e.reason2Count, ++e.reason4Count, ++e.reason5Count;
          }},
         {"a full queue records and counts reason 3",
          [&](auto& s) { s = NewItem(++key, 5000, MC_CachePriority_High); },
@@ -352,14 +259,6 @@ TEST_F(Counters, EachDiskEventMovesExactlyItsOwnCounters) {
              EXPECT_EQ(s->GetDataPtr()->GetReasonWhyNoDiskCache(),
                        MC_StuffData::NoDiskCacheReason_DiskBusy);
              e.reason3Count += 1;
-         }},
-        {"frame notifications", [](auto&) {},
-         [&](auto&, Counters& e) {
-             MC_NotifyFrameWrittenToDisk();
-             MC_NotifyFrameWrittenToDisk();
-             MC_NotifyFrameReadFromDisk();
-             e.framesWritten += 2;
-             e.framesRead += 1;
          }},
     };
     for (const Row& row : rows) {

@@ -1,7 +1,6 @@
-// Helpers for the media map tests: a media manager that records registrations and forgets before
-// handing them to a real StandaloneMediaManager, and a fixture that starts the module with the
-// mirror on over that manager.
-// Thread-safety: the recorder may be called from any thread; the fixture belongs to the test.
+// Helpers for the media map tests: a real StandaloneMediaManager that records what it forgets, and
+// a fixture that starts the module with the mirror on over that manager. Thread-safety: the
+// recorder may be called from any thread; the fixture belongs to the test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,36 +22,17 @@ namespace mediamap_test {
 
 using namespace std::chrono_literals;
 
+// Records the sequences it is told to forget.
 class RecordingMediaManager : public NX::StandaloneMediaManager {
 public:
-    struct Registration {
-        NX::IPurgeableSupport* owner = nullptr;
-        uint64_t sequence = 0;
-        uint64_t bytes = 0;
-        int kind = 0;
-        int flags = 0;
-    };
     explicit RecordingMediaManager(uint64_t budget = uint64_t{1} << 40)
         : StandaloneMediaManager(budget) {}
-    int RegisterEntry(NX::IPurgeableSupport* owner, const velacore::Guid& client, uint64_t sequence,
-                      uint64_t bytes, int kind, int flags, uint64_t* out) override {
-        {
-            std::lock_guard lock(mutex_);
-            registrations_.push_back({owner, sequence, bytes, kind, flags});
-        }
-        return StandaloneMediaManager::RegisterEntry(owner, client, sequence, bytes, kind, flags,
-                                                     out);
-    }
     void ForgetEntry(uint64_t sequence) override {
         {
             std::lock_guard lock(mutex_);
             forgotten_.push_back(sequence);
         }
         StandaloneMediaManager::ForgetEntry(sequence);
-    }
-    std::vector<Registration> Registrations() const {
-        std::lock_guard lock(mutex_);
-        return registrations_;
     }
     std::vector<uint64_t> Forgotten() const {
         std::lock_guard lock(mutex_);
@@ -61,7 +41,6 @@ public:
 
 private:
     mutable std::mutex mutex_;
-    std::vector<Registration> registrations_;
     std::vector<uint64_t> forgotten_;
 };
 

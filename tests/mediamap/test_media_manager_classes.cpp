@@ -23,10 +23,9 @@ class ForgettingOwner : public NX::IPurgeableSupport {
 public:
     explicit ForgettingOwner(NX::IMediaManager& manager) : manager_(manager) {}
     bool PurgeEntry(uint64_t sequence) override {
-        {
-            std::lock_guard lock(mutex_);
-            purged_.push_back(sequence);
-        }
+        std::unique_lock lock(mutex_);
+        purged_.push_back(sequence);
+        lock.unlock();
         manager_.ForgetEntry(sequence);
         return true;
     }
@@ -85,8 +84,7 @@ public:
 private:
     std::mutex mutex_;
     std::condition_variable cv_;
-    bool entered_ = false;
-    bool released_ = false;
+    bool entered_ = false, released_ = false;
 };
 
 TEST(MediaManagerClasses, DetachThroughTheInterfaceWaitsForTheCallInFlight) {

@@ -72,18 +72,14 @@ TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemOnly) {
 // Renders and reads frames from several threads while the manager purges. A check-out must
 // keep its payload in memory throughout; at rest the totals agree and fit the budget.
 TEST_F(BudgetTest, ConcurrentRendersStayWithinBudgetAndKeepCheckedOutFramesResident) {
-    constexpr int kThreads = 4;
-    constexpr int kIterations = 250;
-    constexpr uint32_t kKeys = 40;
-    constexpr uint32_t kFrameBytes = 1000;
+    constexpr uint32_t kKeys = 40, kFrameBytes = 1000;
     Manager().SetBudget(10 * kFrameBytes);  // purges start while the threads render
-    std::atomic<int> lostWhileHeld{0};
-    std::atomic<int> renders{0};
+    std::atomic<int> lostWhileHeld{0}, renders{0};
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (uint32_t t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
-            std::mt19937 rng(static_cast<uint32_t>(t) * 7919u + 1u);
-            for (int i = 0; i < kIterations; ++i) {
+            std::mt19937 rng(t * 7919u + 1u);
+            for (int i = 0; i < 250; ++i) {
                 const uint32_t key = rng() % kKeys;
                 MC_ScCheckout r;
                 const MC_CheckoutResult res = r.FindAndCheckout(
@@ -94,12 +90,9 @@ TEST_F(BudgetTest, ConcurrentRendersStayWithinBudgetAndKeepCheckedOutFramesResid
                         IntrusivePtr<MC_StuffData>(new TestPayload(key, kFrameBytes)), 0.01);
                     renders.fetch_add(1);
                 } else if (res == MC_CheckoutResult_CheckedOut) {
-                    IntrusivePtr<MC_StuffData> data = r.GetStuffPtr()->GetDataPtr();
-                    auto* payload = static_cast<TestPayload*>(data.get());
-                    for (int spin = 0; spin < 3; ++spin) {
-                        if (!payload || !payload->Bytes()) lostWhileHeld.fetch_add(1);
-                        std::this_thread::yield();
-                    }
+                    auto data = StaticPointerCast<TestPayload>(r.GetStuffPtr()->GetDataPtr());
+                    for (int spin = 0; spin < 3; ++spin, std::this_thread::yield())
+                        lostWhileHeld.fetch_add(!data || !data->Bytes());
                 }
             }
         });
@@ -128,7 +121,10 @@ TEST_F(BudgetTest, DeathWhilePurgingLeavesNothingBehind) {
     EXPECT_EQ(Manager().EntryCount(), 0u);
     EXPECT_EQ(Manager().GetRegisteredBytes(), 0u);
     for (const auto& stuff : items) EXPECT_TRUE(stuff->GetBag().expired());
+    EXPECT_EQ(MC_GetMediaMapSize(), 0u);
     MC_Birth(true, kAppVersion, false);  // TearDown stops and kills it again
+    bag_ = MC_GlobalBag();
+    EXPECT_EQ(AddItem(9, 10)->GetMediaMapID(), 1u);  // a new map numbers from one
 }
 
 }  // namespace
