@@ -563,12 +563,15 @@ void MC_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<MC_StuffData> dat
     if (int32_t ms = mc_settings::DebugSleepMsSetStuffData(); ms > 0)
         std::this_thread::sleep_for(std::chrono::milliseconds(ms));
     if (!IsPendingRender()) return;
-    if (!pending_.exchange(false)) return;  // another completion won
     IntrusivePtr<MC_Stuff> self(this);
     {
+        // The data is in place before the item stops being pending: whoever sees it no longer
+        // pending finds the data (or none, when the render was abandoned).
         ScopedWriteLockWrapper w(lock_);
+        if (!IsPendingRender()) return;  // another completion won
         data_ = data;
         computeTime_ = computeTime;
+        pending_.store(false, std::memory_order_release);
     }
     if (data) {
         SyncMemorySizeWithBag(data->GetApproximateMemorySize());

@@ -68,6 +68,30 @@ TEST_F(CheckoutState, PendingRenderReleasesEveryWaiterOnce) {
     EXPECT_DOUBLE_EQ(stuff->GetComputeTime(), 2.0);
 }
 
+// Whoever sees a render no longer pending finds its data (a waiter that arrives as the render
+// completes must not take the item for an abandoned one).
+TEST_F(CheckoutState, ARenderSeenCompleteHasItsData) {
+    int missing = 0;
+    for (int round = 0; round < 2000; ++round) {
+        IntrusivePtr<MC_Stuff> stuff = NewPending();
+        std::atomic<bool> watching{false};
+        bool sawData = false;
+        std::thread watcher([&] {
+            watching.store(true);
+            while (stuff->IsPendingRender()) {
+            }
+            sawData = stuff->GetDataPtr() != nullptr;
+        });
+        while (!watching.load()) std::this_thread::yield();
+        stuff->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(new TestPayload(7, 8)),
+                                             1.0);
+        watcher.join();
+        missing += !sawData;
+        stuff->RemoveFromBagAndSortDir();
+    }
+    EXPECT_EQ(missing, 0);
+}
+
 TEST_F(CheckoutState, AbandonedRenderRemovesItemAndStillReleasesWaiters) {
     IntrusivePtr<MC_Stuff> stuff = NewPending();
     std::atomic<int> nullData{0};
