@@ -1,9 +1,8 @@
-// The disk-cache folder: layout and its alerts, the scan and the one-time rescan.
+// The disk-cache folder: layout and its alerts, and the scan.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <functional>
-#include <future>
 #include <map>
 #include <set>
 
@@ -30,15 +29,6 @@ const std::u16string kNonexistentAlert =
 const std::u16string kCantWriteAlert =
     u"Unable to write to Disk Cache folder, so disk caching will be disabled. Please check your "
     u"settings in Media and Disk Cache Preferences.";
-
-// Waits until every job posted to the module's asynchronous executor so far has run.
-bool DrainAsyncExecutor() {
-    auto executor = MCp_AsyncExecutor();
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> ran = done->get_future();
-    if (!executor || !executor->Post([done] { done->set_value(); })) return false;
-    return ran.wait_for(std::chrono::minutes(2)) == std::future_status::ready;
-}
 
 // No folder given before the test's first call.
 class Layout : public DiskCacheTest {
@@ -253,21 +243,6 @@ TEST_F(Scan, EachVariantsFileIsAdoptedByItsOwnItemOnly) {
         ASSERT_NE(payload.Bytes(), nullptr);
         EXPECT_EQ(payload.Bytes()->size(), payload.Variant() == 1 ? 16u : 100u) << variant;
     }
-}
-
-// The first SetDiskCacheInfo scans the folder once, in the background.
-TEST_F(Layout, FirstSetDiskCacheInfoScansOnceInTheBackground) {
-    MCp_SetInitialDiskRescanPostedForTesting(false);
-    const Dir folder = MCp_DiskFolder::FolderFor(velacore::ToUtf16(root_.Path().string()), u"1.0");
-    velacore::EnsureDirectoryExists(folder);
-    for (uint32_t key = 1; key <= 12; ++key) WriteTestCacheFile(folder, key, 0, kApp);
-    bag_->SetDiskCacheInfo(root_.AsDir(), 100);
-    ASSERT_TRUE(DrainAsyncExecutor());
-    EXPECT_EQ(bag_->GetNumItems(), 12);
-    WriteTestCacheFile(folder, 100, 0, kApp);
-    bag_->SetDiskCacheInfo(root_.AsDir(), 200);  // no second rescan
-    ASSERT_TRUE(DrainAsyncExecutor());
-    EXPECT_EQ(bag_->GetNumItems(), 12);
 }
 
 }  // namespace

@@ -60,7 +60,7 @@ public:
         std::mutex mutex;
         std::condition_variable cv;
         bool open = true;
-        int writing = 0, maxWriting = 0, started = 0;
+        int started = 0;
         std::vector<uint32_t> order;  // keys in the order their writes started
 
         void Set(bool isOpen) {
@@ -83,11 +83,9 @@ public:
         {
             std::unique_lock<std::mutex> l(gate_->mutex);
             ++gate_->started;
-            gate_->maxWriting = std::max(gate_->maxWriting, ++gate_->writing);
             gate_->order.push_back(Key());
             gate_->cv.notify_all();
             gate_->cv.wait_for(l, std::chrono::minutes(2), [&] { return gate_->open; });
-            --gate_->writing;
         }
         return TestPayload::Write(out);
     }
