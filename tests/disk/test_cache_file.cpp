@@ -23,10 +23,8 @@ File InFolder(const std::u16string& name) {
     return File(Dir(fs::path("/x")), name);
 }
 
-// Built names parse back whole. Parsing reads the version field as a base-16 number (case,
-// blanks, sign, prefix and trailing text are the parser's business; only a field without digits
-// or beyond 32 bits never matches); what follows the fourth stop is not read; a name not of our
-// format throws the format code.
+// Built names parse back whole; the version field is base 16 and a field without digits or
+// beyond 32 bits never matches; a name not of our format throws the format code.
 TEST(CacheFileName, BuildAndParseTable) {
     const std::u16string g = kGuid.AsWString();
     // 0xFF 0xFF 0xFF encodes as "////": every slash must become '-' in the name.
@@ -47,10 +45,6 @@ TEST(CacheFileName, BuildAndParseTable) {
         {g + u"..1A.AQID.zkcache", 26, 0, h123, ""},
         {g + u".TestPayload.1A.----++8=.zkcache", 26, 0, slashes, "TestPayload"},
         {g + u".M.1a.AQID.zkcache", 26, 0, h123},
-        {g + u".M. 1A.AQID.zkcache", 26, 0, h123},
-        {g + u".M.+1a.AQID.zkcache", 26, 0, h123},
-        {g + u".M.0X1a.AQID.zkcache", 26, 0, h123},
-        {g + u".M.1Azz.AQID.zkcache", 26, 0, h123},
         {g + u".M.1A.AQID.anything.at.all", 26, 0, h123},
         {g + u".M.1B.AQID.zkcache", 26, MCp_Err_AppVersion},
         {g + u".M..AQID.zkcache", 0, MCp_Err_AppVersion},

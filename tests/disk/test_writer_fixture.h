@@ -1,9 +1,6 @@
-// DiskCacheTest: the module started around each test with recording host services, a disk-cache
-// folder in a temporary root with a
-// budget, the disk cache enabled, fresh speed statistics, and a file system that reports
-// 4096-byte blocks (so every cache file is a multiple of 256 KiB) and a settable free space.
-// Plus a payload whose write waits at a gate, helpers to make and write items, and writers of
-// cache files named as the cache names them.
+// DiskCacheTest: the module started with recording host services, a disk-cache folder with a
+// budget, fresh speed statistics, and a file system of 4096-byte blocks (every cache file a
+// multiple of 256 KiB) and settable free space. Plus a gated payload and item/file helpers.
 // Thread-safety: the fixture belongs to the test's main thread; a Gate may be used by any.
 #pragma once
 
@@ -128,7 +125,6 @@ protected:
         scopedFs_.reset();
     }
 
-    // Hooks for fixtures that need another setting.
     virtual unsigned AppVersion() const { return 256; }  // "1.0" in the standalone host's rule
     virtual uint64_t BudgetMegabytes() const { return 64; }
     virtual bool WithFolder() const { return true; }  // false: no folder given yet
@@ -168,7 +164,6 @@ protected:
     }
 
     static bool DrainWriter() { return mctest::DrainDiskWriter(); }
-
     velacore::Dir Folder() const { return bag_->GetDiskCacheDirSpec(); }
 
     // Writes a file of `size` zero bytes, creating its folders.
