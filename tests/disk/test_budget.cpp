@@ -132,44 +132,32 @@ TEST_F(DiskBudget, DriveSpaceLimitsTheBudgetWhenTheVolumeIsShort) {
     MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(0);
 }
 
-// Every version's folder of this machine: its size, and the purge of every disk cache (the
-// current folder first, other versions of this machine only on request, another machine's
-// never; an item still in memory stays without a file, a disk-only one goes).
+// Every version's folder of this machine: its size; the purge empties the current folder (a
+// disk-only item goes, one in memory stays), other versions' only on request, never another
+// machine's.
 TEST_F(DiskBudget, AcrossVersionsSizeAndPurge) {
-    const fs::path product = root_.Path() / "Ostrel" / "Tessaline";
-    const fs::path old = product / "0.9" / "Disk Cache - diskb-host.noindex" / "AB" / "x.zkcache";
-    const fs::path foreign = product / "0.9" / "Disk Cache - elsewhere.noindex" / "z.zkcache";
+    const fs::path product = root_.Path() / "Ostrel" / "Tessaline" / "0.9";
+    const fs::path old = product / "Disk Cache - diskb-host.noindex" / "AB" / "x.zkcache";
+    const fs::path foreign = product / "Disk Cache - elsewhere.noindex" / "z.zkcache";
     PutFile(old, 1000);
-    PutFile(old.parent_path().parent_path() / "y.bin", 24);
     PutFile(foreign, 5000);
-    fs::create_directories(product / "0.8");  // no machine folder: counts 0 bytes
-    unsigned folders = 0;
-    EXPECT_EQ(bag_->FindDiskCacheSizeAcrossVersions(folders), 4 * kFileUnit + 1024);
-    EXPECT_EQ(folders, 3u);
-
-    fs::remove(product / "0.8");
-    items_[0]->FreeUpAsMuchAsPossible(true, nullptr);  // on disk only
-    std::vector<std::pair<unsigned, unsigned>> progress;
-    unsigned done = 0, total = 2;
-    auto purge = [&](bool otherVersions) {
+    unsigned folders = 0, done = 0, total = 2;
+    EXPECT_EQ(bag_->FindDiskCacheSizeAcrossVersions(folders), 4 * kFileUnit + 1000);
+    EXPECT_EQ(folders, 2u);
+    items_[0]->FreeUpAsMuchAsPossible(true, nullptr);
+    std::vector<unsigned> progress;
+    for (const bool others : {false, true}) {
         done = 0;
-        bag_->PurgeAllDiskCaches([&](unsigned d, unsigned t) { progress.emplace_back(d, t); },
-                                 otherVersions, done, total);
-    };
-    purge(false);
-    EXPECT_TRUE(fs::is_directory(Folder().GetFullPath()));
-    EXPECT_TRUE(AllFiles().empty());
+        bag_->PurgeAllDiskCaches([&](unsigned d, unsigned) { progress.push_back(d); }, others,
+                                 done, total);
+        EXPECT_EQ(fs::exists(old), !others);
+    }
+    EXPECT_EQ(progress, (std::vector<unsigned>{1, 1, 2}));
+    EXPECT_TRUE(fs::exists(foreign) && AllFiles().empty());
     EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
     EXPECT_TRUE(items_[1]->IsInMemory() && !items_[1]->IsOnDisk());
-    EXPECT_EQ(bag_->SnapshotItems().size(), 3u);  // the disk-only item is gone
-    EXPECT_TRUE(fs::exists(old));
-    EXPECT_EQ(done, 1u);
-    purge(true);
-    EXPECT_FALSE(fs::exists(old));
-    EXPECT_TRUE(fs::exists(foreign));
-    EXPECT_EQ(done, 2u);
-    EXPECT_EQ(progress, (std::vector<std::pair<unsigned, unsigned>>{{1, 2}, {1, 2}, {2, 2}}));
-    WriteNow(items_[2]);  // the cache goes on working in the emptied folder
+    EXPECT_EQ(bag_->SnapshotItems().size(), 3u);
+    WriteNow(items_[2]);  // the emptied folder still works
     EXPECT_TRUE(items_[2]->IsOnDisk());
 }
 

@@ -1,5 +1,5 @@
-// The speed statistics: the moving average, its cap, the merging of overlapping operations, the
-// warm-up before maxima are tracked, exact counts under contention; and the busy-time trackers.
+// The speed statistics: the moving average, its cap, the merging of overlapping operations, exact
+// counts under contention; and the busy-time trackers.
 // Time stamps are injected (nanosecond ticks), nothing sleeps.
 #include <gtest/gtest.h>
 
@@ -44,15 +44,6 @@ TEST_F(SpeedStat, AverageMergingAndCap) {
     // Overlapping the capped one: together still above the cap.
     stat_.AddSampleAt(1'000'000'000, 1.0, kStart + 30 * kSecond + kSecond / 1000);
     EXPECT_EQ(stat_.GetSampleCount(), 3);
-}
-
-TEST_F(SpeedStat, MaximaAreTrackedOnlyAfterFiftySamples) {
-    for (uint64_t i = 0; i < 50; ++i) stat_.AddSampleAt(1000, 1e-6, kStart + i * kSecond);
-    EXPECT_DOUBLE_EQ(stat_.GetMaxAverage(), 0.0);
-    EXPECT_DOUBLE_EQ(stat_.GetMaxSpeed(), 0.0);
-    stat_.AddSampleAt(1000, 1e-6, kStart + 60 * kSecond);
-    EXPECT_DOUBLE_EQ(stat_.GetMaxAverage(), stat_.GetAverage());
-    EXPECT_NEAR(stat_.GetMaxSpeed(), 1e9, 1.0);
 }
 
 TEST_F(SpeedStat, ConcurrentSamplesAreAllCountedExactly) {

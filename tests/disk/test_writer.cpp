@@ -1,4 +1,4 @@
-// The disk writer: the write decision and the check-in hooks, the queue and the two writer
+// The disk writer: the write decision, the queue and the two writer
 // threads, one-file writes and their failures, and two caches racing in one folder.
 #include <gtest/gtest.h>
 
@@ -106,37 +106,6 @@ TEST_F(WriteDecision, Table) {
     AdjustQueue(100);
     EXPECT_DOUBLE_EQ(bag_->GetDiskWriteQueueSizePercentFull(), 0.5);
     EXPECT_DOUBLE_EQ(bag_->GetAdjustedWriteTimePercent(10.0, 0.4), 2.0);  // fuller than 40 %
-}
-
-// What a check-in queues: a worthwhile item (counted, written), nothing without a compute time
-// or a bag; a full queue records the disk-busy reason; a reason-5 item gets a low-priority chance.
-TEST_F(WriteDecision, CheckinQueuesOnlyWhatIsWorthIt) {
-    const uint32_t normal = counters().normalWritesQueued.load();
-    const uint32_t low = counters().lowPriorityWritesQueued.load();
-    const uint32_t busy = counters().reasonCounts[3].load();
-    IntrusivePtr<MC_Stuff> worth = NewItemInBag(1, 1000, kNormal, 2.0);
-    worth->MaybeWriteToDisk();
-    EXPECT_TRUE(worth->WasTaggedToWriteToDisk());
-    IntrusivePtr<MC_Stuff> noTime = NewItemInBag(3, 1000, kHigh, 0.0);
-    IntrusivePtr<MC_Stuff> noBag = NewItem(4, 1000, kHigh, 2.0);
-    for (const auto& stuff : {noTime, noBag}) stuff->MaybeWriteToDisk();
-    IntrusivePtr<MC_Stuff> reason = NewItemInBag(6, 1000, MC_CachePriority_Never, 2.0);
-    reason->GetDataPtr()->SetNoDiskCache(MC_StuffData::NoDiskCacheReason_5);
-    reason->ReconsiderWriteToDisk();
-    ASSERT_TRUE(DrainWriter());
-    EXPECT_TRUE(worth->IsOnDisk() && reason->IsOnDisk());
-    EXPECT_FALSE(noTime->WasTaggedToWriteToDisk() || noBag->WasTaggedToWriteToDisk());
-    EXPECT_EQ(counters().normalWritesQueued.load(), normal + 1);
-    EXPECT_EQ(counters().lowPriorityWritesQueued.load(), low + 1);
-    EXPECT_EQ(CacheFiles().size(), 2u);
-
-    IntrusivePtr<MC_Stuff> full = NewItemInBag(2, 1000, kHigh, 2.0);
-    AdjustQueue(MCp_DiskWriteQueue::kNominalCapacity);
-    full->MaybeWriteToDisk();
-    EXPECT_FALSE(full->WasTaggedToWriteToDisk());
-    EXPECT_EQ(full->GetDataPtr()->GetReasonWhyNoDiskCache(),
-              MC_StuffData::NoDiskCacheReason_DiskBusy);
-    EXPECT_EQ(counters().reasonCounts[3].load(), busy + 1);
 }
 
 class OneWrite : public DiskCacheTest {};

@@ -1,9 +1,6 @@
-// DiskCacheTest: the module started around each test with recording host services, a disk-cache
-// folder in a temporary root with a
-// budget, the disk cache enabled, fresh speed statistics, and a file system that reports
-// 4096-byte blocks (so every cache file is a multiple of 256 KiB) and a settable free space.
-// Plus a payload whose write waits at a gate, helpers to make and write items, and writers of
-// cache files named as the cache names them.
+// DiskCacheTest: the module started with recording host services, a disk-cache folder with a
+// budget, fresh speed statistics, and a file system of 4096-byte blocks (every cache file a
+// multiple of 256 KiB) and settable free space. Plus a gated payload and item/file helpers.
 // Thread-safety: the fixture belongs to the test's main thread; a Gate may be used by any.
 #pragma once
 
@@ -60,7 +57,7 @@ public:
         std::mutex mutex;
         std::condition_variable cv;
         bool open = true;
-        int writing = 0, maxWriting = 0, started = 0;
+        int started = 0;
         std::vector<uint32_t> order;  // keys in the order their writes started
 
         void Set(bool isOpen) {
@@ -83,11 +80,9 @@ public:
         {
             std::unique_lock<std::mutex> l(gate_->mutex);
             ++gate_->started;
-            gate_->maxWriting = std::max(gate_->maxWriting, ++gate_->writing);
             gate_->order.push_back(Key());
             gate_->cv.notify_all();
             gate_->cv.wait_for(l, std::chrono::minutes(2), [&] { return gate_->open; });
-            --gate_->writing;
         }
         return TestPayload::Write(out);
     }
@@ -130,7 +125,6 @@ protected:
         scopedFs_.reset();
     }
 
-    // Hooks for fixtures that need another setting.
     virtual unsigned AppVersion() const { return 256; }  // "1.0" in the standalone host's rule
     virtual uint64_t BudgetMegabytes() const { return 64; }
     virtual bool WithFolder() const { return true; }  // false: no folder given yet
@@ -170,7 +164,6 @@ protected:
     }
 
     static bool DrainWriter() { return mctest::DrainDiskWriter(); }
-
     velacore::Dir Folder() const { return bag_->GetDiskCacheDirSpec(); }
 
     // Writes a file of `size` zero bytes, creating its folders.
