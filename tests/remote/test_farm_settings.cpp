@@ -20,8 +20,6 @@ read_only = true
 )",
                                                                  "t.toml");
     EXPECT_EQ(file.remote.urls, (std::vector<std::string>{"redis://a:1", "redis://u:pw@b:2/3"}));
-    EXPECT_EQ(file.remote.operationTimeoutMs, 750);
-    EXPECT_EQ(file.remote.maxItemBytes, 8u << 20);
     EXPECT_TRUE(file.remote.readOnly);
 
     StandaloneConfig env = file;
@@ -39,7 +37,6 @@ read_only = true
     EXPECT_EQ(env.remote.operationTimeoutMs, 90);
     EXPECT_EQ(env.remote.maxItemBytes, 8u << 20);
 
-    EXPECT_TRUE(StandaloneConfig().remote.urls.empty());  // off by default
     EXPECT_THROW(StandaloneConfig::FromTomlText("[remote]\nurl = \"x\"\n", "t.toml"),
                  velacore::StandaloneConfigError);
     EXPECT_THROW(StandaloneConfig::FromTomlText("[remote]\nurls = \"redis://a:1\"\n", "t.toml"),
