@@ -40,21 +40,6 @@ void State::Throw(Fault fault, const std::filesystem::path& path) {
     throw velacore::IOError(what + ": I/O error", EIO);
 }
 
-void State::Add(FsOp op, uint64_t skip, Fault fault, bool persistent) {
-    std::lock_guard lock(mutex_);
-    rules_.push_back({op, skip, fault, persistent});
-}
-
-void State::Clear() {
-    std::lock_guard lock(mutex_);
-    rules_.clear();
-}
-
-uint64_t State::Count(FsOp op, bool faults) const {
-    std::lock_guard lock(mutex_);
-    return counts_[static_cast<int>(op)][faults ? 1 : 0];
-}
-
 namespace {
 
 class FaultyWritableFile final : public velacore::WritableFile {

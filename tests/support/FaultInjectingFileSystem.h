@@ -76,9 +76,18 @@ public:
         // Counts a call and throws the injected fault, if any (a short write throws EIO here).
         void Check(FsOp op, const std::filesystem::path& path);
         [[noreturn]] static void Throw(Fault fault, const std::filesystem::path& path);
-        void Add(FsOp op, uint64_t skip, Fault fault, bool persistent);
-        void Clear();
-        uint64_t Count(FsOp op, bool faults) const;
+        void Add(FsOp op, uint64_t skip, Fault fault, bool persistent) {
+            std::lock_guard lock(mutex_);
+            rules_.push_back({op, skip, fault, persistent});
+        }
+        void Clear() {
+            std::lock_guard lock(mutex_);
+            rules_.clear();
+        }
+        uint64_t Count(FsOp op, bool faults) const {
+            std::lock_guard lock(mutex_);
+            return counts_[static_cast<int>(op)][faults ? 1 : 0];
+        }
 
     private:
         struct Rule {
