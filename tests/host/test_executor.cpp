@@ -174,9 +174,11 @@ TEST(Executor, SubExecutorsNeverExceedTheirCapAndKeepOrder) {
     }
     for (int i = 0; i < 300; ++i) serial->Post([&order, i] { order.push_back(i); });
     for (auto& t : posters) t.join();
+    std::latch serialDone(1);
+    serial->Post([&] { serialDone.count_down(); });  // FIFO: runs after the 300
+    serialDone.wait();
     ASSERT_TRUE(WaitUntil([&] { return done.load() == 300; }));
     EXPECT_LE(peak.load(), 2);
-    serial->Stop();
     ASSERT_EQ(order.size(), 300u);
     for (int i = 0; i < 300; ++i) ASSERT_EQ(order[i], i);
     std::latch stopped(1);
