@@ -1,12 +1,11 @@
 // Files: the operating system's error mapping, listings and removal that never follow links,
-// block writes, safe save under faults, and the byte streams.
+// block writes, and safe save under faults.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <random>
 #include <set>
 #include <string>
 
@@ -197,44 +196,6 @@ TEST(SafeSave, FinalFileIsOldOrNewAndNoTemporaryLingers) {
         }
         EXPECT_EQ(names, std::set<std::string>{"entry.zkcache"});
         EXPECT_EQ(ReadWholeFile(final.GetFullPath()), c.expectNew ? newBytes : oldBytes);
-    }
-}
-
-TEST(ByteStream, LittleEndianLayoutAndEndOfStream) {
-    velacore::OMemoryByteStream out;
-    out.WriteU32LE(0x04030201u);
-    out.WriteU64LE(0x0C0B0A0908070605ull);
-    out.WriteDoubleLE(-1.5);  // 0xBFF8000000000000
-    const std::vector<uint8_t> expected = {1,  2,  3, 4, 5, 6, 7, 8, 9,    10,
-                                           11, 12, 0, 0, 0, 0, 0, 0, 0xF8, 0xBF};
-    EXPECT_EQ(out.Data(), expected);
-    velacore::IMemoryByteStream in(out.TakeData());
-    EXPECT_EQ(in.ReadU32LE(), 0x04030201u);
-    EXPECT_EQ(in.ReadU64LE(), 0x0C0B0A0908070605ull);
-    EXPECT_EQ(in.ReadDoubleLE(), -1.5);
-    in.Seek(17);
-    EXPECT_THROW(in.ReadU32LE(), IOError);  // 3 bytes left
-}
-
-TEST(ByteStream, BufferedReaderSeeksAnywhereOverAFile) {
-    TempDir dir;
-    const auto data = PatternBytes(10000, 11);
-    mctest::WriteWholeFile(dir / "data.bin", data);
-    velacore::IBufferedByteStream in(
-        std::make_unique<velacore::IPlatformByteStream>(dir.FileAt("data.bin"), 1), 64, 16);
-    std::mt19937 random(12345);
-    for (int i = 0; i < 2000; ++i) {
-        const uint64_t offset = random() % 10100;                 // sometimes past the end
-        const size_t size = random() % (i % 10 == 0 ? 200 : 40);  // sometimes past the buffer
-        in.Seek(offset);
-        std::vector<uint8_t> got(size);
-        size_t done = 0;
-        for (size_t n = 1; done < size && n > 0; done += n)
-            n = in.ReadSome(&got[done], size - done);
-        got.resize(done);
-        const auto begin = data.begin() + std::min<size_t>(offset, data.size());
-        const auto end = data.begin() + std::min<size_t>(data.size(), offset + size);
-        ASSERT_EQ(got, std::vector<uint8_t>(begin, end)) << offset << "+" << size;
     }
 }
 
