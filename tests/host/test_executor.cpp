@@ -149,8 +149,7 @@ TEST(Executor, LastReferenceDroppedInsideItsOwnJob) {
     EXPECT_TRUE(WaitUntil([&] { return ran.load() == 2; }));
 }
 
-// Nested caps, FIFO for a serial one, posts from several threads, and a sub-executor stopped from
-// a job of its parent.
+// Nested caps, FIFO for a serial one, and a sub-executor stopped from a job of its parent.
 TEST(Executor, SubExecutorsNeverExceedTheirCapAndKeepOrder) {
     auto pool = CreateIOBoundExecutor(8);
     auto outer = CreateSubExecutor(pool, 3);
@@ -158,22 +157,16 @@ TEST(Executor, SubExecutorsNeverExceedTheirCapAndKeepOrder) {
     auto serial = CreateSubExecutor(pool, 1);
     std::atomic<int> active{0}, peak{0}, done{0};
     std::vector<int> order;  // touched by one serial job at a time
-    std::vector<std::thread> posters;
-    for (int t = 0; t < 3; ++t) {
-        posters.emplace_back([&] {
-            for (int i = 0; i < 100; ++i) {
-                inner->Post([&] {
-                    const int now = active.fetch_add(1) + 1;
-                    for (int seen = peak.load(); now > seen;) peak.compare_exchange_weak(seen, now);
-                    std::this_thread::yield();
-                    active.fetch_sub(1);
-                    done.fetch_add(1);
-                });
-            }
+    for (int i = 0; i < 300; ++i) {
+        inner->Post([&] {
+            const int now = active.fetch_add(1) + 1;
+            for (int seen = peak.load(); now > seen;) peak.compare_exchange_weak(seen, now);
+            std::this_thread::yield();
+            active.fetch_sub(1);
+            done.fetch_add(1);
         });
+        serial->Post([&order, i] { order.push_back(i); });
     }
-    for (int i = 0; i < 300; ++i) serial->Post([&order, i] { order.push_back(i); });
-    for (auto& t : posters) t.join();
     std::latch serialDone(1);
     serial->Post([&] { serialDone.count_down(); });  // FIFO: runs after the 300
     serialDone.wait();

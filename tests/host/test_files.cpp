@@ -1,5 +1,5 @@
 // Files: the operating system's error mapping, listings and removal that never follow links,
-// block writes, and safe save under faults.
+// and block writes (safe save under faults is driven by the disk writer's fault table).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -11,11 +11,8 @@
 
 #include "host/NativeFileSystem.h"
 #include "mc/host/AlignedBuffer.h"
-#include "mc/host/ByteStream.h"
 #include "mc/host/Errors.h"
 #include "mc/host/FileSystem.h"
-#include "mc/host/SafeSave.h"
-#include "support/FaultInjectingFileSystem.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -149,53 +146,6 @@ TEST(DirectWrite, BytesOnDiskMatchWhateverTheMode) {
         file->Close();
         EXPECT_EQ(ReadWholeFile(path), data);
         EXPECT_TRUE(fs != buffered.get() || !direct);
-    }
-}
-
-// Whatever fails, the folder ends holding only the final file, with the old or the new bytes.
-TEST(SafeSave, FinalFileIsOldOrNewAndNoTemporaryLingers) {
-    using mctest::Fault;
-    using mctest::FsOp;
-    struct Case {
-        const char* name;
-        FsOp op;  // kCount: no fault
-        Fault fault;
-        bool commit;
-        bool expectNew;
-        int expectErrno;
-    };
-    const Case cases[] = {
-        {"committed", FsOp::kCount, Fault::kIoError, true, true, 0},
-        {"dropped", FsOp::kCount, Fault::kIoError, false, false, 0},
-        {"short write", FsOp::kAppend, Fault::kShortWrite, true, false, ENOSPC},
-        {"failed rename", FsOp::kRename, Fault::kIoError, true, false, EIO},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        TempDir dir;
-        const velacore::File final = dir.FileAt("entry.zkcache");
-        const auto oldBytes = PatternBytes(1000, 1);
-        const auto newBytes = PatternBytes(70000, 2);
-        mctest::WriteWholeFile(final.GetFullPath(), oldBytes);
-        auto fault = std::make_shared<mctest::FaultInjectingFileSystem>();
-        mctest::ScopedFileSystem scoped(fault);
-        if (c.op != FsOp::kCount) fault->FailNth(c.op, 1, c.fault);
-        int error = ErrnoOf([&] {
-            velacore::SafeSave save(final);
-            EXPECT_EQ(save.GetTempFile().GetName(), u"entry.zkcache.tmp");
-            velacore::OPlatformByteStream out(save.GetTempFile());
-            out.WriteBytes(newBytes.data(), newBytes.size());
-            out.Close();
-            EXPECT_EQ(ReadWholeFile(final.GetFullPath()), oldBytes);  // untouched until commit
-            if (c.commit) save.Commit();
-        });
-        EXPECT_EQ(error, c.expectErrno);
-        std::set<std::string> names;
-        for (const auto& e : std::filesystem::directory_iterator(dir.Path())) {
-            names.insert(e.path().filename().string());
-        }
-        EXPECT_EQ(names, std::set<std::string>{"entry.zkcache"});
-        EXPECT_EQ(ReadWholeFile(final.GetFullPath()), c.expectNew ? newBytes : oldBytes);
     }
 }
 

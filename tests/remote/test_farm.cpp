@@ -1,5 +1,5 @@
 // The remote tier end to end against a real redis-server: what one machine renders another gets
-// without rendering, with the right choice among variants, never with damaged or partial bytes,
+// without rendering, never with damaged or partial bytes,
 // and the cache keeps working when a server dies, refuses, or evicts.
 #include "FarmFixture.h"
 
@@ -34,22 +34,6 @@ TEST_F(FarmTest, ItemsOfEverySizeComeBackOnAnotherMachineWithoutRendering) {
     bool fromFarm = true;
     EXPECT_TRUE(HasKeyPattern(Fetch(100, 0, &fromFarm), 100, 1));
     EXPECT_FALSE(fromFarm);
-}
-
-TEST_F(FarmTest, IdenticalIsChosenBeforeSatisfyingAndNoMatchIsAMiss) {
-    RedisServer server;
-    ASSERT_TRUE(server.Start());
-    UseServers({server.Url()});
-    ASSERT_TRUE(RenderAndPublish(7, 1000, 1));
-    ASSERT_TRUE(RenderAndPublish(7, 2000, 3));
-    ASSERT_TRUE(RenderAndPublish(7, 3000, 5));
-    // Identical (same variant) wins over an earlier satisfying one; else the first that satisfies.
-    const std::pair<uint32_t, uint32_t> cases[] = {{3, 3}, {1, 1}, {4, 5}, {6, 0}};
-    for (const auto& [want, got] : cases) {
-        Rebirth();
-        auto* p = dynamic_cast<TestPayload*>(Fetch(7, want).get());
-        EXPECT_EQ(p ? p->Variant() : 0, got) << want;
-    }
 }
 
 TEST_F(FarmTest, DamagedTruncatedOrMissingValuesAreMissesAndTheEntryIsDeleted) {

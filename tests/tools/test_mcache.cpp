@@ -1,6 +1,6 @@
 // The mcache tool's commands, run in-process against real folders: a small demo twice on one
 // folder, then ls, verify (with damaged files), du, trim and purge, with their output and exit
-// codes; usage errors; the progress line and the report.
+// codes; usage errors; the report.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -56,9 +56,6 @@ std::vector<fs::path> CacheFiles(const fs::path& folder) {
         if (e.path().extension() == ".zkcache") files.push_back(e.path());
     return files;
 }
-size_t CountCacheFiles(const fs::path& folder) {
-    return CacheFiles(folder).size();
-}
 
 class McacheTool : public ::testing::Test {
 protected:
@@ -67,6 +64,9 @@ protected:
 };
 
 TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
+    fs::create_directories(root());
+    EXPECT_EQ(Mcache({"purge", root().string()}).status, 0);
+    EXPECT_TRUE(fs::is_empty(root()));  // purging where no cache is creates nothing
     // First run: renders, purges memory under pressure, writes files, and draws its report.
     const fs::path svg = temp_.Path() / "report.svg";
     std::vector<std::string> args = DemoArgs(root());
@@ -93,7 +93,7 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
 
     const fs::path folder = CacheFolder(root());
     ASSERT_FALSE(folder.empty());
-    const size_t files = CountCacheFiles(folder);
+    const size_t files = CacheFiles(folder).size();
     EXPECT_GT(files, 0u);
 
     // Second run on the same folder: the first pass comes back from disk.
@@ -106,10 +106,8 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
               j1["passes"][0]["rendered"].get<uint64_t>());
 
     // ls lists every file with its match name.
-    ToolRun ls = Mcache({"ls", folder.string()});
-    EXPECT_EQ(ls.status, 0);
-    EXPECT_NE(ls.out.find("DemoFrame"), std::string::npos);
-    EXPECT_NE(ls.out.find(std::to_string(CountCacheFiles(folder)) + " files"), std::string::npos);
+    EXPECT_NE(Mcache({"ls", folder.string()}).out.find(std::to_string(files) + " files"),
+              std::string::npos);
 
     // verify: clean, then with damaged files, then deleting them; foreign files stay.
     ToolRun clean = Mcache({"verify", folder.string()});
@@ -141,8 +139,6 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
     const auto usage = nlohmann::json::parse(du.out);
     EXPECT_EQ(usage["versions"].size(), 1u);
     const uint64_t total = usage["total"]["bytes"].get<uint64_t>();
-    EXPECT_GT(total, 0u);
-    EXPECT_NE(Mcache({"du", root().string()}).out.find("1.0 (256)"), std::string::npos);
 
     // trim deletes least recently used files first, down to the budget.
     std::vector<fs::path> lru = CacheFiles(folder);
@@ -161,14 +157,12 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
     EXPECT_TRUE(fs::exists(lru[1]));
 
     // purge: a dry run deletes nothing; then this version's cache is emptied.
-    ToolRun dry = Mcache({"purge", "--dry-run", "--json", root().string()});
-    ASSERT_EQ(dry.status, 0) << dry.err;
-    EXPECT_GE(nlohmann::json::parse(dry.out)["purged_files"].get<size_t>(), lru.size() - 1);
-    EXPECT_EQ(CountCacheFiles(root()), lru.size() - 1);
+    ASSERT_EQ(Mcache({"purge", "--dry-run", root().string()}).status, 0);
+    EXPECT_EQ(CacheFiles(root()).size(), lru.size() - 1);
     ToolRun purge = Mcache({"purge", "--json", root().string()});
     EXPECT_EQ(purge.status, 0) << purge.err;
     EXPECT_GT(nlohmann::json::parse(purge.out)["purged_bytes"].get<uint64_t>(), 0u);
-    EXPECT_EQ(CountCacheFiles(root()), 0u);
+    EXPECT_EQ(CacheFiles(root()).size(), 0u);
 }
 
 TEST_F(McacheTool, VerifyStrictRejectsAHeaderOfRandomBytesAndJsonSurvivesOddNames) {
@@ -192,35 +186,22 @@ TEST_F(McacheTool, VerifyStrictRejectsAHeaderOfRandomBytesAndJsonSurvivesOddName
     EXPECT_FALSE(fs::exists(folder / "\xff\xfe-not-utf8.zkcache"));
 }
 
-TEST_F(McacheTool, PurgeOfARootWithoutACacheCreatesNothing) {
-    fs::create_directories(root());
-    ToolRun r = Mcache({"purge", root().string()});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(fs::is_empty(root()));
-}
-
 TEST_F(McacheTool, EveryErrorIsOneLineAndStatusTwo) {
     const std::string absent = (temp_.Path() / "absent").string();
-    const std::string file = (temp_.Path() / "plain-file").string();
-    std::ofstream(file) << "x";
     const std::string folder = root().string();
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"ls", absent}, "no such folder"},
-        {{"ls", file}, "not a folder"},
         {{"bogus"}, "unknown command 'bogus'"},
-        {{}, "subcommand"},
         {{"demo", "--frames", "0"}, "--frames"},
         {{"trim", folder}, "--to"},
         {{"demo", "--folder", folder, "--memory-budget", "99999999999999999999G"}, "too large"},
-        {{"demo", "--folder", folder, "--disk-budget", "10%"}, "percentage"},
-        {{"demo", "--folder", folder, "--cache-priority", "urgent"}, "--cache-priority"},
         {{"demo", "--folder", folder, "--report", absent + "/r.svg"}, "--report"},
         {{"demo", "--folder", folder, "--frames", "4", "--quiet", "--plugin", absent + ".so"},
          "plug-in"},
     };
     for (const auto& [args, words] : cases) {
         ToolRun r = Mcache(args);
-        const std::string what = args.empty() ? "(none)" : args[0] + " " + args.back();
+        const std::string what = args[0] + " " + args.back();
         EXPECT_EQ(r.status, 2) << what;
         EXPECT_NE(r.err.find(words), std::string::npos) << what << ": " << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << what << ": " << r.err;
