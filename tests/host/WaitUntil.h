@@ -1,5 +1,5 @@
-// WaitUntil: polls a condition another thread makes true, with a bound (the test fails instead
-// of hanging when it never holds).
+// WaitUntil: waits for a state another thread reaches and the code reports (a counter, a flag),
+// with a bound: the test fails instead of hanging when it never holds.
 #pragma once
 
 #include <chrono>
@@ -12,7 +12,7 @@ bool WaitUntil(Pred pred, std::chrono::seconds limit = std::chrono::seconds(50))
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!pred()) {
         if (std::chrono::steady_clock::now() > deadline) return pred();
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        std::this_thread::yield();
     }
     return true;
 }

@@ -1,5 +1,5 @@
-// Weak references racing the last release: every Lock gets a live object or null, and the
-// object is destroyed exactly once (run it under TSAN and ASan too).
+// Weak references racing the last release: every Lock gets a live object of this round or null,
+// and the object is destroyed exactly once (run it under TSAN and ASan too).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -12,15 +12,11 @@
 namespace velacore {
 namespace {
 
-class Watched : public RefCountedObjectWithWeakPtr {
-public:
-    Watched(std::atomic<int>* destroyed, int value) : destroyed_(destroyed), value_(value) {}
-    ~Watched() override { destroyed_->fetch_add(1); }
-    int Value() const { return value_; }
-
-private:
-    std::atomic<int>* destroyed_;
-    int value_;
+struct Watched : RefCountedObjectWithWeakPtr {
+    Watched(std::atomic<int>* d, int v) : destroyed(d), value(v) {}
+    ~Watched() override { destroyed->fetch_add(1); }
+    std::atomic<int>* destroyed;
+    int value;
 };
 
 TEST(WeakPtr, LockRacesTheLastRelease) {
@@ -28,22 +24,18 @@ TEST(WeakPtr, LockRacesTheLastRelease) {
     GTEST_SKIP() << "std::barrier can lose a wake-up with MinGW's libstdc++ 12 (no futex)";
 #endif
     constexpr int kRounds = 2000;
-    constexpr int kLockers = 3;
     std::atomic<int> destroyed{0}, badValues{0};
-    std::barrier barrier(kLockers + 1);
+    std::barrier barrier(4);
     WeakPtr<Watched> shared;  // written by the main thread between the two barriers
     int round = 0;
     std::vector<std::thread> lockers;
-    for (int t = 0; t < kLockers; ++t) {
+    for (int t = 0; t < 3; ++t) {
         lockers.emplace_back([&] {
-            for (;;) {
-                barrier.arrive_and_wait();  // round starts
-                if (round == kRounds) return;
-                const WeakPtr<Watched> w = shared;
+            for (barrier.arrive_and_wait(); round < kRounds; barrier.arrive_and_wait()) {
                 for (int i = 0; i < 20; ++i) {
-                    IntrusivePtr<Watched> got = w.Lock();
+                    IntrusivePtr<Watched> got = shared.Lock();
                     if (!got) break;
-                    badValues += got->Value() != round ? 1 : 0;
+                    badValues += got->value != round ? 1 : 0;
                 }
                 barrier.arrive_and_wait();  // round ends
             }

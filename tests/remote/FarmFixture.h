@@ -1,8 +1,7 @@
-// FarmTest: a private redis-server on a free loopback port (no persistence, in a temporary
-// folder) that a test can kill and restart, and the module started as one "machine" with the
-// remote tier pointed at it; Rebirth() starts it again as another machine with an empty memory
-// and disk. Helpers render an item, wait for publication, and talk to the server directly.
-// Tests skip with a message when redis-server is not installed.
+// FarmTest: a private redis-server on a free loopback port (no persistence) that a test can kill
+// and restart, and the module started as one "machine" with the remote tier pointed at it;
+// Rebirth() starts it again as another machine with an empty memory and disk. Tests skip when
+// redis-server is not installed.
 // Thread-safety: the fixture belongs to the test's main thread.
 #pragma once
 
@@ -15,10 +14,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
-#include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,13 +34,10 @@ namespace farmtest {
 
 using mctest::TestPayload;
 using velacore::IntrusivePtr;
-using Clock = std::chrono::steady_clock;
 
 inline std::string RedisServerBinary() {
-    for (const char* dir : {"/usr/bin", "/usr/local/bin", "/usr/sbin"}) {
-        const std::string p = std::string(dir) + "/redis-server";
-        if (::access(p.c_str(), X_OK) == 0) return p;
-    }
+    for (const char* p : {"/usr/bin/redis-server", "/usr/local/bin/redis-server"})
+        if (::access(p, X_OK) == 0) return p;
     return {};
 }
 
@@ -56,47 +49,35 @@ inline int FreeLoopbackPort() {
     socklen_t len = sizeof a;
     ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    const int port = ntohs(a.sin_port);
     ::close(fd);
-    return port;
+    return ntohs(a.sin_port);
 }
 
 // One redis-server child process.
 class RedisServer {
 public:
     explicit RedisServer(std::vector<std::string> extra = {})
-        : port_(FreeLoopbackPort()), extra_(std::move(extra)) {}
+        : port_(FreeLoopbackPort()), args_(std::move(extra)) {
+        const std::string fixed = "--save  --appendonly no --bind 127.0.0.1 --logfile redis.log";
+        args_.insert(args_.begin(), {RedisServerBinary(), "--port", std::to_string(port_), "--dir",
+                                     dir_.Path().string()});
+        for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1)
+            args_.push_back(fixed.substr(at, (end = fixed.find(' ', at)) - at));
+    }
     ~RedisServer() { Kill(); }
 
     bool Start() {
-        const std::string bin = RedisServerBinary();
-        std::vector<std::string> args = {bin,
-                                         "--port",
-                                         std::to_string(port_),
-                                         "--bind",
-                                         "127.0.0.1",
-                                         "--save",
-                                         "",
-                                         "--appendonly",
-                                         "no",
-                                         "--dir",
-                                         dir_.Path().string(),
-                                         "--logfile",
-                                         (dir_.Path() / "redis.log").string()};
-        args.insert(args.end(), extra_.begin(), extra_.end());
         pid_ = ::fork();
         if (pid_ == 0) {
             std::vector<char*> argv;
-            for (std::string& a : args) argv.push_back(a.data());
+            for (std::string& a : args_) argv.push_back(a.data());
             argv.push_back(nullptr);
             ::execv(argv[0], argv.data());
             ::_exit(127);
         }
-        const auto deadline = Clock::now() + std::chrono::seconds(20);
-        while (Clock::now() < deadline) {
-            if (auto r = Do({"PING"}); r) return true;  // PONG, or NOAUTH with a password
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
+        // Polls its readiness: PONG, or NOAUTH with a password.
+        for (int i = 0; i < 1000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
+            if (Do({"PING"})) return true;
         return false;
     }
     void Kill() {
@@ -105,20 +86,15 @@ public:
         ::waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }
-    int Port() const { return port_; }
     std::string Url(const std::string& creds = {}) const {
         return "redis://" + (creds.empty() ? "" : creds + "@") +
                "127.0.0.1:" + std::to_string(port_);
     }
-    // One command on a fresh connection (authenticating with `password` when given).
-    mc_remote::Reply Do(const std::vector<std::string>& args, const std::string& password = {}) {
-        timeval tv{2, 0};
+    // One command on a fresh connection.
+    mc_remote::Reply Do(const std::vector<std::string>& args) {
         std::unique_ptr<redisContext, decltype(&redisFree)> c(
-            redisConnectWithTimeout("127.0.0.1", port_, tv), &redisFree);
+            redisConnectWithTimeout("127.0.0.1", port_, timeval{2, 0}), &redisFree);
         if (!c || c->err) return nullptr;
-        if (!password.empty())
-            mc_remote::Reply(static_cast<redisReply*>(
-                redisCommand(c.get(), "AUTH %b", password.data(), password.size())));
         std::vector<const char*> argv;
         std::vector<size_t> len;
         for (const std::string& a : args) {
@@ -140,7 +116,7 @@ public:
 private:
     mctest::TempDir dir_{"mc-redis"};
     int port_;
-    std::vector<std::string> extra_;
+    std::vector<std::string> args_;
     pid_t pid_ = -1;
 };
 
@@ -150,23 +126,11 @@ public:
     velacore::RemoteTierSettings remote;
 };
 
-// Polls `done` until it holds or `seconds` pass (for what happens on other threads and servers).
-inline bool Eventually(const std::function<bool()>& done, int seconds = 20) {
-    const auto deadline = Clock::now() + std::chrono::seconds(seconds);
-    while (!done()) {
-        if (Clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
+// Whether data is the payload Render(key, size) made, byte for byte.
 inline bool HasKeyPattern(const IntrusivePtr<MC_StuffData>& data, uint32_t key, uint32_t size) {
     auto* payload = dynamic_cast<TestPayload*>(data.get());
-    std::shared_ptr<std::vector<uint8_t>> bytes = payload ? payload->Bytes() : nullptr;
-    if (!bytes || bytes->size() != size) return false;
-    for (uint32_t i = 0; i < size; ++i)
-        if ((*bytes)[i] != static_cast<uint8_t>((key * 131 + i) & 0xFF)) return false;
-    return true;
+    auto bytes = payload ? payload->Bytes() : nullptr;
+    return bytes && *bytes == *TestPayload(key, size).Bytes();
 }
 
 class FarmTest : public ::testing::Test {
@@ -181,8 +145,8 @@ protected:
         scoped_ = std::make_unique<mctest::ScopedHostServices>(host_);
         mc_settings::ResetForTesting();
         auto& c = MCp_GetCounters();
-        for (auto* n : {&c.remoteHits, &c.remoteMisses, &c.remotePublished, &c.remotePublishDrops,
-                        &c.remoteChecksumRejects, &c.remoteTimeouts, &c.remoteBackoffs})
+        for (auto* n :
+             {&c.remoteHits, &c.remotePublished, &c.remoteChecksumRejects, &c.remoteBackoffs})
             n->store(0);
         Birth();
     }
@@ -222,13 +186,13 @@ protected:
         p->SetCachePriority(MC_CachePriority_High);
         r.GetStuffPtr()->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(p), 0.5);
     }
-    // Renders and waits until the tier has published it (or failed to).
+    // Renders and waits until the disk writer and then the tier have sent it on (or dropped it).
     bool RenderAndPublish(uint32_t key, uint32_t size, uint32_t variant = 0) {
         auto& c = MCp_GetCounters();
         const uint32_t before = c.remotePublished.load() + c.remotePublishDrops.load();
         Render(key, size, variant);
-        return Eventually(
-            [&] { return c.remotePublished.load() + c.remotePublishDrops.load() > before; });
+        return MC_Bag::WaitForDiskWrites(20) && MCr_WaitForPublishing(20) &&
+               c.remotePublished.load() + c.remotePublishDrops.load() > before;
     }
     // What a request finds: the payload when the remote tier (or memory) had it, else null
     // (a pending item was created, and is abandoned).

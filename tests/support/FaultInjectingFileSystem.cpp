@@ -1,3 +1,4 @@
+// The fault-injecting file system for tests (see FaultInjectingFileSystem.h).
 #include "support/FaultInjectingFileSystem.h"
 
 #include <cerrno>
@@ -7,76 +8,60 @@
 
 namespace mctest {
 
-using State = FaultInjectingFileSystem::State;
-
-bool State::Enter(FsOp op, Fault* fault) {
-    std::lock_guard lock(mutex_);
-    auto& counts = counts_[static_cast<int>(op)];
-    ++counts[0];
+bool FaultRules::Enter(FsOp op, Fault* fault) {
+    std::lock_guard lock(mutex);
+    auto& count = counts[static_cast<int>(op)];
+    ++count[0];
     bool fails = false;
-    for (auto it = rules_.begin(); it != rules_.end();) {
+    for (auto it = rules.begin(); it != rules.end();) {
         if (it->op != op) {
             ++it;
         } else if (it->skip > 0) {
             --(it++)->skip;
         } else {
-            if (!fails) *fault = it->fault;  // the earliest added wins
+            if (!fails) *fault = it->fault;
             fails = true;
-            it = it->persistent ? it + 1 : rules_.erase(it);
+            it = it->persistent ? it + 1 : rules.erase(it);
         }
     }
-    if (fails) ++counts[1];
+    count[1] += fails ? 1 : 0;
     return fails;
 }
 
-void State::Check(FsOp op, const std::filesystem::path& path) {
+void FaultRules::Check(FsOp op, const std::filesystem::path& path) {
     Fault fault{};
     if (Enter(op, &fault)) Throw(fault == Fault::kShortWrite ? Fault::kIoError : fault, path);
 }
 
-void State::Throw(Fault fault, const std::filesystem::path& path) {
+void FaultRules::Throw(Fault fault, const std::filesystem::path& path) {
     const std::string what = "injected failure on '" + path.string() + "'";
     if (fault == Fault::kNoSpace) throw velacore::IOError(what + ": no space left", ENOSPC);
     throw velacore::IOError(what + ": I/O error", EIO);
 }
 
-void State::Add(FsOp op, uint64_t skip, Fault fault, bool persistent) {
-    std::lock_guard lock(mutex_);
-    rules_.push_back({op, skip, fault, persistent});
-}
-
-void State::Clear() {
-    std::lock_guard lock(mutex_);
-    rules_.clear();
-}
-
-uint64_t State::Count(FsOp op, bool faults) const {
-    std::lock_guard lock(mutex_);
-    return counts_[static_cast<int>(op)][faults ? 1 : 0];
-}
-
 namespace {
 
-class FaultyWritableFile final : public velacore::WritableFile {
-public:
-    FaultyWritableFile(std::unique_ptr<WritableFile> target, std::shared_ptr<State> state,
-                       std::filesystem::path path)
-        : target_(std::move(target)), state_(std::move(state)), path_(std::move(path)) {}
+// What the files opened through the fault-injecting file system share.
+struct FaultyFile {
+    std::shared_ptr<FaultRules> rules;
+    std::filesystem::path path;
+};
 
+class FaultyWritableFile final : public velacore::WritableFile, FaultyFile {
+public:
+    FaultyWritableFile(std::unique_ptr<WritableFile> target, FaultyFile file)
+        : FaultyFile(std::move(file)), target_(std::move(target)) {}
     void Append(const void* data, size_t size) override {
         Fault fault{};
-        if (state_->Enter(FsOp::kAppend, &fault)) {
-            if (fault == Fault::kShortWrite) {
-                target_->Append(data, size / 2);
-                fault = Fault::kNoSpace;
-            }
-            State::Throw(fault, path_);
+        if (rules->Enter(FsOp::kAppend, &fault)) {
+            if (fault == Fault::kShortWrite) target_->Append(data, size / 2);
+            FaultRules::Throw(fault == Fault::kShortWrite ? Fault::kNoSpace : fault, path);
         }
         target_->Append(data, size);
     }
     void Sync() override { target_->Sync(); }
     void Close() override {
-        state_->Check(FsOp::kClose, path_);
+        rules->Check(FsOp::kClose, path);
         target_->Close();
     }
     bool IsDirectIo() const override { return target_->IsDirectIo(); }
@@ -84,18 +69,14 @@ public:
 
 private:
     std::unique_ptr<WritableFile> target_;
-    std::shared_ptr<State> state_;
-    std::filesystem::path path_;
 };
 
-class FaultyReadableFile final : public velacore::ReadableFile {
+class FaultyReadableFile final : public velacore::ReadableFile, FaultyFile {
 public:
-    FaultyReadableFile(std::unique_ptr<ReadableFile> target, std::shared_ptr<State> state,
-                       std::filesystem::path path)
-        : target_(std::move(target)), state_(std::move(state)), path_(std::move(path)) {}
-
+    FaultyReadableFile(std::unique_ptr<ReadableFile> target, FaultyFile file)
+        : FaultyFile(std::move(file)), target_(std::move(target)) {}
     size_t Read(void* buffer, size_t size) override {
-        state_->Check(FsOp::kRead, path_);
+        rules->Check(FsOp::kRead, path);
         return target_->Read(buffer, size);
     }
     void Seek(uint64_t offset) override { target_->Seek(offset); }
@@ -103,26 +84,21 @@ public:
 
 private:
     std::unique_ptr<ReadableFile> target_;
-    std::shared_ptr<State> state_;
-    std::filesystem::path path_;
 };
 
 }  // namespace
 
-FaultInjectingFileSystem::FaultInjectingFileSystem(std::shared_ptr<velacore::FileSystem> target)
-    : FileSystemWrapper(std::move(target)) {}
-
 std::unique_ptr<velacore::WritableFile> FaultInjectingFileSystem::OpenForDirectWrite(
     const std::filesystem::path& path) {
-    state_->Check(FsOp::kOpenForDirectWrite, path);
-    return std::make_unique<FaultyWritableFile>(FileSystemWrapper::OpenForDirectWrite(path), state_,
-                                                path);
+    rules_->Check(FsOp::kOpenForDirectWrite, path);
+    return std::make_unique<FaultyWritableFile>(FileSystemWrapper::OpenForDirectWrite(path),
+                                                FaultyFile{rules_, path});
 }
 
 std::unique_ptr<velacore::ReadableFile> FaultInjectingFileSystem::OpenForRead(
     const std::filesystem::path& path) {
-    state_->Check(FsOp::kOpenForRead, path);
-    return std::make_unique<FaultyReadableFile>(FileSystemWrapper::OpenForRead(path), state_, path);
+    return std::make_unique<FaultyReadableFile>(FileSystemWrapper::OpenForRead(path),
+                                                FaultyFile{rules_, path});
 }
 
 }  // namespace mctest

@@ -21,7 +21,6 @@ enum class FsOp : int {
     kOpenForDirectWrite,
     kAppend,
     kClose,
-    kOpenForRead,
     kRead,
     kCreateFile,
     kRename,
@@ -35,11 +34,33 @@ enum class Fault {
     kShortWrite,  // Append: half the bytes reach the file, then IOError ENOSPC; else as kIoError
 };
 
+// Counters and pending failures, shared by the file system and the files it opens.
+class FaultRules {
+public:
+    // Counts a call of `op`; returns whether it fails, and with which fault (the earliest rule
+    // added wins).
+    bool Enter(FsOp op, Fault* fault);
+    // Counts a call and throws its injected fault, if any (a short write throws EIO here).
+    void Check(FsOp op, const std::filesystem::path& path);
+    [[noreturn]] static void Throw(Fault fault, const std::filesystem::path& path);
+
+    struct Rule {
+        FsOp op;
+        uint64_t skip;  // calls still to let through
+        Fault fault;
+        bool persistent;
+    };
+    mutable std::mutex mutex;
+    std::array<std::array<uint64_t, 2>, static_cast<int>(FsOp::kCount)> counts{};  // calls, faults
+    std::vector<Rule> rules;
+};
+
 class FaultInjectingFileSystem : public velacore::FileSystemWrapper {
 public:
     // Wraps `target` (the operating system's by default).
     explicit FaultInjectingFileSystem(
-        std::shared_ptr<velacore::FileSystem> target = velacore::GetDefaultFileSystem());
+        std::shared_ptr<velacore::FileSystem> target = velacore::GetDefaultFileSystem())
+        : FileSystemWrapper(std::move(target)) {}
 
     // The n-th call of `op` from now (1 = the next one; 0 counts as 1) fails with `fault`; the
     // others pass. When two failures are due on the same call, the one added first decides.
@@ -47,56 +68,40 @@ public:
     // Every call of `op` from the n-th from now on fails with `fault`.
     void FailFrom(FsOp op, uint64_t n, Fault fault) { AddRule(op, n, fault, true); }
     // Forgets every pending failure.
-    void ClearFaults() { state_->Clear(); }
+    void ClearFaults() {
+        std::lock_guard lock(rules_->mutex);
+        rules_->rules.clear();
+    }
     // Calls of `op` since construction (failed ones included), and those made to fail.
-    uint64_t CallCount(FsOp op) const { return state_->Count(op, false); }
-    uint64_t FaultCount(FsOp op) const { return state_->Count(op, true); }
+    uint64_t CallCount(FsOp op) const { return Count(op, 0); }
+    uint64_t FaultCount(FsOp op) const { return Count(op, 1); }
 
     std::unique_ptr<velacore::WritableFile> OpenForDirectWrite(
         const std::filesystem::path& path) override;
     std::unique_ptr<velacore::ReadableFile> OpenForRead(const std::filesystem::path& path) override;
     void CreateFile(const std::filesystem::path& path, bool failIfExists) override {
-        state_->Check(FsOp::kCreateFile, path);
+        rules_->Check(FsOp::kCreateFile, path);
         FileSystemWrapper::CreateFile(path, failIfExists);
     }
     void Rename(const std::filesystem::path& from, const std::filesystem::path& to) override {
-        state_->Check(FsOp::kRename, from);
+        rules_->Check(FsOp::kRename, from);
         FileSystemWrapper::Rename(from, to);
     }
     void CreateDirectory(const std::filesystem::path& path) override {
-        state_->Check(FsOp::kCreateDirectory, path);
+        rules_->Check(FsOp::kCreateDirectory, path);
         FileSystemWrapper::CreateDirectory(path);
     }
 
-    // Counters and pending failures, shared with the files it opens.
-    class State {
-    public:
-        // Counts a call of `op`; returns whether it fails, and with which fault.
-        bool Enter(FsOp op, Fault* fault);
-        // Counts a call and throws the injected fault, if any (a short write throws EIO here).
-        void Check(FsOp op, const std::filesystem::path& path);
-        [[noreturn]] static void Throw(Fault fault, const std::filesystem::path& path);
-        void Add(FsOp op, uint64_t skip, Fault fault, bool persistent);
-        void Clear();
-        uint64_t Count(FsOp op, bool faults) const;
-
-    private:
-        struct Rule {
-            FsOp op;
-            uint64_t skip;  // calls still to let through
-            Fault fault;
-            bool persistent;
-        };
-        mutable std::mutex mutex_;
-        std::array<std::array<uint64_t, 2>, static_cast<int>(FsOp::kCount)> counts_{};
-        std::vector<Rule> rules_;
-    };
-
 private:
     void AddRule(FsOp op, uint64_t n, Fault fault, bool persistent) {
-        state_->Add(op, n > 0 ? n - 1 : 0, fault, persistent);
+        std::lock_guard lock(rules_->mutex);
+        rules_->rules.push_back({op, n > 0 ? n - 1 : 0, fault, persistent});
     }
-    std::shared_ptr<State> state_ = std::make_shared<State>();
+    uint64_t Count(FsOp op, int column) const {
+        std::lock_guard lock(rules_->mutex);
+        return rules_->counts[static_cast<int>(op)][column];
+    }
+    std::shared_ptr<FaultRules> rules_ = std::make_shared<FaultRules>();
 };
 
 // Installs a FileSystem for the lifetime of the object, then puts back the previous one.

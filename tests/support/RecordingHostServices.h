@@ -1,11 +1,10 @@
 // RecordingHostServices: the standalone services with what tests script or observe on top.
 // Memory pressure and limits are scripted (no monitor thread runs); reports, log and trace lines
-// are recorded; the thread questions (main thread, notify lock) are switches; identity can change
-// at any time; top-level functions can be deferred and allocations made to fail. Everything else
-// forwards to a StandaloneHostServices (Standalone()). ScopedHostServices installs services for
-// a scope.
+// are recorded; the thread questions (main thread, notify lock) are switches; top-level functions
+// can be deferred and allocations made to fail. Everything else is the standalone services'.
+// ScopedHostServices installs services for a scope.
 // Thread-safety: every method may be called from any thread (one mutex guards the records;
-// scripted functions and memory-client hooks are called with it released).
+// scripted functions are called with it released).
 #pragma once
 
 #include <cstdint>
@@ -26,23 +25,20 @@
 
 namespace mctest {
 
-class RecordingHostServices : public velacore::HostServicesWrapper {
+class RecordingHostServices : public velacore::StandaloneHostServices {
 public:
     struct ErrString {
         uint32_t base = 0;
         int severity = 0;
         std::u16string text;
-        bool quiet = false;  // reported while errors were quiet on that thread
     };
     struct ErrorReport {
         std::u16string text;
         int category = 0;
-        bool quiet = false;
     };
     struct LogLine {
         int level = 0;
-        std::string category;
-        std::string text;
+        std::string category, text;
     };
     struct TraceLine {
         std::string channel;
@@ -50,46 +46,71 @@ public:
         std::string text;
     };
 
-    // The constructing thread is the main thread; memory limits 1 GiB of 4 GiB, media budget
-    // 1 GiB, computer "recording-host", client version "1.0"; no pressure.
-    RecordingHostServices();
+    // The constructing thread is the main thread; memory limits 1 GiB of 4 GiB, memory and media
+    // budgets 1 GiB, computer "recording-host", client version "1.0"; no pressure.
+    RecordingHostServices() : StandaloneHostServices(Config()) {}
 
-    // --- overridden: scripted ---------------------------------------------------------------
+    // --- scripted -----------------------------------------------------------------------------
     int GetMemUsageLimits(uint64_t* limit, uint64_t* physical) override;
     uint64_t AmountToPurge() override { return Get(amountToPurge_); }
     uint64_t AmountAvailableBeforePurge() override { return Get(amountAvailable_); }
     void PurgeRecycledMemory() override;
     // Kept (HasMemoryClient), never called: memory pressure is scripted.
-    void SetMemoryClient(std::function<int64_t()> usage, std::function<void()> purge) override;
-    int StartQuietErrorsOnCurrentThread(int level) override;
-    bool IsOnMainThread() override;
-    bool IsHoldingNotifyLock() override;
+    void SetMemoryClient(std::function<int64_t()> usage, std::function<void()> purge) override {
+        Set(hasMemoryClient_, usage || purge);
+    }
+    int StartQuietErrorsOnCurrentThread(int level) override {
+        const int refusal = Get(quietRefusal_);
+        return refusal ? refusal : StandaloneHostServices::StartQuietErrorsOnCurrentThread(level);
+    }
+    bool IsOnMainThread() override {
+        return Get(everyThreadMain_).value_or(StandaloneHostServices::IsOnMainThread());
+    }
+    bool IsHoldingNotifyLock() override { return Get(notifyHolders_).count(Me()) != 0; }
     // Runs fn at once, or queues it while deferring (see SetDeferTopLevelFunctions).
     void ExecuteTopLevelFunction(const std::function<void()>& fn) override;
     int GetComputerName(char* buf, size_t size) override;
     std::string GetClientInternalVersion() override { return Get(clientVersion_); }
     bool IsBetaPrime() override { return Get(betaPrime_); }
-    NX::IMediaManager* GetMediaManager() override;
-    void* AllocatePtrClear(size_t size, std::string_view label) override;  // null while failing
+    NX::IMediaManager* GetMediaManager() override {
+        NX::IMediaManager* media = Get(media_);
+        return media != nullptr ? media : &MediaManager();
+    }
+    void* AllocatePtrClear(size_t size, std::string_view label) override {
+        return Get(failAllocations_) ? nullptr
+                                     : StandaloneHostServices::AllocatePtrClear(size, label);
+    }
 
-    // --- overridden: recorded ---------------------------------------------------------------
-    void ReportFailedVerification(std::string_view message) override;
-    void ReportErrString(uint32_t base, int severity, std::u16string_view text) override;
-    void ReportError(std::u16string_view text, int category) override;
-    void Log(int level, std::string_view category, std::string_view event,
-             std::string_view text) override;
+    // --- recorded -----------------------------------------------------------------------------
+    void ReportFailedVerification(std::string_view message) override {
+        Append(verifications_, std::string(message));
+    }
+    void ReportErrString(uint32_t base, int severity, std::u16string_view text) override {
+        Append(errStrings_, ErrString{base, severity, std::u16string(text)});
+    }
+    void ReportError(std::u16string_view text, int category) override {
+        Append(errors_, ErrorReport{std::u16string(text), category});
+    }
+    void Log(int level, std::string_view category, std::string_view,
+             std::string_view text) override {
+        Append(logLines_, LogLine{level, std::string(category), std::string(text)});
+    }
     // Records every line, enabled or not (callers are expected to ask first).
-    void Trace(std::string_view channel, int level, std::string_view text) override;
+    void Trace(std::string_view channel, int level, std::string_view text) override {
+        Append(traceLines_, TraceLine{std::string(channel), level, std::string(text)});
+    }
     void RecordProfile(std::string_view label, int64_t nanos) override;
 
     // --- scripting ----------------------------------------------------------------------------
-    velacore::StandaloneHostServices& Standalone() { return *standalone_; }
+    velacore::StandaloneHostServices& Standalone() { return *this; }
     void SetAmountToPurge(uint64_t bytes) { Set(amountToPurge_, bytes); }
     void SetAmountAvailable(uint64_t bytes) { Set(amountAvailable_, bytes); }
     // What GetMemUsageLimits writes and returns.
-    void SetMemUsageLimits(uint64_t limit, uint64_t physical, int result = 0);
+    void SetMemUsageLimits(uint64_t limit, uint64_t physical, int result = 0) {
+        Set(limits_, Limits{limit, physical, result});
+    }
     uint64_t PurgeRecycledCount() const { return Get(purgeRecycled_); }
-    bool HasMemoryClient() const;
+    bool HasMemoryClient() const { return Get(hasMemoryClient_); }
     // While deferring, top-level functions wait until RunDeferredTopLevelFunctions (on the
     // calling thread) runs the ones queued so far and returns how many.
     void SetDeferTopLevelFunctions(bool defer) { Set(deferTopLevel_, defer); }
@@ -106,21 +127,10 @@ public:
     void SetBetaPrime(bool beta) { Set(betaPrime_, beta); }
     // Uses manager (not owned; null restores the services' own one).
     void SetMediaManager(NX::IMediaManager* manager) { Set(media_, manager); }
-    NX::StandaloneMediaManager& OwnMediaManager() { return standalone_->MediaManager(); }
-    void SetMediaBudget(uint64_t bytes) { OwnMediaManager().SetBudget(bytes); }
+    void SetMediaBudget(uint64_t bytes) { MediaManager().SetBudget(bytes); }
     void SetFailAllocations(bool fail) { Set(failAllocations_, fail); }
-    void SetTraceLevel(std::string_view channel, int level) {
-        standalone_->SetTraceLevel(channel, level);
-    }
-    void SetDebugEntry(std::string_view name, std::string_view value) {
-        standalone_->SetDebugEntry(name, value);
-    }
-    void SetPreference(std::string_view section, std::string_view key, std::string_view value) {
-        standalone_->SetPreference(section, key, value);
-    }
-    void SetProfiling(bool on, int volume) { standalone_->SetConditionalProfiling(on, volume); }
-    void SetFeatureEnabled(std::string_view name, bool enabled) {
-        standalone_->SetFeatureEnabled(name, enabled);
+    void SetProfiling(bool on, int volume) {
+        StandaloneHostServices::SetConditionalProfiling(on, volume);
     }
 
     // --- records ------------------------------------------------------------------------------
@@ -135,7 +145,12 @@ public:
     void ClearRecords();
 
 private:
-    explicit RecordingHostServices(std::shared_ptr<velacore::StandaloneHostServices> standalone);
+    struct Limits {
+        uint64_t limit = uint64_t{1} << 30, physical = uint64_t{4} << 30;
+        int result = 0;
+    };
+    static velacore::StandaloneConfig Config();
+    static std::thread::id Me() { return std::this_thread::get_id(); }
     template <class T>
     T Get(const T& field) const {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -152,32 +167,23 @@ private:
         records.push_back(std::forward<V>(record));
     }
 
-    std::shared_ptr<velacore::StandaloneHostServices> standalone_;
     mutable std::mutex mutex_;
-    uint64_t amountToPurge_ = 0;
-    uint64_t amountAvailable_ = 0;
-    uint64_t limit_ = uint64_t{1} << 30;
-    uint64_t physical_ = uint64_t{4} << 30;
-    int limitsResult_ = 0;
-    uint64_t purgeRecycled_ = 0;
-    std::function<int64_t()> clientUsage_;
-    std::function<void()> clientPurge_;
+    uint64_t amountToPurge_ = 0, amountAvailable_ = 0, purgeRecycled_ = 0;
+    Limits limits_;
+    bool hasMemoryClient_ = false, deferTopLevel_ = false, betaPrime_ = false;
+    bool failAllocations_ = false;
     std::vector<std::string> verifications_;
     std::vector<ErrString> errStrings_;
     std::vector<ErrorReport> errors_;
     std::vector<LogLine> logLines_;
     std::vector<TraceLine> traceLines_;
     std::map<std::string, std::pair<uint64_t, int64_t>> profiles_;
-    bool deferTopLevel_ = false;
     std::vector<std::function<void()>> deferredTopLevel_;
     std::optional<bool> everyThreadMain_;
     std::set<std::thread::id> notifyHolders_;
     int quietRefusal_ = 0;
-    std::string computerName_ = "recording-host";
-    std::string clientVersion_ = "1.0";
-    bool betaPrime_ = false;
+    std::string computerName_ = "recording-host", clientVersion_ = "1.0";
     NX::IMediaManager* media_ = nullptr;
-    bool failAllocations_ = false;
 };
 
 // Installs services for the scope and restores the previous ones at the end.

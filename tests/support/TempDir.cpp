@@ -7,30 +7,12 @@
 #include <system_error>
 
 namespace mctest {
-namespace {
-
-std::string RandomSuffix() {
-    static thread_local std::mt19937_64 engine{std::random_device{}()};
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    uint64_t value = engine();
-    for (int i = 0; i < 16; ++i, value >>= 4) text += kDigits[value & 15];
-    return text;
-}
-
-}  // namespace
-
-TempDir::TempDir(std::string_view prefix)
-    : TempDir(prefix, std::filesystem::temp_directory_path()) {}
 
 TempDir::TempDir(std::string_view prefix, const std::filesystem::path& base) {
-    for (;;) {
-        std::filesystem::path candidate = base / (std::string(prefix) + "-" + RandomSuffix());
-        if (std::filesystem::create_directory(candidate)) {
-            path_ = std::move(candidate);
-            return;
-        }
-    }
+    static thread_local std::mt19937_64 engine{std::random_device{}()};
+    do {
+        path_ = base / (std::string(prefix) + "-" + std::to_string(engine()));
+    } while (!std::filesystem::create_directory(path_));
 }
 
 TempDir::~TempDir() {

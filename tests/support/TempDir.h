@@ -16,10 +16,9 @@ namespace mctest {
 
 class TempDir {
 public:
-    // Creates <temp>/<prefix>-<random>. Throws std::filesystem::filesystem_error on failure.
-    explicit TempDir(std::string_view prefix = "mc-test");
-    // Same under `base` instead of the system's temporary folder.
-    TempDir(std::string_view prefix, const std::filesystem::path& base);
+    // Creates <base>/<prefix>-<random>. Throws std::filesystem::filesystem_error on failure.
+    explicit TempDir(std::string_view prefix = "mc-test",
+                     const std::filesystem::path& base = std::filesystem::temp_directory_path());
     // Removes the folder recursively, ignoring errors.
     ~TempDir();
     TempDir(const TempDir&) = delete;

