@@ -84,7 +84,9 @@ public:
     // Whether the calling thread holds the host's notification lock.
     virtual bool IsHoldingNotifyLock() = 0;
     virtual bool IsApplicationFrontmost() = 0;
-    // Runs a function at the top level of the host's task machinery (may run it at once).
+    // Runs a function at the top level of the host's task machinery (may run it at once). Each
+    // function handed over must run exactly once, also when the host shuts down: a recency task
+    // keeps its item (and the item's payload) in memory until it has run.
     virtual void ExecuteTopLevelFunction(const std::function<void()>& fn) = 0;
 
     // --- log, traces and profiling ------------------------------------------------------
