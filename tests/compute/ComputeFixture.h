@@ -86,10 +86,6 @@ public:
         std::unique_lock lock(mutex_);
         return cv_.wait_for(lock, std::chrono::seconds(50), [&] { return entered_ >= n; });
     }
-    int Entered() {
-        std::lock_guard lock(mutex_);
-        return entered_;
-    }
 
 private:
     std::mutex mutex_;
