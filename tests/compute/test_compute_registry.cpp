@@ -6,8 +6,8 @@
 #include <functional>
 #include <string>
 
-#include "mc/MC_ComputeCache.h"
 #include "bag/Eventually.h"
+#include "mc/MC_ComputeCache.h"
 #include "support/ModuleFixture.h"
 
 namespace {
