@@ -50,14 +50,6 @@ protected:
     NX::StandaloneMediaManager manager_;
 };
 
-// In memory, but of size 0.
-class EmptyPayload : public MC_StuffData {
-public:
-    uint32_t GetApproximateMemorySize() const override { return 0; }
-    bool PurgeIfPossible(MC_ReleaseList*) override { return false; }
-    bool IsInMemory() const override { return true; }
-};
-
 TEST_F(MirrorTest, EveryStepKeepsTheMapAndTheManagerInStep) {
     IntrusivePtr<MC_Stuff> a, b, c;
     struct Step {
@@ -77,6 +69,12 @@ TEST_F(MirrorTest, EveryStepKeepsTheMapAndTheManagerInStep) {
          }, 3, 7000, 5},
         {"erasing an unknown item changes nothing",
          [&] { EXPECT_FALSE(Map()->Erase(MakeItem(9, 10))); }, 3, 7000, 5},
+        {"a purged item is not registered but gets a guid; a stale entry goes", [&] {
+             IntrusivePtr<MC_Stuff> d = AddItem(4, 500), p = MakeItem(9, 10);
+             d->GetDataPtr()->PurgeIfPossible(nullptr);
+             p->GetDataPtr()->PurgeIfPossible(nullptr);
+             EXPECT_FALSE(Register(d) || Register(p) || p->GetMediaMapGuid().IsNull());
+         }, 3, 7000, 5},
         {"removal", [&] { b->RemoveFromBagAndSortDir(); }, 2, 5000, 5},
         {"purge from the media map", [&] { c->PurgeFromMediaMap(); }, 1, 1000, 5},
         {"erase", [&] {
@@ -95,22 +93,6 @@ TEST_F(MirrorTest, EveryStepKeepsTheMapAndTheManagerInStep) {
         EXPECT_EQ(Map()->SequenceOf(a), s.seqA);
     }
     EXPECT_FALSE(c->IsInMemory());
-}
-
-TEST_F(MirrorTest, ItemsNotInMemoryOrEmptyAreNotRegisteredButGetAGuid) {
-    IntrusivePtr<MC_Stuff> purged = MakeItem(1, 1000), left = MakeItem(2, 1000);
-    purged->GetDataPtr()->PurgeIfPossible(nullptr);
-    IntrusivePtr<MC_Stuff> empty =
-        MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(new EmptyPayload), 0.1);
-    ASSERT_TRUE(Register(left));
-    left->GetDataPtr()->PurgeIfPossible(nullptr);
-    EXPECT_FALSE(Register(left));  // the stale entry goes, no new one comes
-    for (const auto& stuff : {purged, empty}) {
-        EXPECT_FALSE(Register(stuff));
-        EXPECT_FALSE(stuff->GetMediaMapGuid().IsNull());
-    }
-    EXPECT_EQ(Map()->EntryCount(), 0u);
-    EXPECT_EQ(manager_.GetRegisteredBytes(), 0u);
 }
 
 // The map on its own: a pinned entry resists purge and flush until made purgeable, sequences are
@@ -146,12 +128,9 @@ TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemOnly) {
     const uint64_t pinned =
         Map()->Insert({velacore::Guid::CreateUnique(), 0},
                       std::make_shared<zk::MC_MediaMapData>(pinnedItem, 500), true);
-    IntrusivePtr<MC_Stuff> a = AddItem(1, 500);
-    IntrusivePtr<MC_Stuff> refusing = AddItem(2, 500);
+    IntrusivePtr<MC_Stuff> a = AddItem(1, 500), refusing = AddItem(2, 500);
     static_cast<TestPayload&>(*refusing->GetDataPtr()).SetAllowPurge(false);
-    IntrusivePtr<MC_Stuff> b = AddItem(3, 500);
-    IntrusivePtr<MC_Stuff> c = AddItem(4, 500);
-    IntrusivePtr<MC_Stuff> d = AddItem(5, 500);
+    IntrusivePtr<MC_Stuff> b = AddItem(3, 500), c = AddItem(4, 500), d = AddItem(5, 500);
     Settle();
     EXPECT_EQ(manager_.PurgedCount(), 0u);   // 3000 fits
     EXPECT_EQ(MC_GetMediaMapSize(), 2500u);  // the manager counts the inserted entry, the map not
@@ -183,7 +162,7 @@ TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemOnly) {
 
 // Renders and reads frames from several threads while the manager purges. A check-out must
 // keep its payload in memory throughout; at rest the totals agree and fit the budget.
-TEST_F(BudgetTest, ConcurrentRendersStayWithinBudgetAndKeepCheckedOutFramesResident) {
+TEST_F(BudgetTest, ConcurrentRendersThenDeathKeepTheTotalsInStep) {
     constexpr uint32_t kKeys = 40, kFrameBytes = 1000;
     manager_.SetBudget(10 * kFrameBytes);  // purges start while the threads render
     std::atomic<int> lostWhileHeld{0}, renders{0};
@@ -215,20 +194,17 @@ TEST_F(BudgetTest, ConcurrentRendersStayWithinBudgetAndKeepCheckedOutFramesResid
     EXPECT_EQ(MC_GetMediaMapSize(),
               static_cast<uint64_t>(bag_->GetInMemoryCacheSizeInBytes_LockFree()));
     EXPECT_EQ(Map()->EntryCount(), manager_.EntryCount());
-}
 
-// Shut-down while the manager's thread is busy purging through the mirror: Death waits for the
-// call in flight and leaves nothing registered.
-TEST_F(BudgetTest, DeathWhilePurgingLeavesNothingBehind) {
+    // Shut-down while the manager's thread is busy purging: Death waits for the call in flight
+    // and leaves nothing registered.
     manager_.SetBudget(1);
-    std::vector<IntrusivePtr<MC_Stuff>> items;
-    for (uint32_t k = 0; k < 50; ++k) items.push_back(AddItem(k, 100));
+    IntrusivePtr<MC_Stuff> last = AddItem(kKeys, 100);
     bag_.reset();
     MC_StopAllAsyncWork();
     MC_Death();
     EXPECT_EQ(manager_.EntryCount(), 0u);
     EXPECT_EQ(manager_.GetRegisteredBytes(), 0u);
-    for (const auto& stuff : items) EXPECT_TRUE(stuff->GetBag().expired());
+    EXPECT_TRUE(last->GetBag().expired());
     EXPECT_EQ(MC_GetMediaMapSize(), 0u);
     MC_Birth(true, kAppVersion, false);  // TearDown stops and kills it again
     bag_ = MC_GlobalBag();
