@@ -79,15 +79,14 @@ TEST_F(LongPurge, PassThatLetsGoOfTheLockFreesTheOldestExactly) {
         items.back()->AddToBagAndSortDir(bag_);
     }
     host().SetAmountToPurge(kItems / 2 * 10);
-    std::atomic<bool> stop{false};
-    std::thread user([&] {
-        for (uint32_t i = 0; !stop.load(); ++i) {
-            MC_ScCheckout receipt(items[kItems / 2 + i % (kItems / 2)], MC_CheckoutFlag_ReadOnly);
-        }
-    });
-    const int64_t freed = bag_->FreeUpSomeMemory(0);
-    stop.store(true);
-    user.join();
+    int64_t freed = 0;
+    {
+        uint32_t i = 0;
+        Repeat user([&] {
+            MC_ScCheckout r(items[kItems / 2 + i++ % (kItems / 2)], MC_CheckoutFlag_ReadOnly);
+        });
+        freed = bag_->FreeUpSomeMemory(0);
+    }
     EXPECT_EQ(freed, int64_t{kItems} / 2 * 10);
     uint32_t resident = 0;
     for (uint32_t k = 0; k < kItems; ++k) {

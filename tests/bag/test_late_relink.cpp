@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "mc/MC_ScCheckout.h"
-#include "mc/MCp_ScLock.h"
 #include "support/ModuleFixture.h"
 #include "support/TestPayload.h"
 
@@ -61,17 +60,6 @@ TEST_F(LateRelink, BagStaysWholeUntilTheRunnerGetsToTheTasks) {
     orphan.reset();  // the queued task alone holds the item now
     EXPECT_EQ(host().RunDeferredTopLevelFunctions(), 1u);
     EXPECT_FALSE(watch.Lock()) << "the late task let go of its item";
-}
-
-// The relink re-syncs the item's size, as removal and addition would.
-TEST_F(LateRelink, RelinkResyncsAPayloadThatGrewUnannounced) {
-    IntrusivePtr<MC_Stuff> stuff = AddItem(1);
-    StaticPointerCast<TestPayload>(stuff->GetDataPtr())->Resize(300);
-    {
-        MCp_ScLock lock;
-        bag_->UpdateWithNewLastUsedTime(stuff, lock);
-    }
-    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 300);
 }
 
 }  // namespace

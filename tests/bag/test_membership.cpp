@@ -58,11 +58,13 @@ TEST_F(BagMembership, RecencyOrder) {
     }
     using Items = std::vector<IntrusivePtr<MC_Stuff>>;
     EXPECT_EQ(Order(), (Items{a, b, c}));
+    StaticPointerCast<TestPayload>(a->GetDataPtr())->Resize(300);  // grown unannounced
     {
         MCp_ScLock lock;
         bag_->UpdateWithNewLastUsedTime(a, lock);
     }
     EXPECT_EQ(Order(), (Items{b, c, a}));
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 320) << "the relink re-syncs sizes";
     bag_->AccountForStuffDataModification(b);
     ASSERT_EQ(b->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
     b->Checkin(MC_CheckinFlag_DontUpdateLastUsed, 0.0);

@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "bag/Eventually.h"
@@ -39,7 +37,6 @@ protected:
         }
         return items;
     }
-    static bool Resident(const IntrusivePtr<MC_Stuff>& s) { return s->IsInMemory(); }
 };
 
 // Each row: a fresh set of equal-stamped items, a purge target, and which items stay resident.
@@ -85,19 +82,14 @@ TEST_F(Purge, OrderSkipAndStopRules) {
     }
 }
 
-// Statistics: the recycle call, the last purged item's stamp and the counters.
-TEST_F(Purge, Statistics) {
+// The recycle call and the last purged item's stamp (the counters are checked with the others).
+TEST_F(Purge, RecycleCallAndLastPurgedStamp) {
     host().SetAmountToPurge(150);
     EXPECT_EQ(bag_->FreeUpSomeMemory(0), 0);  // an empty bag
     EXPECT_EQ(host().PurgeRecycledCount(), 0u);
-    EXPECT_EQ(bag_->GetLastPurgedUsedTime(), 0u);
     auto items = AddItems(3, 100);
     MCp_StuffAccess::SetLastUseTime(*items[1], 7000);  // the stamp the purge reads
-    const uint32_t passes = counters().purgePasses.load();
-    const uint32_t attempts = counters().purgeAttempts.load();
     EXPECT_EQ(bag_->FreeUpSomeMemory(0), 200);
-    EXPECT_EQ(counters().purgePasses.load() - passes, 1u);
-    EXPECT_EQ(counters().purgeAttempts.load() - attempts, 2u);
     EXPECT_EQ(host().PurgeRecycledCount(), 1u);
     EXPECT_EQ(bag_->GetLastPurgedUsedTime(), 7000u);
 }
@@ -107,29 +99,19 @@ TEST_F(Purge, PurgeAllMemoryCachesEmptiesEveryIdleItem) {
     MC_ScCheckout held(items[4], MC_CheckoutFlag_ReadOnly);
     bag_->PurgeAllMemoryCaches();
     EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 100);
-    EXPECT_TRUE(Resident(items[4]));
+    EXPECT_TRUE(items[4]->IsInMemory());
 }
 
-// Renderers find, render, resize, remove, check in and purge at random from several threads;
-// the monitor-style purges run concurrently. At the end every total equals the sum over the
-// bag's items.
+// Renderers find, render, resize, remove, check in and purge at random from several threads
+// against a concurrent purger; at the end every total equals the sum over the bag's items.
 TEST_F(Purge, SoakEndsWithExactTotals) {
-    constexpr int kThreads = 4;
-    constexpr int kOps = 600;
     host().SetMemUsageLimits(100, 1 << 30);
     host().SetAmountToPurge(20000);
-    std::atomic<bool> stop{false};
-    std::thread purger([&] {
-        while (!stop.load()) {
-            bag_->FreeUpSomeMemory(0);
-            std::this_thread::yield();
-        }
-    });
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
+    {
+        Repeat purger([&] { bag_->FreeUpSomeMemory(0); });
+        RunThreads(4, [&](int t) {
             std::mt19937 rng(99 + t);
-            for (int i = 0; i < kOps; ++i) {
+            for (int i = 0; i < 600; ++i) {
                 const uint32_t key = rng() % 64;
                 MC_ScCheckout receipt;
                 const MC_CheckoutResult r = receipt.FindAndCheckout(
@@ -151,9 +133,6 @@ TEST_F(Purge, SoakEndsWithExactTotals) {
             }
         });
     }
-    for (auto& th : threads) th.join();
-    stop.store(true);
-    purger.join();
     int64_t expected = 0;
     for (const auto& s : bag_->SnapshotItems()) {
         EXPECT_FALSE(s->IsPendingRender());

@@ -2,10 +2,8 @@
 // retry after an abandoned render, and the sweep of superseded and dead entries.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "bag/Eventually.h"
 #include "bag/MC_SortDir.h"
@@ -81,26 +79,22 @@ TEST_F(SortDir, OneRendersTheOthersWaitForItsPayload) {
     constexpr int kThreads = 8;
     const uint32_t waits = counters().pendingWaits.load();
     std::atomic<int> renders{0}, gotPayload{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            MC_ScCheckout receipt;
-            const MC_CheckoutResult r = receipt.FindAndCheckout(
-                MakeRequest(5), MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending |
-                                    MC_CheckoutFlag_WaitIfPendingUnlessLocked);
-            if (r == MC_CheckoutResult_CreatedNewPending) {
-                renders.fetch_add(1);
-                EXPECT_TRUE(mctest::Eventually(
-                    [&] { return counters().pendingWaits - waits == kThreads - 1; }));
-                receipt.GetStuffPtr()->SetStuffDataFromPendingRender(
-                    IntrusivePtr<MC_StuffData>(new TestPayload(5, 64)), 0.03);
-            } else if (r == MC_CheckoutResult_CheckedOut) {
-                IntrusivePtr<MC_StuffData> data = receipt.GetStuffPtr()->GetDataPtr();
-                if (data && data->IsInMemory()) gotPayload.fetch_add(1);
-            }
-        });
-    }
-    for (auto& t : threads) t.join();
+    RunThreads(kThreads, [&](int) {
+        MC_ScCheckout receipt;
+        const MC_CheckoutResult r = receipt.FindAndCheckout(
+            MakeRequest(5), MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending |
+                                MC_CheckoutFlag_WaitIfPendingUnlessLocked);
+        if (r == MC_CheckoutResult_CreatedNewPending) {
+            renders.fetch_add(1);
+            EXPECT_TRUE(
+                Eventually([&] { return counters().pendingWaits - waits == kThreads - 1; }));
+            receipt.GetStuffPtr()->SetStuffDataFromPendingRender(
+                IntrusivePtr<MC_StuffData>(new TestPayload(5, 64)), 0.03);
+        } else if (r == MC_CheckoutResult_CheckedOut) {
+            IntrusivePtr<MC_StuffData> data = receipt.GetStuffPtr()->GetDataPtr();
+            if (data && data->IsInMemory()) gotPayload.fetch_add(1);
+        }
+    });
     EXPECT_EQ(renders.load(), 1);
     EXPECT_EQ(gotPayload.load(), kThreads - 1);
     EXPECT_EQ(bag_->GetNumItems(), 1);

@@ -24,32 +24,12 @@ namespace computetest {
 
 // The histogram plug-in's exported functions, resolved once per process.
 struct HistogramPlugin {
-    HistPluginShutdownFunc shutdown;
-    HistPluginUnregisterFunc unregisterClass;
-    HistPluginCheckoutFunc checkout;
-    HistPluginGetValueFunc getValue;
-    HistPluginCheckinFunc checkin;
-    HistPluginComputeDirectFunc computeDirect;
-    HistPluginSetComputeHookFunc setComputeHook;
-    HistPluginGetCountersFunc getCounters;
-
     static const mctest::PluginLoader& Loader() {
         static const mctest::PluginLoader loader(MC_HISTOGRAM_PLUGIN_PATH);
         return loader;
     }
     static const HistogramPlugin& Get() {
-        static const HistogramPlugin plugin = [] {
-            const mctest::PluginLoader& l = Loader();
-            return HistogramPlugin{
-                l.Require<HistPluginShutdownFunc>("HistPlugin_Shutdown"),
-                l.Require<HistPluginUnregisterFunc>("HistPlugin_Unregister"),
-                l.Require<HistPluginCheckoutFunc>("HistPlugin_Checkout"),
-                l.Require<HistPluginGetValueFunc>("HistPlugin_GetValue"),
-                l.Require<HistPluginCheckinFunc>("HistPlugin_Checkin"),
-                l.Require<HistPluginComputeDirectFunc>("HistPlugin_ComputeDirect"),
-                l.Require<HistPluginSetComputeHookFunc>("HistPlugin_SetComputeHook"),
-                l.Require<HistPluginGetCountersFunc>("HistPlugin_GetCounters")};
-        }();
+        static const HistogramPlugin plugin;
         return plugin;
     }
     HistogramCounters Counters() const {
@@ -57,6 +37,21 @@ struct HistogramPlugin {
         getCounters(&c);
         return c;
     }
+    template <class F>
+    static F Fn(const char* name) {
+        return Loader().Require<F>(name);
+    }
+    HistPluginShutdownFunc shutdown = Fn<HistPluginShutdownFunc>("HistPlugin_Shutdown");
+    HistPluginUnregisterFunc unregisterClass =
+        Fn<HistPluginUnregisterFunc>("HistPlugin_Unregister");
+    HistPluginCheckoutFunc checkout = Fn<HistPluginCheckoutFunc>("HistPlugin_Checkout");
+    HistPluginGetValueFunc getValue = Fn<HistPluginGetValueFunc>("HistPlugin_GetValue");
+    HistPluginCheckinFunc checkin = Fn<HistPluginCheckinFunc>("HistPlugin_Checkin");
+    HistPluginComputeDirectFunc computeDirect =
+        Fn<HistPluginComputeDirectFunc>("HistPlugin_ComputeDirect");
+    HistPluginSetComputeHookFunc setComputeHook =
+        Fn<HistPluginSetComputeHookFunc>("HistPlugin_SetComputeHook");
+    HistPluginGetCountersFunc getCounters = Fn<HistPluginGetCountersFunc>("HistPlugin_GetCounters");
 };
 
 // What the plug-in's Compute does before working: count its entry, block while held, and fail
@@ -85,10 +80,6 @@ public:
     bool WaitForEntered(int n) {
         std::unique_lock lock(mutex_);
         return cv_.wait_for(lock, std::chrono::seconds(50), [&] { return entered_ >= n; });
-    }
-    int Entered() {
-        std::lock_guard lock(mutex_);
-        return entered_;
     }
 
 private:

@@ -1,9 +1,7 @@
 // Disposal of compute values: memory pressure frees idle values exactly once and never one a
-// receipt holds, also when check-ins run late; values outlive their class's registration.
+// receipt holds; values outlive their class's registration.
 // Every test ends with module death, which the fixture checks disposes every value once.
 #include <gtest/gtest.h>
-
-#include <thread>
 
 #include "ComputeFixture.h"
 #include "host/HostOps.h"
@@ -45,26 +43,6 @@ TEST_F(ComputePurge, PressureDisposesIdleValuesOnceAndNeverAHeldOne) {
     EXPECT_EQ(Delta().disposes, 5);
     ASSERT_EQ(Checkout(Params(21), 1, held.Out()), 0);
     EXPECT_EQ(Delta().computes, 6) << "a purged value is computed again";
-}
-
-// Under a host whose top-level runner runs the check-in tasks late (here on another thread),
-// entries stay in the bag, purgeable, until the tasks run; a late task of a purged entry is void.
-TEST_F(ComputePurge, CheckinsUnderALateTopLevelRunner) {
-    host().SetDeferTopLevelFunctions(true);
-    ComputeIdle(1, 3);
-    ComputeIdle(1, 3);  // hits
-    ASSERT_EQ(bag_->GetNumItems(), 3);
-    ASSERT_EQ(host().DeferredTopLevelFunctionCount(), 6u);
-    {
-        ScopedReceipt held;
-        ASSERT_EQ(Checkout(Params(2), 0, held.Out()), 0);
-        EXPECT_EQ(PurgeEverythingIdle(), 2 * kValueSize);
-        std::thread([&] { EXPECT_EQ(host().RunDeferredTopLevelFunctions(), 6u); }).join();
-        EXPECT_NE(ValueOf(held.Get()), nullptr);
-    }
-    EXPECT_EQ(host().RunDeferredTopLevelFunctions(), 1u);
-    EXPECT_EQ(bag_->GetNumItems(), 1);
-    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), kValueSize);
 }
 
 TEST_F(ComputePurge, ValuesOutliveTheirClassAndDieWithTheModule) {

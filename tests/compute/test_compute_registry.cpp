@@ -5,9 +5,8 @@
 #include <atomic>
 #include <functional>
 #include <string>
-#include <thread>
-#include <vector>
 
+#include "bag/Eventually.h"
 #include "mc/MC_ComputeCache.h"
 #include "support/ModuleFixture.h"
 
@@ -103,27 +102,23 @@ TEST_F(Registry, Rules) {
 // nothing or exactly the record its name was registered with.
 TEST_F(Registry, ConcurrentUseSeesWholeRecordsOnly) {
     std::atomic<int> bad{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 1500; ++i) {
-                const int n = (i * 7 + t) % 12;
-                const std::string name = "busy-" + std::to_string(n);
-                const ZKGP_ComputeCacheCallbacks& mine = n % 2 == 0 ? kA : kB;
-                ZKGP_ComputeCacheCallbacks out{};
-                int r = 0;
-                if ((i + t) % 3 == 0) r = MC_ComputeClassRegister(name.c_str(), &mine);
-                if ((i + t) % 3 == 1) r = MC_ComputeClassUnregister(name.c_str());
-                if ((i + t) % 3 == 2) {
-                    r = MC_ComputeClassFind(name.c_str(), &out);
-                    if (r == 0 && (out.GenerateKey != mine.GenerateKey || !out.DisposeValue)) r = 1;
-                    if (r == ZKGP_ComputeResult_NoSuchClass) r = 0;
-                }
-                if (r != 0) bad.fetch_add(1);
+    mctest::RunThreads(8, [&](int t) {
+        for (int i = 0; i < 1500; ++i) {
+            const int n = (i * 7 + t) % 12;
+            const std::string name = "busy-" + std::to_string(n);
+            const ZKGP_ComputeCacheCallbacks& mine = n % 2 == 0 ? kA : kB;
+            ZKGP_ComputeCacheCallbacks out{};
+            int r = 0;
+            if ((i + t) % 3 == 0) r = MC_ComputeClassRegister(name.c_str(), &mine);
+            if ((i + t) % 3 == 1) r = MC_ComputeClassUnregister(name.c_str());
+            if ((i + t) % 3 == 2) {
+                r = MC_ComputeClassFind(name.c_str(), &out);
+                if (r == 0 && (out.GenerateKey != mine.GenerateKey || !out.DisposeValue)) r = 1;
+                if (r == ZKGP_ComputeResult_NoSuchClass) r = 0;
             }
-        });
-    }
-    for (auto& th : threads) th.join();
+            if (r != 0) bad.fetch_add(1);
+        }
+    });
     for (int n = 0; n < 12; ++n) MC_ComputeClassUnregister(("busy-" + std::to_string(n)).c_str());
     EXPECT_EQ(bad.load(), 0);
 }

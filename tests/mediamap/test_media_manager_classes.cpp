@@ -18,34 +18,52 @@ namespace {
 
 const velacore::Guid kClient(std::string_view("0F0E0D0C-0B0A-0908-0706-050403020100"));
 
-// Purges by forgetting the entry, and records the order.
-class ForgettingOwner : public NX::IPurgeableSupport {
+// Records its purges and forgets them; with `block` set, its purge instead holds until released
+// (to keep a call in flight) and fails.
+class Owner : public NX::IPurgeableSupport {
 public:
-    explicit ForgettingOwner(NX::IMediaManager& manager) : manager_(manager) {}
+    explicit Owner(NX::IMediaManager& manager, bool block = false)
+        : manager_(manager), block_(block) {}
     bool PurgeEntry(uint64_t sequence) override {
         std::unique_lock lock(mutex_);
         purged_.push_back(sequence);
+        cv_.notify_all();
+        cv_.wait(lock, [&] { return !block_ || released_; });
         lock.unlock();
-        manager_.ForgetEntry(sequence);
-        return true;
+        finished_.store(true);
+        if (!block_) manager_.ForgetEntry(sequence);
+        return !block_;
     }
     bool IsNonPurgeable(uint64_t) override { return false; }
     std::vector<uint64_t> Purged() const {
         std::lock_guard lock(mutex_);
         return purged_;
     }
+    void WaitEntered() {
+        std::unique_lock lock(mutex_);
+        ASSERT_TRUE(cv_.wait_for(lock, 50s, [&] { return !purged_.empty(); }));
+    }
+    void Release() {
+        std::lock_guard lock(mutex_);
+        released_ = true;
+        cv_.notify_all();
+    }
+    std::atomic<bool> finished_{false};
 
 private:
     NX::IMediaManager& manager_;
     mutable std::mutex mutex_;
+    std::condition_variable cv_;
     std::vector<uint64_t> purged_;
+    const bool block_;
+    bool released_ = false;
 };
 
 // Scratch entries go before cached ones whatever their age; within a class the least recently
 // used goes first, and a touch makes an entry the youngest.
 TEST(MediaManagerClasses, PurgeOrderIsClassThenLeastRecentlyUsed) {
     StandaloneMediaManager m(350);
-    ForgettingOwner owner(m);
+    Owner owner(m);
     for (uint64_t seq : {1, 2, 3})
         m.RegisterEntry(&owner, kClient, seq, 100, NX::kMediaEntryCached, 0, nullptr);
     m.TouchEntry(1, kClient);
@@ -58,38 +76,9 @@ TEST(MediaManagerClasses, PurgeOrderIsClassThenLeastRecentlyUsed) {
     EXPECT_EQ(m.GetRegisteredBytes(), 300u);
 }
 
-// An owner whose purge blocks until released, to hold a call in flight.
-class BlockingOwner : public NX::IPurgeableSupport {
-public:
-    bool PurgeEntry(uint64_t) override {
-        std::unique_lock lock(mutex_);
-        entered_ = true;
-        cv_.notify_all();
-        cv_.wait(lock, [&] { return released_; });
-        finished_.store(true);
-        return false;
-    }
-    bool IsNonPurgeable(uint64_t) override { return false; }
-    void WaitEntered() {
-        std::unique_lock lock(mutex_);
-        ASSERT_TRUE(cv_.wait_for(lock, 50s, [&] { return entered_; }));
-    }
-    void Release() {
-        std::lock_guard lock(mutex_);
-        released_ = true;
-        cv_.notify_all();
-    }
-    std::atomic<bool> finished_{false};
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool entered_ = false, released_ = false;
-};
-
 TEST(MediaManagerClasses, DetachThroughTheInterfaceWaitsForTheCallInFlight) {
     StandaloneMediaManager m(10);
-    BlockingOwner owner;
+    Owner owner(m, true);
     NX::IMediaManager& manager = m;
     manager.RegisterEntry(&owner, kClient, 1, 100, NX::kMediaEntryCached, 0, nullptr);
     owner.WaitEntered();
