@@ -148,8 +148,8 @@ TEST_F(DiskBudget, AcrossVersionsSizeAndPurge) {
     std::vector<unsigned> progress;
     for (const bool others : {false, true}) {
         done = 0;
-        bag_->PurgeAllDiskCaches([&](unsigned d, unsigned) { progress.push_back(d); }, others,
-                                 done, total);
+        bag_->PurgeAllDiskCaches([&](unsigned d, unsigned) { progress.push_back(d); }, others, done,
+                                 total);
         EXPECT_EQ(fs::exists(old), !others);
     }
     EXPECT_EQ(progress, (std::vector<unsigned>{1, 1, 2}));
