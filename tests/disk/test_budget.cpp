@@ -50,37 +50,25 @@ protected:
 TEST_F(DiskBudget, WalkTable) {
     struct Row {
         const char* what;
-        std::function<void()> arrange;
         int64_t need;
         uint64_t limit;
         bool room;
         OnDisk after;
+        std::function<void()> arrange = {};
+    };
+    auto usedLast = [this] { MCp_StuffAccess::SetLastUseTime(*items_[0], 5000); };
+    auto roomier = [this] { bag_->SetDiskCacheInfo(root_.AsDir(), 2); };
+    auto hold = [this] {
+        ASSERT_EQ(items_[0]->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
+        hold_ = items_[1]->CheckoutDiskCache(true);
     };
     const Row rows[] = {
-        {"oldest first", {}, 2 * kUnit, kAnyTime, true, {false, false, true, true}},
-        {"stops at the limit", {}, 3 * kUnit, 3000, false, {false, false, true, true}},
-        {"limit before every use", {}, 3 * kUnit, 1000, false, {true, true, true, true}},
-        {"first in the bag used last",
-         [this] { MCp_StuffAccess::SetLastUseTime(*items_[0], 5000); },
-         kUnit,
-         3000,
-         false,
-         {true, true, true, true}},
-        {"checked out and held skipped",
-         [this] {
-             ASSERT_EQ(items_[0]->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
-             hold_ = items_[1]->CheckoutDiskCache(true);
-         },
-         kUnit,
-         kAnyTime,
-         true,
-         {true, true, false, true}},
-        {"enough room",
-         [this] { bag_->SetDiskCacheInfo(root_.AsDir(), 2); },
-         kUnit,
-         kAnyTime,
-         true,
-         {true, true, true, true}},
+        {"oldest first", 2 * kUnit, kAnyTime, true, {false, false, true, true}},
+        {"stops at the limit", 3 * kUnit, 3000, false, {false, false, true, true}},
+        {"limit before every use", 3 * kUnit, 1000, false, {true, true, true, true}},
+        {"first in the bag used last", kUnit, 3000, false, {true, true, true, true}, usedLast},
+        {"checked out and held skipped", kUnit, kAnyTime, true, {true, true, false, true}, hold},
+        {"enough room", kUnit, kAnyTime, true, {true, true, true, true}, roomier},
     };
     for (const Row& t : rows) {
         SCOPED_TRACE(t.what);
@@ -148,8 +136,8 @@ TEST_F(DiskBudget, AcrossVersionsSizeAndPurge) {
     std::vector<unsigned> progress;
     for (const bool others : {false, true}) {
         done = 0;
-        bag_->PurgeAllDiskCaches([&](unsigned d, unsigned) { progress.push_back(d); }, others,
-                                 done, total);
+        bag_->PurgeAllDiskCaches([&](unsigned d, unsigned) { progress.push_back(d); }, others, done,
+                                 total);
         EXPECT_EQ(fs::exists(old), !others);
     }
     EXPECT_EQ(progress, (std::vector<unsigned>{1, 1, 2}));

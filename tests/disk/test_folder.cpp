@@ -13,9 +13,7 @@
 
 namespace {
 
-using diskbtest::DiskCacheTest;
-using disktest::WriteRawFile;
-using disktest::WriteTestCacheFile;
+using namespace diskbtest;
 using velacore::Dir;
 using velacore::File;
 namespace fs = std::filesystem;
@@ -182,8 +180,8 @@ TEST_F(Scan, MixedFolderScannedTwiceAdoptsEachValidFileOnce) {
         WriteRawFile(cache, guid + u".TestPayload..AAAAAAAAAAA=.zkcache"),  // empty version
     };
     expectedBytes_ += 3;  // the young writer's temporary counts against the budget
-    const std::u16string unknownName = MCp_CacheFile::BuildName(
-        mctest::KeyGuid(30), "NoSuchClass", kApp, disktest::PayloadHeader(30, 0));
+    const std::u16string unknownName =
+        MCp_CacheFile::BuildName(mctest::KeyGuid(30), "NoSuchClass", kApp, PayloadHeader(30, 0));
     MCp_CacheFile::EnsureSubfolder(cache, unknownName);
     const File unknown =
         WriteRawFile(MCp_CacheFile::FileFor(cache, unknownName).GetParent(), unknownName);

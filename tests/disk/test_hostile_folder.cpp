@@ -67,7 +67,7 @@ uint64_t RegularBytes(const fs::path& root) {
 fs::path CacheName(uint32_t key, unsigned app = kApp) {
     return velacore::ToUtf8(MCp_CacheFile::BuildName(mctest::KeyGuid(key),
                                                      mctest::TestPayload::kMatchname, app,
-                                                     disktest::PayloadHeader(key, 0)));
+                                                     diskbtest::PayloadHeader(key, 0)));
 }
 
 // Two hex digits: the sub-folder a key's files go to.
@@ -101,13 +101,13 @@ const HostileCase kCases[] = {
      [](Planted& p) {
          // Out there: a file of another version (a scan deletes those) and a valid one.
          for (auto [key, app] : {std::pair{2u, kApp + 1}, std::pair{3u, kApp}}) {
-             disktest::WriteTestCacheFile(velacore::Dir(p.outside), key, 0, app, 64);
+             diskbtest::WriteTestCacheFile(velacore::Dir(p.outside), key, 0, app, 64);
              fs::create_directory_symlink(p.outside / SubOf(key), p.cache / SubOf(key));
          }
      }},
     {"LinkedCacheFile",
      [](Planted& p) {
-         mctest::WriteWholeFile(p.outside / "victim", disktest::CacheFileContent(4, 64, kApp));
+         mctest::WriteWholeFile(p.outside / "victim", diskbtest::CacheFileContent(4, 64, kApp));
          fs::create_directories(p.cache / SubOf(4));
          fs::create_symlink(p.outside / "victim", p.cache / SubOf(4) / CacheName(4));
      }},
@@ -115,7 +115,7 @@ const HostileCase kCases[] = {
      [](Planted& p) {
          const fs::path theirs = p.outside / "9.0" / p.cache.filename();
          fs::create_directories(theirs);
-         disktest::WriteTestCacheFile(velacore::Dir(theirs), 5, 0, kApp, 64);
+         diskbtest::WriteTestCacheFile(velacore::Dir(theirs), 5, 0, kApp, 64);
          fs::create_directory_symlink(p.outside / "9.0", p.product / "9.0");
      }},
     {"LinkLoops",
@@ -182,7 +182,7 @@ TEST_P(HostileFolder, OnlyTheValidFileIsAdoptedAndNothingOutsideIsTouched) {
     mctest::ScopedFileSystem scopedDenying(denying);
     Planted p{Folder().GetFullPath(), {}, outside_.Path(), {}, &denying->denied, {}};
     p.product = p.cache.parent_path().parent_path();
-    p.valid = disktest::WriteTestCacheFile(Folder(), kValidKey, 0, kApp, 100).GetFullPath();
+    p.valid = diskbtest::WriteTestCacheFile(Folder(), kValidKey, 0, kApp, 100).GetFullPath();
     if (GetParam().plant) GetParam().plant(p);
     const auto outsideBefore = Snapshot(p.outside);
 
@@ -214,7 +214,7 @@ TEST_F(DiskCacheTest, CreatedFoldersAndFilesAreNotWritableByOthers) {
     mctest::TempDir root("mc-umask");
     const mode_t previous = ::umask(0);
     bag_->SetDiskCacheInfo(root.AsDir(), 64);
-    WriteNow(NewItemInBag(9, 5000));
+    WriteNow(InBag(NewItem(9, 5000)));
     ::umask(previous);
     size_t files = 0;
     for (const auto& e : fs::recursive_directory_iterator(root.Path())) {
@@ -233,7 +233,7 @@ TEST_F(DiskCacheTest, WriterDoesNotWriteThroughALinkedSubfolder) {
     const fs::path cache = Folder().GetFullPath();
     fs::create_directories(cache);
     fs::create_directory_symlink(outside.Path(), cache / SubOf(10));
-    const IntrusivePtr<MC_Stuff> item = NewItemInBag(10, 5000);
+    const IntrusivePtr<MC_Stuff> item = InBag(NewItem(10, 5000));
     WriteNow(item);
     EXPECT_TRUE(fs::is_empty(outside.Path()));
     EXPECT_FALSE(item->IsOnDisk());

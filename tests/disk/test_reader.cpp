@@ -141,15 +141,15 @@ TEST_F(ReadBack, WriteableCheckOutReadsBackOnlyWhenItGetsTheItem) {
 // never under the cache lock.
 TEST_F(ReadBack, NoFileIsReadOrWrittenUnderTheCacheLock) {
     auto* payload = new ProbePayload(9, 3000);
-    IntrusivePtr<MC_Stuff> item = NewItemInBag(9, 3000, MC_CachePriority_Normal, 2.0, payload);
+    IntrusivePtr<MC_Stuff> item = InBag(NewItem(9, 3000, MC_CachePriority_Normal, 2.0, payload));
     item->MaybeWriteToDisk();
     ASSERT_TRUE(DrainWriter() && item->IsOnDisk());
     for (const int flags : {int{MC_CheckoutFlag_ReadOnly}, 0, -1}) {
         item->FreeUpAsMuchAsPossible(true, nullptr);
         MC_ScCheckout receipt;
-        ASSERT_EQ(flags >= 0 ? receipt.FindAndCheckout(mctest::MakeRequest(9), flags)
-                             : item->Checkout(0),
-                  MC_CheckoutResult_CheckedOut);
+        ASSERT_EQ(
+            flags >= 0 ? receipt.FindAndCheckout(mctest::MakeRequest(9), flags) : item->Checkout(0),
+            MC_CheckoutResult_CheckedOut);
         EXPECT_TRUE(HasKeyPattern(item, 9, 3000));
         if (flags < 0) item->Checkin(0, 0.0);
     }
@@ -208,13 +208,10 @@ TEST_F(ReadBack, ReadFailuresTable) {
                 EXPECT_FALSE(item->EnsureInMemory());
             }
             EXPECT_EQ(counters().readFailures.load(), failures + 1);
-            EXPECT_FALSE(item->IsInMemory());
-            EXPECT_FALSE(item->IsOnDisk());
-            EXPECT_FALSE(fs::exists(file));
+            EXPECT_FALSE(item->IsInMemory() || item->IsOnDisk() || fs::exists(file));
             EXPECT_EQ(bag_->GetCurrentDiskCacheSize(),
                       static_cast<int64_t>(good->GetDiskCacheFile().Size()));
-            EXPECT_EQ(item->GetApproximateMemorySize(), 0u);
-            EXPECT_EQ(item->GetCheckoutCount(), 0u);
+            EXPECT_EQ(item->GetApproximateMemorySize() + item->GetCheckoutCount(), 0u);
             EXPECT_DOUBLE_EQ(item->GetComputeTime(), 3.0);
         }
     }

@@ -16,7 +16,7 @@ namespace {
 
 constexpr uint32_t kMiB = 1u << 20;
 
-// A payload that only claims a size (nothing is allocated), for sizes like 100 MiB.
+// Claims a size without allocating it (100 MiB rows).
 class SizedPayload : public MC_StuffData {
 public:
     SizedPayload(uint32_t size, MC_CachePriority priority) : size_(size) {
@@ -64,7 +64,6 @@ TEST_F(WriteDecision, Table) {
         bool worth, queueFull, low;
     };
     const Row rows[] = {
-        // 512 MiB/s reads 100 MiB back in 0.195 s.
         {"100 MiB in 1 s", 100 * kMiB, kNormal, 1.0, 0, 1.0, 0, true, false, false},
         // 150 queued: 32 MiB/s, 3.1 s to read back.
         {"150 queued", 100 * kMiB, kNormal, 1.0, 150, 1.0, 0, false, true, false},
@@ -73,8 +72,7 @@ TEST_F(WriteDecision, Table) {
         {"exactly the 1 ms floor", 1, kNormal, 0.001, 0, 1.0, 0, false, false, false},
         {"above the 1 ms floor", 1, kNormal, 0.002, 0, 1.0, 0, true, false, false},
         {"zero compute time", 100 * kMiB, kNormal, 0.0, 0, 1.0, 0, false, false, false},
-        {"priority never", 100 * kMiB, MC_CachePriority_Never, 100.0, 0, 1.0, 0, false, false,
-         false},
+        {"never", 100 * kMiB, MC_CachePriority_Never, 100.0, 0, 1.0, 0, false, false, false},
         // High skips the speed test while there is room.
         {"high, 199 queued", 100 * kMiB, kHigh, 0.0, 199, 1.0, 0, true, false, false},
         {"high, queue full", 100 * kMiB, kHigh, 100.0, 200, 1.0, 0, false, true, false},
@@ -108,8 +106,6 @@ TEST_F(WriteDecision, Table) {
     EXPECT_DOUBLE_EQ(bag_->GetAdjustedWriteTimePercent(10.0, 0.4), 2.0);  // fuller than 40 %
 }
 
-class OneWrite : public DiskCacheTest {};
-
 class Writer : public DiskCacheTest {
 protected:
     void SetUp() override {
@@ -117,7 +113,7 @@ protected:
         gate_->Set(false);
     }
     IntrusivePtr<MC_Stuff> GatedItem(uint32_t key, MC_CachePriority priority = kHigh) {
-        return NewItemInBag(key, 2000, priority, 2.0, new GatedPayload(key, 2000, gate_));
+        return InBag(NewItem(key, 2000, priority, 2.0, new GatedPayload(key, 2000, gate_)));
     }
     // Six high-priority items checked in with the gate closed.
     std::vector<IntrusivePtr<MC_Stuff>> QueueSix() {
@@ -152,14 +148,14 @@ TEST_F(Writer, OldestTwoAtATimeAndAStopLeavesNoQueuedWrite) {
     EXPECT_EQ(CacheFiles().size(), 2u);
     EXPECT_EQ(counters().writeQueueLength.load(), lengthBefore);
 
-    IntrusivePtr<MC_Stuff> late = NewItemInBag(20, 2000, kNormal, 5.0);
+    IntrusivePtr<MC_Stuff> late = InBag(NewItem(20, 2000, kNormal, 5.0));
     late->MaybeWriteToDisk();  // after the stop: nothing is queued
     EXPECT_FALSE(late->WasTaggedToWriteToDisk());
     EXPECT_EQ(gate_->started, 2);
 }
 
-TEST_F(OneWrite, FinishedWriteAccountsThePaddedFileAndSignals) {
-    IntrusivePtr<MC_Stuff> stuff = NewItemInBag(9, 10, MC_CachePriority_Never, 1.25);
+TEST_F(Writer, FinishedWriteAccountsThePaddedFileAndSignals) {
+    IntrusivePtr<MC_Stuff> stuff = InBag(NewItem(9, 10, MC_CachePriority_Never, 1.25));
     stuff->SetCachedComputeTimeSavings(0.5);
     std::vector<std::pair<bool, bool>> signals;
     velacore::SignalConnection connection = stuff->GetMemDiskChangedSignal().connect(
@@ -185,7 +181,7 @@ TEST_F(OneWrite, FinishedWriteAccountsThePaddedFileAndSignals) {
 
 // A failure at any step of a write leaves no file, accounts nothing and claims nothing: the
 // next attempt writes the file.
-TEST_F(OneWrite, FailuresTable) {
+TEST_F(Writer, FailuresTable) {
     struct Row {
         const char* what;
         FsOp op;
@@ -205,7 +201,7 @@ TEST_F(OneWrite, FailuresTable) {
     uint32_t key = 1;
     for (const Row& t : rows) {
         SCOPED_TRACE(t.what);
-        IntrusivePtr<MC_Stuff> stuff = NewItemInBag(key++, 1u << 20);  // 1 MiB: five buffers
+        IntrusivePtr<MC_Stuff> stuff = InBag(NewItem(key++, 1u << 20));  // 1 MiB: five buffers
         const uint64_t written = counters().bytesWritten.load();
         const uint32_t failures = counters().writeFailures.load();
         {

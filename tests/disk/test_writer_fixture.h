@@ -149,11 +149,8 @@ protected:
         return stuff;
     }
 
-    // Same, already in the global bag (added without the write decision).
-    IntrusivePtr<MC_Stuff> NewItemInBag(uint32_t key, uint32_t size,
-                                        MC_CachePriority priority = MC_CachePriority_Never,
-                                        double computeTime = 1.0, TestPayload* payload = nullptr) {
-        IntrusivePtr<MC_Stuff> stuff = NewItem(key, size, priority, computeTime, payload);
+    // `stuff`, added to the global bag (without the write decision).
+    IntrusivePtr<MC_Stuff> InBag(IntrusivePtr<MC_Stuff> stuff) {
         bag_->AddToBagAndSortDir(stuff);
         return stuff;
     }
@@ -195,10 +192,6 @@ protected:
     std::shared_ptr<MC_Bag> bag_;
     int32_t queueAdjust_ = 0;
 };
-
-}  // namespace diskbtest
-
-namespace disktest {
 
 // The header a TestPayload of (key, variant) gives.
 inline std::vector<uint8_t> PayloadHeader(uint32_t key, uint32_t variant) {
@@ -247,4 +240,4 @@ inline velacore::File WriteRawFile(const velacore::Dir& dir, const std::u16strin
     return file;
 }
 
-}  // namespace disktest
+}  // namespace diskbtest
