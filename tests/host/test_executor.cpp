@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/WaitUntil.h"
+#include "bag/Eventually.h"
 #include "mc/host/Executor.h"
 #include "mc/host/OpenOnceGate.h"
 #include "support/Latch.h"
@@ -17,7 +17,7 @@
 namespace velacore {
 namespace {
 
-using hosttest::WaitUntil;
+using mctest::Eventually;
 
 // A job that counts its runs, and its destruction without having run in `dropped`.
 std::function<void()> CountingJob(std::atomic<int>& ran, std::atomic<int>& dropped) {
@@ -66,7 +66,7 @@ TEST(Executor, StopDropsTheQueueWaitsForRunningJobsAndRefusesPosts) {
             }
             finishedAtStop = finished.load();
         });
-        ASSERT_TRUE(WaitUntil([&] { return dropped.load() == 30; }));  // before the wait
+        ASSERT_TRUE(Eventually([&] { return dropped.load() == 30; }));  // before the wait
         if (kind != 3) {
             EXPECT_TRUE(target->IsStopped());
             EXPECT_FALSE(target->Post([&ran] { ran.fetch_add(1); }));
@@ -118,7 +118,7 @@ TEST(Executor, ConcurrentStopsAllWaitAndAJobDroppedByStopCannotPost) {
             returnedEarly += finished.load() < 2 ? 1 : 0;
         });
     }
-    ASSERT_TRUE(WaitUntil([&] { return repost.load() != 0; }));
+    ASSERT_TRUE(Eventually([&] { return repost.load() != 0; }));
     gate.Open();
     for (auto& t : stoppers) t.join();
     EXPECT_EQ(repost.load(), 2);
@@ -146,7 +146,7 @@ TEST(Executor, LastReferenceDroppedInsideItsOwnJob) {
         sub->Post([s = sub, &ran] { ran.fetch_add(1); });
         pool->Post([p = pool, &ran] { ran.fetch_add(1); });
     }
-    EXPECT_TRUE(WaitUntil([&] { return ran.load() == 2; }));
+    EXPECT_TRUE(Eventually([&] { return ran.load() == 2; }));
 }
 
 // Nested caps, FIFO for a serial one, and a sub-executor stopped from a job of its parent.
@@ -170,7 +170,7 @@ TEST(Executor, SubExecutorsNeverExceedTheirCapAndKeepOrder) {
     mctest::Latch serialDone(1);
     serial->Post([&] { serialDone.count_down(); });  // FIFO: runs after the 300
     serialDone.wait();
-    ASSERT_TRUE(WaitUntil([&] { return done.load() == 300; }));
+    ASSERT_TRUE(Eventually([&] { return done.load() == 300; }));
     EXPECT_LE(peak.load(), 2);
     ASSERT_EQ(order.size(), 300u);
     for (int i = 0; i < 300; ++i) ASSERT_EQ(order[i], i);

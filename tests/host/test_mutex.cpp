@@ -8,13 +8,13 @@
 #include <thread>
 #include <vector>
 
-#include "host/WaitUntil.h"
+#include "bag/Eventually.h"
 #include "mc/host/MultiTenantRecursiveMutex.h"
 
 namespace velacore {
 namespace {
 
-using hosttest::WaitUntil;
+using mctest::Eventually;
 
 using Read = ScopedReadLockWrapper;
 using Upgrade = ScopedUpgradeLockWrapper;
@@ -56,7 +56,7 @@ TEST(Mutex, WaitingWriterGoesBeforeNewcomersButNotBeforeAReentrantReader) {
         mainReadsAtWrite = mainReads.load();
         writerDone = true;
     });
-    ASSERT_TRUE(WaitUntil([&] { return m.HasWaitingWriter(); }));
+    ASSERT_TRUE(Eventually([&] { return m.HasWaitingWriter(); }));
     std::thread reader([&] {
         Read r(m);
         newcomersAfterWriter += writerDone.load();
@@ -65,7 +65,7 @@ TEST(Mutex, WaitingWriterGoesBeforeNewcomersButNotBeforeAReentrantReader) {
         Upgrade u(m);
         newcomersAfterWriter += writerDone.load();
     });
-    ASSERT_TRUE(WaitUntil([&] { return m.BlockedThreads() == 3; }));
+    ASSERT_TRUE(Eventually([&] { return m.BlockedThreads() == 3; }));
     m.LockRead();
     m.UnlockRead();
     mainReads = false;
@@ -86,7 +86,7 @@ TEST(Mutex, EveryBlockedWaiterWakesWhenTheWriterLeaves) {
     for (int kind = 0; kind < kWaiters; ++kind) {
         threads.emplace_back([&, kind] {
             for (int r = 0; r < kRounds; ++r) {
-                WaitUntil([&] { return round.load() >= r; });
+                Eventually([&] { return round.load() >= r; });
                 if (kind <= 1) Read l(m);
                 if (kind == 2) Upgrade l(m);
                 if (kind == 3) Write l(m);
@@ -101,9 +101,9 @@ TEST(Mutex, EveryBlockedWaiterWakesWhenTheWriterLeaves) {
     for (int r = 0; r < kRounds; ++r) {
         m.LockWrite();
         round = r;
-        ASSERT_TRUE(WaitUntil([&] { return m.BlockedThreads() == kWaiters; }));
+        ASSERT_TRUE(Eventually([&] { return m.BlockedThreads() == kWaiters; }));
         m.UnlockWrite();
-        ASSERT_TRUE(WaitUntil([&] { return passed.load() == (r + 1) * kWaiters; }));
+        ASSERT_TRUE(Eventually([&] { return passed.load() == (r + 1) * kWaiters; }));
     }
     for (auto& th : threads) th.join();
 }

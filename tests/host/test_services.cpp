@@ -9,8 +9,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "bag/Eventually.h"
 #include "host/HostOps.h"
-#include "host/WaitUntil.h"
 #include "mc/host/Errors.h"
 #include "mc/host/OpenOnceGate.h"
 #include "mc/standalone/StandaloneHost.h"
@@ -20,7 +20,7 @@
 
 namespace {
 
-using hosttest::WaitUntil;
+using mctest::Eventually;
 using mctest::ScopedHostServices;
 using velacore::StandaloneConfig;
 using velacore::StandaloneHostServices;
@@ -71,11 +71,11 @@ TEST(StandaloneMemory, MonitorPurgesAboveTheBudgetOnItsThreadAndStopsWhenCleared
                            usage = 100;
                            purges.fetch_add(1);
                        });
-    ASSERT_TRUE(WaitUntil([&] { return purges.load() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return purges.load() == 1; }));
     EXPECT_EQ(amountInHook.load(), 600u);  // 1500 - low water 900
     EXPECT_FALSE(onTestThread.load());
     const uint64_t samples = s->GetCounters().memorySamples;
-    ASSERT_TRUE(WaitUntil([&] { return s->GetCounters().memorySamples >= samples + 3; }));
+    ASSERT_TRUE(Eventually([&] { return s->GetCounters().memorySamples >= samples + 3; }));
     EXPECT_EQ(purges.load(), 1);
     EXPECT_EQ(U_AmountAvailableBeforePurge(), 900u);
     s->SetMemoryClient([] { return int64_t{2000}; },
@@ -83,7 +83,7 @@ TEST(StandaloneMemory, MonitorPurgesAboveTheBudgetOnItsThreadAndStopsWhenCleared
                            purges.fetch_add(1);
                            s->SetMemoryClient(nullptr, nullptr);  // from the monitor thread
                        });
-    ASSERT_TRUE(WaitUntil([&] { return !s->IsMemoryMonitorRunning(); }));
+    ASSERT_TRUE(Eventually([&] { return !s->IsMemoryMonitorRunning(); }));
     EXPECT_EQ(purges.load(), 2);
 }
 

@@ -35,76 +35,66 @@ namespace farmtest {
 using mctest::TestPayload;
 using velacore::IntrusivePtr;
 
-inline std::string RedisServerBinary() {
+inline const char* RedisServerBinary() {
     for (const char* p : {"/usr/bin/redis-server", "/usr/local/bin/redis-server"})
         if (::access(p, X_OK) == 0) return p;
-    return {};
+    return nullptr;
 }
 
-inline int FreeLoopbackPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    ::close(fd);
-    return ntohs(a.sin_port);
-}
-
-// One redis-server child process.
+// One redis-server child process on a port the kernel just handed out.
 class RedisServer {
 public:
-    explicit RedisServer(std::vector<std::string> extra = {})
-        : port_(FreeLoopbackPort()), args_(std::move(extra)) {
-        const std::string fixed = "--save  --appendonly no --bind 127.0.0.1 --logfile redis.log";
-        args_.insert(args_.begin(), {RedisServerBinary(), "--port", std::to_string(port_), "--dir",
-                                     dir_.Path().string()});
+    explicit RedisServer(std::vector<std::string> extra = {}) {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+        ::close(fd);
+        port_ = ntohs(a.sin_port);
+        const std::string line = std::string(RedisServerBinary()) + " --port " +
+                                 std::to_string(port_) + " --dir " + dir_.Path().string() +
+                                 " --save  --appendonly no --bind 127.0.0.1 --logfile redis.log";
         for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1)
-            args_.push_back(fixed.substr(at, (end = fixed.find(' ', at)) - at));
+            args_.push_back(line.substr(at, (end = line.find(' ', at)) - at));
+        args_.insert(args_.end(), extra.begin(), extra.end());
     }
     ~RedisServer() { Kill(); }
 
+    // Forks it and polls its readiness: PONG, or NOAUTH with a password.
     bool Start() {
-        pid_ = ::fork();
-        if (pid_ == 0) {
+        if ((pid_ = ::fork()) == 0) {
             std::vector<char*> argv;
-            for (std::string& a : args_) argv.push_back(a.data());
+            for (std::string& s : args_) argv.push_back(s.data());
             argv.push_back(nullptr);
             ::execv(argv[0], argv.data());
             ::_exit(127);
         }
-        // Polls its readiness: PONG, or NOAUTH with a password.
         for (int i = 0; i < 1000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
             if (Do({"PING"})) return true;
         return false;
     }
     void Kill() {
-        if (pid_ <= 0) return;
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
+        if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }
     std::string Url(const std::string& creds = {}) const {
         return "redis://" + (creds.empty() ? "" : creds + "@") +
                "127.0.0.1:" + std::to_string(port_);
     }
-    // One command on a fresh connection.
+    // One command on a fresh connection; null when the server is unreachable.
     mc_remote::Reply Do(const std::vector<std::string>& args) {
         std::unique_ptr<redisContext, decltype(&redisFree)> c(
             redisConnectWithTimeout("127.0.0.1", port_, timeval{2, 0}), &redisFree);
         if (!c || c->err) return nullptr;
         std::vector<const char*> argv;
         std::vector<size_t> len;
-        for (const std::string& a : args) {
-            argv.push_back(a.data());
-            len.push_back(a.size());
-        }
+        for (const std::string& s : args) argv.push_back(s.data()), len.push_back(s.size());
         return mc_remote::Reply(static_cast<redisReply*>(
             redisCommandArgv(c.get(), static_cast<int>(argv.size()), argv.data(), len.data())));
     }
-    // Keys matching a pattern.
     std::vector<std::string> Keys(const std::string& pattern) {
         std::vector<std::string> out;
         if (auto r = Do({"KEYS", pattern}); r && r->type == REDIS_REPLY_ARRAY)
@@ -115,7 +105,7 @@ public:
 
 private:
     mctest::TempDir dir_{"mc-redis"};
-    int port_;
+    int port_ = 0;
     std::vector<std::string> args_;
     pid_t pid_ = -1;
 };
@@ -126,7 +116,7 @@ public:
     velacore::RemoteTierSettings remote;
 };
 
-// Whether data is the payload Render(key, size) made, byte for byte.
+// Whether data is the payload RenderAndPublish(key, size) made, byte for byte.
 inline bool HasKeyPattern(const IntrusivePtr<MC_StuffData>& data, uint32_t key, uint32_t size) {
     auto* payload = dynamic_cast<TestPayload*>(data.get());
     auto bytes = payload ? payload->Bytes() : nullptr;
@@ -135,16 +125,14 @@ inline bool HasKeyPattern(const IntrusivePtr<MC_StuffData>& data, uint32_t key, 
 
 class FarmTest : public ::testing::Test {
 protected:
-    static constexpr unsigned kAppVersion = 0x2B;
-
     void SetUp() override {
-        if (RedisServerBinary().empty()) GTEST_SKIP() << "redis-server is not installed";
+        if (!RedisServerBinary()) GTEST_SKIP() << "redis-server is not installed";
         host_ = std::make_shared<FarmHost>();
         host_->remote.backoffMs = 200;
         host_->remote.operationTimeoutMs = 5000;
         scoped_ = std::make_unique<mctest::ScopedHostServices>(host_);
         mc_settings::ResetForTesting();
-        auto& c = MCp_GetCounters();
+        auto& c = counters();
         for (auto* n :
              {&c.remoteHits, &c.remotePublished, &c.remoteChecksumRejects, &c.remoteBackoffs})
             n->store(0);
@@ -152,18 +140,17 @@ protected:
     }
     void TearDown() override {
         MCr_SetTestHook({});
-        Death();
+        if (scoped_) Death();
         scoped_.reset();
     }
     void Birth() {
         folder_ = std::make_unique<mctest::TempDir>("mc-farm");
-        MC_Birth(false, kAppVersion, false);
+        MC_Birth(false, 0x2B, false);
         TestPayload::RegisterFactory();
         MC_GlobalBag()->SetDiskCacheInfo(folder_->AsDir(), 4096);
         MC_GlobalBag()->EnableDiskCache(true);
     }
     void Death() {
-        if (!scoped_) return;
         MC_StopAllAsyncWork();
         MC_Death();
         folder_.reset();
@@ -175,24 +162,23 @@ protected:
     }
     void UseServers(const std::vector<std::string>& urls) { host_->remote.urls = urls; }
 
-    // Renders (key, variant) of `size` bytes here; it goes to disk and so to the remote tier.
-    void Render(uint32_t key, uint32_t size, uint32_t variant = 0) {
-        MC_ScCheckout r;
-        ASSERT_EQ(
-            r.FindAndCheckout(mctest::MakeRequest(key, variant), MC_CheckoutFlag_CreatePending),
-            MC_CheckoutResult_CreatedNewPending);
-        auto* p = new TestPayload(key, size, variant);
-        p->SetDiskCacheable(true);
-        p->SetCachePriority(MC_CachePriority_High);
-        r.GetStuffPtr()->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(p), 0.5);
-    }
-    // Renders and waits until the disk writer and then the tier have sent it on (or dropped it).
+    // Renders (key, variant) of `size` bytes here and waits until the disk writer and then the
+    // tier have sent it on (or dropped it).
     bool RenderAndPublish(uint32_t key, uint32_t size, uint32_t variant = 0) {
-        auto& c = MCp_GetCounters();
-        const uint32_t before = c.remotePublished.load() + c.remotePublishDrops.load();
-        Render(key, size, variant);
+        const uint32_t before = counters().remotePublished + counters().remotePublishDrops;
+        {
+            MC_ScCheckout r;
+            if (r.FindAndCheckout(mctest::MakeRequest(key, variant),
+                                  MC_CheckoutFlag_CreatePending) !=
+                MC_CheckoutResult_CreatedNewPending)
+                return false;
+            auto* p = new TestPayload(key, size, variant);
+            p->SetDiskCacheable(true);
+            p->SetCachePriority(MC_CachePriority_High);
+            r.GetStuffPtr()->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(p), 0.5);
+        }
         return MC_Bag::WaitForDiskWrites(20) && MCr_WaitForPublishing(20) &&
-               c.remotePublished.load() + c.remotePublishDrops.load() > before;
+               counters().remotePublished + counters().remotePublishDrops > before;
     }
     // What a request finds: the payload when the remote tier (or memory) had it, else null
     // (a pending item was created, and is abandoned).
@@ -202,10 +188,9 @@ protected:
             r.FindAndCheckout(mctest::MakeRequest(key, variant),
                               MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending);
         if (fromFarm) *fromFarm = MCr_FilledByThisThread(r.GetStuffPtr().get());
-        if (res != MC_CheckoutResult_CheckedOut) return nullptr;
-        return r.GetStuffPtr()->GetDataPtr();
+        return res == MC_CheckoutResult_CheckedOut ? r.GetStuffPtr()->GetDataPtr() : nullptr;
     }
-    MCp_Counters& counters() { return MCp_GetCounters(); }
+    static MCp_Counters& counters() { return MCp_GetCounters(); }
 
     std::shared_ptr<FarmHost> host_;
     std::unique_ptr<mctest::ScopedHostServices> scoped_;

@@ -59,10 +59,6 @@ public:
     void SetMemoryClient(std::function<int64_t()> usage, std::function<void()> purge) override {
         Set(hasMemoryClient_, usage || purge);
     }
-    int StartQuietErrorsOnCurrentThread(int level) override {
-        const int refusal = Get(quietRefusal_);
-        return refusal ? refusal : StandaloneHostServices::StartQuietErrorsOnCurrentThread(level);
-    }
     bool IsOnMainThread() override {
         return Get(everyThreadMain_).value_or(StandaloneHostServices::IsOnMainThread());
     }
@@ -102,7 +98,6 @@ public:
     void RecordProfile(std::string_view label, int64_t nanos) override;
 
     // --- scripting ----------------------------------------------------------------------------
-    velacore::StandaloneHostServices& Standalone() { return *this; }
     void SetAmountToPurge(uint64_t bytes) { Set(amountToPurge_, bytes); }
     void SetAmountAvailable(uint64_t bytes) { Set(amountAvailable_, bytes); }
     // What GetMemUsageLimits writes and returns.
@@ -120,8 +115,6 @@ public:
     void SetEveryThreadMain(std::optional<bool> answer) { Set(everyThreadMain_, answer); }
     // Whether the calling thread holds the notification lock.
     void SetHoldingNotifyLock(bool holding);
-    // A non-zero code makes StartQuietErrorsOnCurrentThread refuse with it (0 accepts again).
-    void SetQuietErrorsRefusal(int code) { Set(quietRefusal_, code); }
     void SetComputerName(std::string name) { Set(computerName_, std::move(name)); }
     void SetClientVersion(std::string version) { Set(clientVersion_, std::move(version)); }
     void SetBetaPrime(bool beta) { Set(betaPrime_, beta); }
@@ -181,7 +174,6 @@ private:
     std::vector<std::function<void()>> deferredTopLevel_;
     std::optional<bool> everyThreadMain_;
     std::set<std::thread::id> notifyHolders_;
-    int quietRefusal_ = 0;
     std::string computerName_ = "recording-host", clientVersion_ = "1.0";
     NX::IMediaManager* media_ = nullptr;
 };
