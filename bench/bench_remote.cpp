@@ -12,11 +12,14 @@
 #include <cstring>
 #include <vector>
 
+#include "bag/Eventually.h"
 #include "mc/host/ByteStream.h"
 #include "mc/host/Errors.h"
 #include "remote/FarmFixture.h"
 
 using namespace farmtest;
+using Clock = std::chrono::steady_clock;
+using mctest::Eventually;
 
 namespace {
 
@@ -236,7 +239,7 @@ void HitBench(RedisServer& server) {
 }  // namespace
 
 int main() {
-    if (RedisServerBinary().empty()) {
+    if (!RedisServerBinary()) {
         std::fprintf(stderr, "bench_remote: redis-server is not installed\n");
         return 0;
     }

@@ -103,6 +103,8 @@ public:
         return out;
     }
 
+    int Port() const { return port_; }
+
 private:
     mctest::TempDir dir_{"mc-redis"};
     int port_ = 0;
