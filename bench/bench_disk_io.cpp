@@ -12,8 +12,8 @@
 //                header and payload rounded up to whole 4 KiB blocks.
 // Prints, per figure, the minimum and median time of a pass over the rounds, the MiB/s of the
 // median (file bytes for writes, header and payload bytes for reads), and the ratio of the
-// medians cache / raw (goal >= 0.9). Usage: bench_disk_io [rounds >= 5] [8 or 1: that payload
-// size in MiB only]. The folder is MC_BENCH_DIR when set, else the system's temporary folder.
+// medians cache / raw (goal >= 0.9). Usage: bench_disk_io [rounds >= 5]. The folder is
+// MC_BENCH_DIR when set, else the system's temporary folder.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -296,9 +296,7 @@ int main(int argc, char** argv) {
         uint32_t payload, items;
     };
     try {
-        const uint32_t only = argc > 2 ? static_cast<uint32_t>(std::atoi(argv[2])) : 0;
         for (const Size s : {Size{8u << 20, 32}, Size{1u << 20, 128}}) {
-            if (only != 0 && s.payload != only << 20) continue;
             Figures f;
             for (int r = 0; r < rounds; ++r) Round(s.items, s.payload, r % 2 == 1, f);
             const double fileBytes = double(RoundUp(kHeaderAndSize + s.payload, kBlock)) * s.items;

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <string_view>
 
 #include "lifecycle/Messages.h"
@@ -283,87 +282,4 @@ void FastWriteOnlyStream::WriteBuffer() {
     }
     AddBytesWritten(bufferSize_);
     position_ = 0;
-}
-
-// --- read stream -----------------------------------------------------------------------------
-
-namespace {
-
-// Read buffers of kMaxRead bytes, kept for the next stream.
-class ReadBufferPool {
-public:
-    static ReadBufferPool& Get() {
-        static ReadBufferPool pool;
-        return pool;
-    }
-    velacore::AlignedBuffer Take() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (!free_.empty()) {
-                velacore::AlignedBuffer b = std::move(free_.back());
-                free_.pop_back();
-                return b;
-            }
-        }
-        return velacore::AlignedBuffer(FastReadOnlyStream::kMaxRead,
-                                       FastReadOnlyStream::kAlignment);
-    }
-    void GiveBack(velacore::AlignedBuffer buffer) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (free_.size() < kKept) free_.push_back(std::move(buffer));
-    }  // a buffer not kept is freed here, after the mutex was released
-
-private:
-    static constexpr size_t kKept = 2;
-    std::mutex mutex_;
-    std::vector<velacore::AlignedBuffer> free_;
-};
-
-}  // namespace
-
-FastReadOnlyStream::FastReadOnlyStream(const File& file, uint64_t fileSize)
-    : direct_(fileSize != 0 && fileSize <= kMaxRead), firstRead_(direct_ ? fileSize : 0) {
-    velacore::FileSystem& fs = velacore::GetFileSystem();
-    file_ = direct_ ? fs.OpenForDirectRead(file.GetFullPath()) : fs.OpenForRead(file.GetFullPath());
-    if (!direct_ && fileSize != 0) file_->WillRead(fileSize);
-}
-
-FastReadOnlyStream::~FastReadOnlyStream() {
-    if (buffer_.Size() != 0) ReadBufferPool::Get().GiveBack(std::move(buffer_));
-}
-
-size_t FastReadOnlyStream::ReadSome(void* buffer, size_t size) {
-    if (size == 0) return 0;
-    if (position_ < bufferStart_ || position_ >= bufferStart_ + bufferLength_) {
-        if (!direct_ && size >= kMinRead) {
-            file_->Seek(position_);
-            const size_t got = file_->Read(buffer, size);
-            position_ += got;
-            return got;
-        }
-        Fill(size);
-        if (position_ >= bufferStart_ + bufferLength_) return 0;  // end of the file
-    }
-    const size_t offset = static_cast<size_t>(position_ - bufferStart_);
-    const size_t count = std::min(size, bufferLength_ - offset);
-    std::memcpy(buffer, buffer_.Data() + offset, count);
-    position_ += count;
-    return count;
-}
-
-void FastReadOnlyStream::Fill(size_t wanted) {
-    const uint64_t start = position_ & ~static_cast<uint64_t>(kAlignment - 1);
-    const uint64_t span = position_ - start + std::max<uint64_t>({wanted, kMinRead, firstRead_});
-    firstRead_ = 0;
-    const size_t length = static_cast<size_t>(
-        std::min<uint64_t>(velacore::RoundUpToBlock(span, kAlignment), kMaxRead));
-    if (buffer_.Size() == 0) buffer_ = ReadBufferPool::Get().Take();
-    bufferLength_ = 0;
-    bufferStart_ = start;
-    file_->Seek(start);
-    while (bufferLength_ < length) {
-        const size_t got = file_->Read(buffer_.Data() + bufferLength_, length - bufferLength_);
-        if (got == 0) break;
-        bufferLength_ += got;
-    }
 }

@@ -16,14 +16,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "mc/host/AlignedBuffer.h"
 #include "mc/host/ByteStream.h"
 #include "mc/host/File.h"
-#include "mc/host/FileSystem.h"
 #include "mc/host/Guid.h"
 
 namespace velacore {
@@ -151,45 +149,4 @@ private:
     size_t position_ = 0;  // bytes used in buffer_
     uint64_t total_ = 0;
     bool finished_ = false;
-};
-
-// The stream a cache file is read back through. Direct (past the system's cache where the file
-// system allows it): whole aligned blocks are read into an aligned buffer, each read as large as
-// asked for (at least 64 KiB, at most 4 MiB), so a small payload read in one piece costs one
-// device read and one copy; bytes past a read's end up to its block boundary are kept for the
-// next read. Buffered (for large files, where the system's read-ahead overlaps the device with
-// the copy): small reads go through the same buffer, reads of 64 KiB or more straight into the
-// caller's memory. The buffers come from a small process-wide pool (two are kept), so their
-// pages are not faulted in again for every file.
-// Errors: as IPlatformByteStream (FileNotFoundError, IOError); std::bad_alloc for the buffer.
-class FastReadOnlyStream : public velacore::IByteStream {
-public:
-    static constexpr size_t kAlignment = 4096;
-    static constexpr size_t kMinRead = 64 * 1024;
-    static constexpr size_t kMaxRead = 4 * 1024 * 1024;
-
-    // Opens `file`, expected to be `fileSize` bytes long (0: unknown), for reading from offset
-    // 0: direct when it is at most kMaxRead bytes (the first read then takes all of it), else
-    // buffered with the system asked to read the whole file ahead. Throws.
-    FastReadOnlyStream(const velacore::File& file, uint64_t fileSize);
-    ~FastReadOnlyStream() override;
-    FastReadOnlyStream(const FastReadOnlyStream&) = delete;
-    FastReadOnlyStream& operator=(const FastReadOnlyStream&) = delete;
-
-    size_t ReadSome(void* buffer, size_t size) override;
-    void Seek(uint64_t offset) override { position_ = offset; }
-    uint64_t Tell() const override { return position_; }
-    // The file's current length. Throws IOError.
-    uint64_t FileSize() { return file_->Size(); }
-
-private:
-    void Fill(size_t wanted);
-
-    std::unique_ptr<velacore::ReadableFile> file_;
-    bool direct_;
-    uint64_t firstRead_;  // bytes the first fill asks for
-    velacore::AlignedBuffer buffer_;
-    uint64_t bufferStart_ = 0;  // file offset of buffer_[0]
-    size_t bufferLength_ = 0;   // valid bytes in buffer_
-    uint64_t position_ = 0;
 };

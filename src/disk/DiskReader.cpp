@@ -26,6 +26,11 @@ namespace {
 debug::TraceSite g_prepTrace("MC_Stuff", 7);
 debug::TraceSite g_readFailedTrace("DiskCache", 6);
 
+// Small on purpose: a payload read at least this long goes straight into the payload's memory,
+// only the header and small reads pass through the buffer.
+constexpr size_t kReadBufferSize = 65536;
+constexpr size_t kReadBlockSize = 4096;
+
 // Quiet error reports on this thread for the scope. A host that refuses quiet mode has its code
 // thrown at once: nothing is read.
 class ScQuietErrors {
@@ -105,7 +110,9 @@ bool MCp_DiskReader::Read(MC_Stuff& stuff, ScopedUpgradeLockWrapper& upgradeLock
     if (!file) return false;
 
     MCp_ScBusyInterval busy(MCp_ReadBusyTracker());
-    FastReadOnlyStream in(*file, stuff.diskSizeReported_.load());
+    velacore::IBufferedByteStream in(std::make_unique<velacore::IPlatformByteStream>(
+                                         *file, velacore::IPlatformByteStream::kRead),
+                                     kReadBufferSize, kReadBlockSize);
     CacheFileHeader prefilled;
     uint8_t bytes[kCacheFileHeaderSize];
     std::memcpy(bytes, prefilled.Encode().data(), kCacheFileHeaderSize);
@@ -128,9 +135,9 @@ bool MCp_DiskReader::Read(MC_Stuff& stuff, ScopedUpgradeLockWrapper& upgradeLock
     stuff.SyncMemorySizeWithBag(size);
     if (seconds > 0.0) MCp_ReadSpeedStat().AddSample(size, seconds);
     try {
-        MCp_GetCounters().bytesRead.fetch_add(in.FileSize());
+        MCp_GetCounters().bytesRead.fetch_add(file->Size());
     } catch (const velacore::HostError&) {
-        // the length could not be read: the read stands
+        // removed since it was read (another cache sharing the folder): the read stands
     }
     stuff.lastReadFromDiskTime_.store(velacore::HighPrecisionTime::Now());
     return true;

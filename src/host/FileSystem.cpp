@@ -15,17 +15,12 @@ namespace velacore {
 WritableFile::~WritableFile() = default;
 void WritableFile::Reserve(uint64_t /*size*/) {}
 ReadableFile::~ReadableFile() = default;
-void ReadableFile::WillRead(uint64_t /*length*/) {}
 FileSystem::~FileSystem() = default;
 
 std::unique_ptr<WritableFile> FileSystem::CreateForDirectWrite(const std::filesystem::path& path) {
     CreateFile(path, true);
     SetNotContentIndexed(path);
     return OpenForDirectWrite(path);
-}
-
-std::unique_ptr<ReadableFile> FileSystem::OpenForDirectRead(const std::filesystem::path& path) {
-    return OpenForRead(path);
 }
 
 std::vector<DirectoryEntry> FileSystem::ListDirectoryWithStats(const std::filesystem::path& path) {

@@ -63,9 +63,6 @@ public:
 
     // The current length of the file in bytes. Throws IOError.
     virtual uint64_t Size() = 0;
-    // Tells the system that the first `length` bytes will be read soon, so it may start reading
-    // them ahead. Only a hint: nothing happens where the system has no such request.
-    virtual void WillRead(uint64_t length);
 };
 
 // One entry of a folder listing. Symbolic links are never followed: a link (to a folder or
@@ -99,11 +96,6 @@ public:
     // following a symbolic link in the last component: a link, FIFO, device or folder throws
     // IOError. Returns the open file, owned by the caller.
     virtual std::unique_ptr<ReadableFile> OpenForRead(const std::filesystem::path& path) = 0;
-    // OpenForRead, bypassing the system's cache where the file system allows it. Reads are
-    // then best made of whole aligned blocks into aligned memory (see AlignedBuffer); one the
-    // system refuses for alignment is retried buffered. The default is OpenForRead (so a
-    // wrapper's override of that applies).
-    virtual std::unique_ptr<ReadableFile> OpenForDirectRead(const std::filesystem::path& path);
 
     // Creates an empty file, readable by everyone and writable by its owner only (at most 0644,
     // less the umask). When it already exists: throws IOError (EEXIST) if failIfExists, else

@@ -22,7 +22,6 @@ public:
     std::unique_ptr<WritableFile> OpenForDirectWrite(const std::filesystem::path& path) override;
     std::unique_ptr<WritableFile> CreateForDirectWrite(const std::filesystem::path& path) override;
     std::unique_ptr<ReadableFile> OpenForRead(const std::filesystem::path& path) override;
-    std::unique_ptr<ReadableFile> OpenForDirectRead(const std::filesystem::path& path) override;
     void CreateFile(const std::filesystem::path& path, bool failIfExists) override;
     void DeleteFile(const std::filesystem::path& path) override;
     void Rename(const std::filesystem::path& from, const std::filesystem::path& to) override;

@@ -113,8 +113,7 @@ private:
 
 class PosixReadableFile final : public ReadableFile {
 public:
-    PosixReadableFile(int fd, std::filesystem::path path, bool direct = false)
-        : fd_(fd), path_(std::move(path)), direct_(direct) {}
+    PosixReadableFile(int fd, std::filesystem::path path) : fd_(fd), path_(std::move(path)) {}
     ~PosixReadableFile() override { ::close(fd_); }
     PosixReadableFile(const PosixReadableFile&) = delete;
     PosixReadableFile& operator=(const PosixReadableFile&) = delete;
@@ -130,8 +129,6 @@ public:
                 offset_ += static_cast<uint64_t>(got);
             } else if (got == 0) {
                 break;
-            } else if (errno == EINVAL && direct_) {
-                DropDirectIo();  // refused for alignment: read on through the cache
             } else if (errno != EINTR) {
                 ThrowLastFsError("read", path_);
             }
@@ -141,14 +138,6 @@ public:
 
     void Seek(uint64_t offset) override { offset_ = offset; }
 
-    void WillRead(uint64_t length) override {
-#ifdef POSIX_FADV_WILLNEED
-        if (!direct_) ::posix_fadvise(fd_, 0, static_cast<off_t>(length), POSIX_FADV_WILLNEED);
-#else
-        (void)length;
-#endif
-    }
-
     uint64_t Size() override {
         struct stat st {};
         if (::fstat(fd_, &st) != 0) ThrowLastFsError("fstat", path_);
@@ -156,19 +145,8 @@ public:
     }
 
 private:
-    void DropDirectIo() {
-#ifdef O_DIRECT
-        const int flags = ::fcntl(fd_, F_GETFL);
-        if (flags == -1 || ::fcntl(fd_, F_SETFL, flags & ~O_DIRECT) == -1) {
-            ThrowLastFsError("leave direct I/O on", path_);
-        }
-#endif
-        direct_ = false;
-    }
-
     int fd_;
     std::filesystem::path path_;
-    bool direct_;
     uint64_t offset_ = 0;
 };
 
@@ -232,27 +210,6 @@ std::unique_ptr<WritableFile> OpenWritable(const std::filesystem::path& path, bo
     }
 }
 
-std::unique_ptr<ReadableFile> OpenReadable(const std::filesystem::path& path, bool direct) {
-    int fd = -1;
-#ifdef O_DIRECT
-    if (direct) {
-        fd = OpenFile(path, O_RDONLY | O_CLOEXEC | O_DIRECT);
-        if (fd < 0 && errno != EINVAL) ThrowLastFsError("open for direct read", path);
-    }
-#endif
-    if (fd < 0) {
-        direct = false;
-        fd = OpenFile(path, O_RDONLY | O_CLOEXEC);
-        if (fd < 0) ThrowLastFsError("open for read", path);
-    }
-    try {
-        return std::make_unique<PosixReadableFile>(fd, path, direct);
-    } catch (...) {
-        ::close(fd);
-        throw;
-    }
-}
-
 }  // namespace
 
 std::unique_ptr<WritableFile> PosixFileSystem::OpenForDirectWrite(
@@ -266,12 +223,14 @@ std::unique_ptr<WritableFile> PosixFileSystem::CreateForDirectWrite(
 }
 
 std::unique_ptr<ReadableFile> PosixFileSystem::OpenForRead(const std::filesystem::path& path) {
-    return OpenReadable(path, false);
-}
-
-std::unique_ptr<ReadableFile> PosixFileSystem::OpenForDirectRead(
-    const std::filesystem::path& path) {
-    return OpenReadable(path, options_.allowDirectIo);
+    const int fd = OpenFile(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) ThrowLastFsError("open for read", path);
+    try {
+        return std::make_unique<PosixReadableFile>(fd, path);
+    } catch (...) {
+        ::close(fd);
+        throw;
+    }
 }
 
 }  // namespace velacore
