@@ -151,24 +151,4 @@ TEST_F(CacheStream, WholeBuffersTable) {
     }
 }
 
-// Read-back gives the exact bytes, direct (a few KiB) or buffered (just over 4 MiB), for reads
-// of any size starting anywhere, and 0 at the end.
-TEST_F(CacheStream, ReadBackGivesExactBytesDirectAndBuffered) {
-    for (const size_t size : {size_t{5000}, FastReadOnlyStream::kMaxRead + 5000}) {
-        SCOPED_TRACE(size);
-        const File file = dir_.FileAt("r" + std::to_string(size));
-        const std::vector<uint8_t> bytes = mctest::PatternBytes(size, 7);
-        mctest::WriteWholeFile(file.GetFullPath(), bytes);
-        FastReadOnlyStream in(file, size);
-        std::vector<uint8_t> got(size + 1);
-        size_t at = 0;
-        for (size_t i = 0, n = 1; n != 0; ++i, at += n) {
-            const size_t pieces[] = {36, 70000, 70000, 3, 5000};
-            n = in.ReadSome(got.data() + at, std::min(pieces[i % 5], got.size() - at));
-        }
-        got.resize(at);
-        EXPECT_TRUE(got == bytes);
-    }
-}
-
 }  // namespace
