@@ -39,7 +39,7 @@ struct Entry {
     double ageSeconds = 0;
 };
 
-// A path below `base` made from a relative folder spec in UTF-16 (native separators), one
+// A path below `base` made from a relative folder path in UTF-16 (native separators), one
 // component at a time through the host's UTF-16 names: non-ASCII folders come out right on
 // every system.
 fs::path Below(const fs::path& base, std::u16string_view relative) {
