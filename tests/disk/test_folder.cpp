@@ -34,8 +34,8 @@ protected:
     bool WithFolder() const override { return false; }
     fs::path Expected(const fs::path& root, const char* machine = "diskb-host",
                       const char* product = "Tessaline") const {
-        return root / "Ostrel" / product / "1.0" /
-               (std::string("Disk Cache - ") + machine + ".noindex");
+        const std::string leaf = std::string("Disk Cache - ") + machine + ".noindex";
+        return root / "Ostrel" / product / "1.0" / std::u8string(leaf.begin(), leaf.end());
     }
     // Calls SetDiskCacheInfo and returns the int it threw (0 when it did not throw).
     int SetInfo(const Dir& root, uint64_t megabytes) {
