@@ -289,6 +289,7 @@ void MCp_DiskFolder::Scan(MC_Bag& bag) {
         return;
     }
     SweepTempFiles(bag, walk.temps);
+    bag.GetSortDir()->Reserve(walk.files.size());
     bool stopped = walk.stopped;
     for (const ListedFile& listed : walk.files) {
         if (MCp_StopRequested()) {
