@@ -78,6 +78,57 @@ bool IsAscii(std::string_view text) {
                        [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
+// Hex digit values, 0x10 for what is not one.
+constexpr std::array<uint8_t, 256> MakeHexTable() {
+    std::array<uint8_t, 256> table{};
+    for (auto& v : table) v = 0x10;
+    for (int i = 0; i < 10; ++i) table['0' + i] = static_cast<uint8_t>(i);
+    for (int i = 0; i < 6; ++i) {
+        table['A' + i] = static_cast<uint8_t>(10 + i);
+        table['a' + i] = static_cast<uint8_t>(10 + i);
+    }
+    return table;
+}
+constexpr std::array<uint8_t, 256> kHexValue = MakeHexTable();
+
+// The GUID text that names are built with (36 characters, dashes at 8, 13, 18 and 23, hex digits
+// of either case), read without a branch per digit. Any other text goes to the host's parser,
+// which accepts a little more (braces) and reports what it refuses.
+bool ParseGuid(std::string_view text, velacore::Guid& guid) {
+    static constexpr size_t kDigitPairs[16] = {0,  2,  4,  6,  9,  11, 14, 16,
+                                               19, 21, 24, 26, 28, 30, 32, 34};
+    if (text.size() == 36 && text[8] == '-' && text[13] == '-' && text[18] == '-' &&
+        text[23] == '-') {
+        velacore::Guid::Bytes bytes{};
+        unsigned bad = 0;
+        for (size_t k = 0; k < bytes.size(); ++k) {
+            const unsigned high = kHexValue[static_cast<uint8_t>(text[kDigitPairs[k]])];
+            const unsigned low = kHexValue[static_cast<uint8_t>(text[kDigitPairs[k] + 1])];
+            bad |= high | low;
+            bytes[k] = static_cast<uint8_t>((high << 4) | low);
+        }
+        if ((bad & 0x10) == 0) {
+            guid = velacore::Guid(bytes);
+            return true;
+        }
+    }
+    try {
+        guid = velacore::Guid(text);
+        return true;
+    } catch (const velacore::HostError&) {
+        return false;
+    }
+}
+
+bool ParseGuid(std::u16string_view text, velacore::Guid& guid) {
+    try {
+        guid = velacore::Guid(text);
+        return true;
+    } catch (const velacore::HostError&) {
+        return false;
+    }
+}
+
 // Parses a name held as UTF-16, or as ASCII (the usual case, which needs no conversion).
 // Returns 0 or the error code.
 template <class CharT>
@@ -88,11 +139,7 @@ int ParseFields(std::basic_string_view<CharT> name, uint32_t expectedAppVersion,
         !NextField(rest, versionText) || !NextField(rest, headerText)) {
         return MCp_Err_FormatVersion;
     }
-    try {
-        parsed.guid = velacore::Guid(guidText);
-    } catch (const velacore::HostError&) {
-        return MCp_Err_FormatVersion;
-    }
+    if (!ParseGuid(guidText, parsed.guid)) return MCp_Err_FormatVersion;
     if (!ParseVersionField(Narrow(versionText), parsed.appVersion) ||
         parsed.appVersion != expectedAppVersion) {
         return MCp_Err_AppVersion;
