@@ -100,11 +100,13 @@ void Adopt(MC_Bag& bag, const File& file, uint64_t size, const velacore::Guid& g
         same->SyncDiskSizeWithBag(ClampToU32(size));
 }
 
-// A cache file met by the walk, with its name (UTF-8) and the size the listing saw.
+// A cache file met by the walk: its name (UTF-8), its folder (an index into Walk::folders) and
+// the size the listing saw. Its path is made only when it is adopted: a path is large, and a
+// scan may list a great many files.
 struct ListedFile {
-    File file;
     std::string name;
     uint64_t size = 0;
+    size_t folder = 0;
 };
 
 std::filesystem::path Join(const std::filesystem::path& folder, const std::string& name) {
@@ -115,12 +117,17 @@ std::filesystem::path Join(const std::filesystem::path& folder, const std::strin
 struct Walk {
     uint64_t mark = 0;  // cache files created before this are skipped (0: none)
     bool stopped = false;
+    std::vector<std::filesystem::path> folders;
     std::vector<ListedFile> files;
     std::vector<File> temps;
 
+    File FileOf(const ListedFile& listed) const {
+        return File(Join(folders[listed.folder], listed.name));
+    }
+
     // Lists `folder` (one look per file, relative to the folder) and the folders below it. A
     // failure to list the top folder throws; below it, a folder that cannot be listed is skipped.
-    // Names are tested as the listing gives them; only files kept get a path.
+    // Names are tested as the listing gives them.
     void Folder(const std::filesystem::path& folder, int depth) {
         std::vector<velacore::DirectoryEntry> entries;
         try {
@@ -129,6 +136,8 @@ struct Walk {
             if (depth == 0) throw;
             return;
         }
+        const size_t folderIndex = folders.size();
+        folders.push_back(folder);
         for (velacore::DirectoryEntry& entry : entries) {
             if (stopped || (stopped = MCp_StopRequested())) return;
             if (entry.isDirectory) {
@@ -140,8 +149,7 @@ struct Walk {
                 } else if (MCp_CacheFile::IsCacheFileName(entry.name) &&
                            (mark == 0 ||
                             static_cast<uint64_t>(std::max<int64_t>(entry.created, 0)) >= mark)) {
-                    File file(Join(folder, entry.name));
-                    files.push_back({std::move(file), std::move(entry.name), entry.size});
+                    files.push_back({std::move(entry.name), entry.size, folderIndex});
                 }
             }
         }
@@ -297,11 +305,11 @@ void MCp_DiskFolder::Scan(MC_Bag& bag) {
             break;
         }
         try {
-            AdoptOrDelete(bag, listed.file, listed.name, listed.size);
+            AdoptOrDelete(bag, walk.FileOf(listed), listed.name, listed.size);
         } catch (...) {
             if (g_scanTrace.Enabled())
-                g_scanTrace.Write("ScanDiskCacheDir: skipped " + listed.file.GetFullPathUtf8() +
-                                  "\n");
+                g_scanTrace.Write("ScanDiskCacheDir: skipped " +
+                                  walk.FileOf(listed).GetFullPathUtf8() + "\n");
         }
     }
     if (stopped) return;  // the next pass must still see what this one did not reach
