@@ -44,7 +44,8 @@ bool MC_SortDir::Erase(Index& index, const StuffPtr& stuff) {
     return false;
 }
 
-MC_SortDir::MC_SortDir() {
+MC_SortDir::MC_SortDir()
+    : index_(0, GuidHash(), GuidEqual(), &nodes_), heldOut_(0, GuidHash(), GuidEqual(), &nodes_) {
     index_.max_load_factor(1.0f);
 }
 
