@@ -238,6 +238,13 @@ int64_t Update(CountedTemps& record, const File& temp, int64_t now) {
 
 namespace {
 
+// The UTF-8 form of a match name; data classes have ASCII names, which need no conversion.
+std::string Narrow(const std::u16string& name) {
+    if (std::all_of(name.begin(), name.end(), [](char16_t c) { return c < 0x80; }))
+        return std::string(name.begin(), name.end());
+    return velacore::ToUtf8(name);
+}
+
 // Adopts the cache file `file` (named `name`, UTF-8) of `size` bytes, or deletes it when its
 // name is not of this version or format.
 void AdoptOrDelete(MC_Bag& bag, const File& file, std::string_view name, uint64_t size) {
@@ -246,7 +253,7 @@ void AdoptOrDelete(MC_Bag& bag, const File& file, std::string_view name, uint64_
         ParsedCacheFileName parsed;
         code = MCp_CacheFile::ParseName(name, bag.GetAppVersion(), parsed);
         if (code == 0) {
-            const std::string matchname = velacore::ToUtf8(parsed.matchname);
+            const std::string matchname = Narrow(parsed.matchname);
             IntrusivePtr<MC_StuffData> data =
                 MC_StuffData::CreateSubclass(matchname.c_str(), parsed.header);
             // No data class for it here: leave the file for someone who knows it.
