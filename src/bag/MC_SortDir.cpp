@@ -14,16 +14,46 @@
 using velacore::ScopedReadLockWrapper;
 using velacore::ScopedWriteLockWrapper;
 
-size_t MC_SortDir::GuidHash::operator()(const StuffPtr& s) const {
-    return s->GetGuidHash();
+bool MC_SortDir::GuidEqual::operator()(const Entry& a, const Entry& b) const {
+    return a.stuff == b.stuff ||
+           (a.guidHash == b.guidHash && a.stuff->GetGuid() == b.stuff->GetGuid());
 }
 
-bool MC_SortDir::GuidEqual::operator()(const StuffPtr& a, const StuffPtr& b) const {
-    return a == b || (a->GetGuidHash() == b->GetGuidHash() && a->GetGuid() == b->GetGuid());
+MC_SortDir::Range MC_SortDir::Group(const Index& index, const StuffPtr& stuff) {
+    // The key borrows the caller's reference: a search takes no reference of its own.
+    Entry key{StuffPtr::Adopt(stuff.get()), stuff->GetGuidHash()};
+    struct Unborrow {
+        Entry& key;
+        ~Unborrow() { key.stuff.Detach(); }
+    } unborrow{key};
+    return index.equal_range(key);
 }
 
-MC_SortDir::MC_SortDir() {
+void MC_SortDir::Insert(Index& index, const StuffPtr& stuff) {
+    index.insert(Entry{stuff, stuff->GetGuidHash()});
+}
+
+bool MC_SortDir::Erase(Index& index, const StuffPtr& stuff) {
+    auto [first, last] = Group(index, stuff);
+    for (auto it = first; it != last; ++it) {
+        if (it->stuff == stuff) {
+            index.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+MC_SortDir::MC_SortDir()
+    : index_(0, GuidHash(), GuidEqual(), &nodes_), heldOut_(0, GuidHash(), GuidEqual(), &nodes_) {
     index_.max_load_factor(1.0f);
+}
+
+void MC_SortDir::Reserve(size_t more) {
+    MCp_ScLock lock;
+    const size_t wanted = index_.size() + more;
+    if (wanted > index_.bucket_count() * static_cast<double>(index_.max_load_factor()))
+        index_.reserve(wanted);
 }
 
 // Candidates that failed during one find; usually empty, so it allocates only on failure.
@@ -41,16 +71,16 @@ void MC_SortDir::AddStuff(const StuffPtr& stuff, bool displace) {
     MCp_ScLock lock;
     TakeBack(stuff);
     SweepSuperseded(stuff, displace);
-    index_.insert(stuff);
+    Insert(index_, stuff);
     stuff->SetSortDir(shared_from_this());
 }
 
 void MC_SortDir::SweepSuperseded(const StuffPtr& stuff, bool displace) {
     const IntrusivePtr<MC_StuffData> newKey = displace ? stuff->GetFindKeyData() : nullptr;
-    auto [first, last] = index_.equal_range(stuff);
+    auto [first, last] = Group(index_, stuff);
     std::vector<StuffPtr> doomed;
     for (auto it = first; it != last; ++it) {
-        const StuffPtr& e = *it;
+        const StuffPtr& e = it->stuff;
         if (e == stuff) continue;
         const bool dead = !e->IsInMemory() && !e->IsOnDisk() && !e->IsPendingRender();
         if (dead) {
@@ -77,13 +107,7 @@ void MC_SortDir::RemoveEntry(const StuffPtr& e) {
         bag->RemoveStuffGuts(e, lock, true);
     }
     e->SetSortDir(nullptr);
-    auto [first, last] = index_.equal_range(e);
-    for (auto it = first; it != last; ++it) {
-        if (*it == e) {
-            index_.erase(it);
-            break;
-        }
-    }
+    Erase(index_, e);
 }
 
 void MC_SortDir::RemoveStuff(const StuffPtr& stuff) {
@@ -94,30 +118,18 @@ void MC_SortDir::RemoveStuff(const StuffPtr& stuff) {
     if (dir.get() != this) MCp_FailVerification("stuff not in the right sortdir");
     if (stuff->IsCheckedOutWriteable())
         MCp_FailVerification("can't remove a writeable stuff from sortdir");
-    auto [first, last] = index_.equal_range(stuff);
-    for (auto it = first; it != last; ++it) {
-        if (*it == stuff) {
-            index_.erase(it);
-            break;
-        }
-    }
+    Erase(index_, stuff);
     stuff->SetSortDir(nullptr);
 }
 
 void MC_SortDir::HoldOut(const StuffPtr& stuff) {
     MCp_ScLock lock;
-    heldOut_.insert(stuff);
+    Insert(heldOut_, stuff);
 }
 
 void MC_SortDir::TakeBack(const StuffPtr& stuff) {
     MCp_ScLock lock;
-    auto [first, last] = heldOut_.equal_range(stuff);
-    for (auto it = first; it != last; ++it) {
-        if (*it == stuff) {
-            heldOut_.erase(it);
-            return;
-        }
-    }
+    Erase(heldOut_, stuff);
 }
 
 MC_SortDir::StuffPtr MC_SortDir::FindIdentical(const StuffPtr& request) const {
@@ -125,11 +137,11 @@ MC_SortDir::StuffPtr MC_SortDir::FindIdentical(const StuffPtr& request) const {
     const IntrusivePtr<MC_StuffData> reqKey = request->GetFindKeyData();
     if (!reqKey) return nullptr;
     for (const Index* set : {&index_, &heldOut_}) {
-        auto [first, last] = set->equal_range(request);
+        auto [first, last] = Group(*set, request);
         for (auto it = first; it != last; ++it) {
-            if ((*it)->IsPendingRender()) continue;
-            const IntrusivePtr<MC_StuffData> key = (*it)->GetFindKeyData();
-            if (key && key->IdenticalRequest(reqKey)) return *it;
+            if (it->stuff->IsPendingRender()) continue;
+            const IntrusivePtr<MC_StuffData> key = it->stuff->GetFindKeyData();
+            if (key && key->IdenticalRequest(reqKey)) return it->stuff;
         }
     }
     return nullptr;
@@ -138,10 +150,11 @@ MC_SortDir::StuffPtr MC_SortDir::FindIdentical(const StuffPtr& request) const {
 // Two passes over the request's GUID group: identical candidates, then satisfying ones.
 MC_CheckoutResult MC_SortDir::SearchGroup(const StuffPtr& request, int flags, Attempt& attempt) {
     const IntrusivePtr<MC_StuffData> reqKey = request->GetFindKeyData();
-    auto [first, last] = index_.equal_range(request);
+    auto [first, last] = Group(index_, request);
     for (int pass = 0; pass < 2; ++pass) {
         for (auto it = first; it != last; ++it) {
-            const StuffPtr c = *it;  // a copy: a writeable check-out takes it out of the index
+            // A copy: a writeable check-out takes it out of the index.
+            const StuffPtr c = it->stuff;
             if (attempt.WasTried(c)) continue;
             const IntrusivePtr<MC_StuffData> cKey = c->GetFindKeyData();
             if (!cKey) continue;

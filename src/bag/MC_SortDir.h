@@ -8,6 +8,8 @@
 #include <boost/functional/hash.hpp>
 #include <boost/unordered_set.hpp>
 #include <memory>
+#include <memory_resource>
+#include <utility>
 
 #include "mc/MC_Stuff.h"
 #include "mc/MC_Types.h"
@@ -36,22 +38,42 @@ public:
     StuffPtr FindIdentical(const StuffPtr& request) const;
     // Entries in the index; the caller holds the cache lock or accepts a racy figure.
     size_t Size() const { return index_.size(); }
+    // Makes room for `more` entries beyond those indexed, so that a batch of additions (a
+    // folder scan) does not grow the index step by step. Never shrinks it.
+    void Reserve(size_t more);
 
 private:
+    // An indexed item with the hash of its GUID beside it: a search compares hashes without
+    // reading the items of other GUIDs. An item is re-keyed only out of the index.
+    struct Entry {
+        StuffPtr stuff;
+        size_t guidHash = 0;
+    };
     struct GuidHash {
-        size_t operator()(const StuffPtr& s) const;
+        size_t operator()(const Entry& e) const { return e.guidHash; }
     };
     struct GuidEqual {
-        bool operator()(const StuffPtr& a, const StuffPtr& b) const;
+        bool operator()(const Entry& a, const Entry& b) const;
     };
-    using Index = boost::unordered_multiset<StuffPtr, GuidHash, GuidEqual>;
+    using Index = boost::unordered_multiset<Entry, GuidHash, GuidEqual,
+                                            std::pmr::polymorphic_allocator<Entry>>;
+    using Range = std::pair<Index::const_iterator, Index::const_iterator>;
     struct Attempt;
+
+    // The entries of `stuff`'s GUID group in `index`.
+    static Range Group(const Index& index, const StuffPtr& stuff);
+    static void Insert(Index& index, const StuffPtr& stuff);
+    // Erases `stuff`'s own entry; returns whether there was one.
+    static bool Erase(Index& index, const StuffPtr& stuff);
 
     void SweepSuperseded(const StuffPtr& stuff, bool displace);
     void RemoveEntry(const StuffPtr& entry);
     MC_CheckoutResult SearchGroup(const StuffPtr& request, int flags, Attempt& attempt);
     StuffPtr CreatePending(const StuffPtr& request, int flags);
 
+    // The entries live close together, so that a search through a large index misses the cache
+    // less. Used under the cache lock only (and by the destructor).
+    std::pmr::unsynchronized_pool_resource nodes_;
     Index index_;
     Index heldOut_;  // checked out writeable, out of the index
 };

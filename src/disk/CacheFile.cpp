@@ -47,23 +47,112 @@ std::u16string Widen(std::string_view ascii) {
 // The version field, read as strtoull reads base 16: leading blanks, a sign and a "0x" prefix
 // are taken, and whatever follows the digits is ignored. It counts only when at least one
 // character was consumed, nothing overflowed, and the value fits in 32 bits.
-bool ParseVersionField(std::u16string_view field, uint32_t& version) {
-    const std::string narrow = velacore::ToUtf8(field);
+bool ParseVersionField(const std::string& field, uint32_t& version) {
     char* end = nullptr;
     errno = 0;
-    const unsigned long long value = std::strtoull(narrow.c_str(), &end, 16);
-    if (end == narrow.c_str() || errno != 0 || value > 0xFFFFFFFFull) return false;
+    const unsigned long long value = std::strtoull(field.c_str(), &end, 16);
+    if (end == field.c_str() || errno != 0 || value > 0xFFFFFFFFull) return false;
     version = static_cast<uint32_t>(value);
     return true;
 }
 
 // Splits off the text up to the next full stop; false when there is none.
-bool NextField(std::u16string_view& rest, std::u16string_view& field) {
-    const size_t dot = rest.find(u'.');
-    if (dot == std::u16string_view::npos) return false;
+template <class CharT>
+bool NextField(std::basic_string_view<CharT>& rest, std::basic_string_view<CharT>& field) {
+    const size_t dot = rest.find(CharT('.'));
+    if (dot == std::basic_string_view<CharT>::npos) return false;
     field = rest.substr(0, dot);
     rest.remove_prefix(dot + 1);
     return true;
+}
+
+std::string Narrow(std::u16string_view text) {
+    return velacore::ToUtf8(text);
+}
+std::string Narrow(std::string_view ascii) {
+    return std::string(ascii);
+}
+
+bool IsAscii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+// Hex digit values, 0x10 for what is not one.
+constexpr std::array<uint8_t, 256> MakeHexTable() {
+    std::array<uint8_t, 256> table{};
+    for (auto& v : table) v = 0x10;
+    for (int i = 0; i < 10; ++i) table['0' + i] = static_cast<uint8_t>(i);
+    for (int i = 0; i < 6; ++i) {
+        table['A' + i] = static_cast<uint8_t>(10 + i);
+        table['a' + i] = static_cast<uint8_t>(10 + i);
+    }
+    return table;
+}
+constexpr std::array<uint8_t, 256> kHexValue = MakeHexTable();
+
+// The GUID text that names are built with (36 characters, dashes at 8, 13, 18 and 23, hex digits
+// of either case), read without a branch per digit. Any other text goes to the host's parser,
+// which accepts a little more (braces) and reports what it refuses.
+bool ParseGuid(std::string_view text, velacore::Guid& guid) {
+    static constexpr size_t kDigitPairs[16] = {0,  2,  4,  6,  9,  11, 14, 16,
+                                               19, 21, 24, 26, 28, 30, 32, 34};
+    if (text.size() == 36 && text[8] == '-' && text[13] == '-' && text[18] == '-' &&
+        text[23] == '-') {
+        velacore::Guid::Bytes bytes{};
+        unsigned bad = 0;
+        for (size_t k = 0; k < bytes.size(); ++k) {
+            const unsigned high = kHexValue[static_cast<uint8_t>(text[kDigitPairs[k]])];
+            const unsigned low = kHexValue[static_cast<uint8_t>(text[kDigitPairs[k] + 1])];
+            bad |= high | low;
+            bytes[k] = static_cast<uint8_t>((high << 4) | low);
+        }
+        if ((bad & 0x10) == 0) {
+            guid = velacore::Guid(bytes);
+            return true;
+        }
+    }
+    try {
+        guid = velacore::Guid(text);
+        return true;
+    } catch (const velacore::HostError&) {
+        return false;
+    }
+}
+
+bool ParseGuid(std::u16string_view text, velacore::Guid& guid) {
+    try {
+        guid = velacore::Guid(text);
+        return true;
+    } catch (const velacore::HostError&) {
+        return false;
+    }
+}
+
+// Parses a name held as UTF-16, or as ASCII (the usual case, which needs no conversion).
+// Returns 0 or the error code.
+template <class CharT>
+int ParseFields(std::basic_string_view<CharT> name, uint32_t expectedAppVersion,
+                ParsedCacheFileName& parsed) {
+    std::basic_string_view<CharT> rest = name, guidText, matchname, versionText, headerText;
+    if (!NextField(rest, guidText) || !NextField(rest, matchname) ||
+        !NextField(rest, versionText) || !NextField(rest, headerText)) {
+        return MCp_Err_FormatVersion;
+    }
+    if (!ParseGuid(guidText, parsed.guid)) return MCp_Err_FormatVersion;
+    if (!ParseVersionField(Narrow(versionText), parsed.appVersion) ||
+        parsed.appVersion != expectedAppVersion) {
+        return MCp_Err_AppVersion;
+    }
+    std::string headerField = Narrow(headerText);
+    std::replace(headerField.begin(), headerField.end(), '-', '/');
+    try {
+        parsed.header = velacore::DecodeBinaryDataFromUTF8String(headerField);
+    } catch (const velacore::HostError&) {
+        return MCp_Err_FormatVersion;
+    }
+    parsed.matchname.assign(matchname.begin(), matchname.end());
+    return 0;
 }
 
 }  // namespace
@@ -153,33 +242,17 @@ bool MCp_CacheFile::SubfolderIsLinked(const Dir& cacheDir, const std::u16string&
 // --- parsing -------------------------------------------------------------------------------
 
 ParsedCacheFileName MCp_CacheFile::ParseName(const File& file, uint32_t expectedAppVersion) {
-    const std::u16string name = file.GetName();
-    std::u16string_view rest = name;
-    std::u16string_view guidText, matchname, versionText, headerText;
-    if (!NextField(rest, guidText) || !NextField(rest, matchname) ||
-        !NextField(rest, versionText) || !NextField(rest, headerText)) {
-        throw static_cast<int>(MCp_Err_FormatVersion);
-    }
-
     ParsedCacheFileName parsed;
-    try {
-        parsed.guid = velacore::Guid(guidText);
-    } catch (const velacore::HostError&) {
-        throw static_cast<int>(MCp_Err_FormatVersion);
-    }
-    if (!ParseVersionField(versionText, parsed.appVersion) ||
-        parsed.appVersion != expectedAppVersion) {
-        throw static_cast<int>(MCp_Err_AppVersion);
-    }
-    std::u16string headerField(headerText);
-    std::replace(headerField.begin(), headerField.end(), u'-', u'/');
-    try {
-        parsed.header = velacore::DecodeBinaryDataFromUTF8String(velacore::ToUtf8(headerField));
-    } catch (const velacore::HostError&) {
-        throw static_cast<int>(MCp_Err_FormatVersion);
-    }
-    parsed.matchname.assign(matchname);
+    const std::u16string name = file.GetName();
+    if (const int code = ParseFields<char16_t>(name, expectedAppVersion, parsed)) throw code;
     return parsed;
+}
+
+int MCp_CacheFile::ParseName(std::string_view utf8Name, uint32_t expectedAppVersion,
+                             ParsedCacheFileName& parsed) {
+    if (IsAscii(utf8Name)) return ParseFields(utf8Name, expectedAppVersion, parsed);
+    // Ill-formed bytes become U+FFFD, as in the name a File gives.
+    return ParseFields<char16_t>(velacore::ToUtf16(utf8Name), expectedAppVersion, parsed);
 }
 
 bool MCp_CacheFile::IsCacheFile(const File& file) {
@@ -190,6 +263,17 @@ bool MCp_CacheFile::IsTempFile(const File& file) {
     constexpr std::u16string_view kTempSuffix = u".zkcache.tmp";
     const std::u16string name = file.GetName();
     return name.size() > kTempSuffix.size() && name.ends_with(kTempSuffix);
+}
+
+// ASCII suffixes: a byte below 0x80 is the same character in UTF-8 and UTF-16, and an
+// ill-formed sequence never swallows one, so these agree with the two tests above.
+bool MCp_CacheFile::IsCacheFileName(std::string_view utf8Name) {
+    return utf8Name.ends_with(".zkcache");
+}
+
+bool MCp_CacheFile::IsTempFileName(std::string_view utf8Name) {
+    constexpr std::string_view kTempSuffix = ".zkcache.tmp";
+    return utf8Name.size() > kTempSuffix.size() && utf8Name.ends_with(kTempSuffix);
 }
 
 using velacore::IOError;

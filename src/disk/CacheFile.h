@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "mc/host/AlignedBuffer.h"
@@ -80,11 +81,18 @@ public:
     // the int MCp_Err_FormatVersion when the name is not of our format at all (fewer than four
     // full stops, or a GUID or header field that does not decode). Never throws anything else.
     static ParsedCacheFileName ParseName(const velacore::File& file, uint32_t expectedAppVersion);
+    // The same on a bare name in UTF-8 (as a folder listing gives it), without exceptions:
+    // returns 0 and fills `parsed`, or returns the code the other form throws.
+    static int ParseName(std::string_view utf8Name, uint32_t expectedAppVersion,
+                         ParsedCacheFileName& parsed);
 
     // Whether `file` is a cache file by name: its extension is exactly ".zkcache".
     static bool IsCacheFile(const velacore::File& file);
     // Whether `file` is named like a writer's temporary of a cache file ("<name>.zkcache.tmp").
     static bool IsTempFile(const velacore::File& file);
+    // The same two tests on a bare name in UTF-8.
+    static bool IsCacheFileName(std::string_view utf8Name);
+    static bool IsTempFileName(std::string_view utf8Name);
 
     // Returns the file `name` inside its two-character sub-folder of `cacheDir` (the first two
     // characters of the name, fewer if the name is shorter). Touches nothing on disk.

@@ -3,6 +3,7 @@
 // The sweep keeps, per bag, the size counted for each temporary, so that a second pass over the
 // same folder counts nothing twice and a temporary that goes stops counting.
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "bag/MC_SortDir.h"
@@ -98,21 +100,34 @@ void Adopt(MC_Bag& bag, const File& file, uint64_t size, const velacore::Guid& g
         same->SyncDiskSizeWithBag(ClampToU32(size));
 }
 
-// A cache file met by the walk, with the size the listing saw.
+// A cache file met by the walk: its name (UTF-8), its folder (an index into Walk::folders) and
+// the size the listing saw. Its path is made only when it is adopted: a path is large, and a
+// scan may list a great many files.
 struct ListedFile {
-    File file;
+    std::string name;
     uint64_t size = 0;
+    size_t folder = 0;
 };
+
+std::filesystem::path Join(const std::filesystem::path& folder, const std::string& name) {
+    return folder / std::u8string_view(reinterpret_cast<const char8_t*>(name.data()), name.size());
+}
 
 // What one walk over the cache folder gathers.
 struct Walk {
     uint64_t mark = 0;  // cache files created before this are skipped (0: none)
     bool stopped = false;
+    std::vector<std::filesystem::path> folders;
     std::vector<ListedFile> files;
     std::vector<File> temps;
 
+    File FileOf(const ListedFile& listed) const {
+        return File(Join(folders[listed.folder], listed.name));
+    }
+
     // Lists `folder` (one look per file, relative to the folder) and the folders below it. A
     // failure to list the top folder throws; below it, a folder that cannot be listed is skipped.
+    // Names are tested as the listing gives them.
     void Folder(const std::filesystem::path& folder, int depth) {
         std::vector<velacore::DirectoryEntry> entries;
         try {
@@ -121,20 +136,20 @@ struct Walk {
             if (depth == 0) throw;
             return;
         }
+        const size_t folderIndex = folders.size();
+        folders.push_back(folder);
         for (velacore::DirectoryEntry& entry : entries) {
             if (stopped || (stopped = MCp_StopRequested())) return;
-            const std::filesystem::path path =
-                folder / std::u8string(entry.name.begin(), entry.name.end());
             if (entry.isDirectory) {
-                if (depth < velacore::RecursiveFileIterator::kMaxDepth) Folder(path, depth + 1);
+                if (depth < velacore::RecursiveFileIterator::kMaxDepth)
+                    Folder(Join(folder, entry.name), depth + 1);
             } else if (entry.isRegularFile) {
-                File file(path);
-                if (MCp_CacheFile::IsTempFile(file)) {
-                    temps.push_back(std::move(file));
-                } else if (MCp_CacheFile::IsCacheFile(file) &&
+                if (MCp_CacheFile::IsTempFileName(entry.name)) {
+                    temps.emplace_back(Join(folder, entry.name));
+                } else if (MCp_CacheFile::IsCacheFileName(entry.name) &&
                            (mark == 0 ||
                             static_cast<uint64_t>(std::max<int64_t>(entry.created, 0)) >= mark)) {
-                    files.push_back({std::move(file), entry.size});
+                    files.push_back({std::move(entry.name), entry.size, folderIndex});
                 }
             }
         }
@@ -152,6 +167,20 @@ struct CountedTemps {
 
 std::mutex g_mutex;  // guards g_counted
 std::vector<CountedTemps> g_counted;
+// Whether any record holds a size; lets adoption skip the record when nothing is counted.
+std::atomic<bool> g_anyCounted{false};
+
+// Brings g_anyCounted up to date as a section that holds g_mutex ends (declare it after the
+// lock).
+struct ScPublishCounted {
+    ScPublishCounted() = default;
+    ScPublishCounted(const ScPublishCounted&) = delete;
+    ScPublishCounted& operator=(const ScPublishCounted&) = delete;
+    ~ScPublishCounted() {
+        g_anyCounted.store(std::any_of(g_counted.begin(), g_counted.end(),
+                                       [](const CountedTemps& c) { return !c.sizes.empty(); }));
+    }
+};
 
 // The record of `bag` (created on first use); drops the records of bags that are gone.
 CountedTemps& RecordOf(MC_Bag& bag) {
@@ -209,23 +238,37 @@ int64_t Update(CountedTemps& record, const File& temp, int64_t now) {
 
 namespace {
 
-// Adopts the cache file `file` of `size` bytes, or deletes it when its name is not of this
-// version or format.
-void AdoptOrDelete(MC_Bag& bag, const File& file, uint64_t size) {
+// The UTF-8 form of a match name; data classes have ASCII names, which need no conversion.
+std::string Narrow(const std::u16string& name) {
+    if (std::all_of(name.begin(), name.end(), [](char16_t c) { return c < 0x80; }))
+        return std::string(name.begin(), name.end());
+    return velacore::ToUtf8(name);
+}
+
+// Adopts the cache file `file` (named `name`, UTF-8) of `size` bytes, or deletes it when its
+// name is not of this version or format.
+void AdoptOrDelete(MC_Bag& bag, const File& file, std::string_view name, uint64_t size) {
+    int code = 0;
     try {
-        ParsedCacheFileName parsed = MCp_CacheFile::ParseName(file, bag.GetAppVersion());
-        const std::string matchname = velacore::ToUtf8(parsed.matchname);
-        IntrusivePtr<MC_StuffData> data =
-            MC_StuffData::CreateSubclass(matchname.c_str(), parsed.header);
-        if (!data) return;  // no data class for it here: leave the file for someone who knows it
-        Adopt(bag, file, size, parsed.guid, std::move(data));
-        MCp_DiskFolder::ForgetTempOf(bag, file);
-    } catch (int code) {
-        if (g_scanTrace.Enabled())
-            g_scanTrace.Write("ScanOneDiskCacheFile: deleting " + file.GetFullPathUtf8() +
-                              " (error " + std::to_string(code) + ")\n");
-        DeleteQuietly(file);
+        ParsedCacheFileName parsed;
+        code = MCp_CacheFile::ParseName(name, bag.GetAppVersion(), parsed);
+        if (code == 0) {
+            const std::string matchname = Narrow(parsed.matchname);
+            IntrusivePtr<MC_StuffData> data =
+                MC_StuffData::CreateSubclass(matchname.c_str(), parsed.header);
+            // No data class for it here: leave the file for someone who knows it.
+            if (!data) return;
+            Adopt(bag, file, size, parsed.guid, std::move(data));
+            MCp_DiskFolder::ForgetTempOf(bag, file);
+            return;
+        }
+    } catch (int thrown) {
+        code = thrown;
     }
+    if (g_scanTrace.Enabled())
+        g_scanTrace.Write("ScanOneDiskCacheFile: deleting " + file.GetFullPathUtf8() + " (error " +
+                          std::to_string(code) + ")\n");
+    DeleteQuietly(file);
 }
 
 }  // namespace
@@ -239,7 +282,7 @@ void MCp_DiskFolder::ScanOne(MC_Bag& bag, const File& file) {
     } catch (const velacore::HostError&) {
         return;
     }
-    AdoptOrDelete(bag, file, size);
+    AdoptOrDelete(bag, file, velacore::ToUtf8(file.GetName()), size);
 }
 
 void MCp_DiskFolder::Scan(MC_Bag& bag) {
@@ -261,6 +304,7 @@ void MCp_DiskFolder::Scan(MC_Bag& bag) {
         return;
     }
     SweepTempFiles(bag, walk.temps);
+    bag.GetSortDir()->Reserve(walk.files.size());
     bool stopped = walk.stopped;
     for (const ListedFile& listed : walk.files) {
         if (MCp_StopRequested()) {
@@ -268,11 +312,11 @@ void MCp_DiskFolder::Scan(MC_Bag& bag) {
             break;
         }
         try {
-            AdoptOrDelete(bag, listed.file, listed.size);
+            AdoptOrDelete(bag, walk.FileOf(listed), listed.name, listed.size);
         } catch (...) {
             if (g_scanTrace.Enabled())
-                g_scanTrace.Write("ScanDiskCacheDir: skipped " + listed.file.GetFullPathUtf8() +
-                                  "\n");
+                g_scanTrace.Write("ScanDiskCacheDir: skipped " +
+                                  walk.FileOf(listed).GetFullPathUtf8() + "\n");
         }
     }
     if (stopped) return;  // the next pass must still see what this one did not reach
@@ -287,6 +331,7 @@ void MCp_DiskFolder::SweepTempFiles(MC_Bag& bag, const std::vector<File>& temps)
     try {
         const int64_t now = NowNanos();
         std::lock_guard<std::mutex> lock(g_mutex);
+        ScPublishCounted publish;
         CountedTemps& record = RecordOf(bag);
         if (record.bag.expired()) return;  // a bag nobody shares: nothing can keep the record
         int64_t delta = 0;
@@ -301,6 +346,7 @@ void MCp_DiskFolder::RecheckCountedTempFiles(MC_Bag& bag) {
     try {
         const int64_t now = NowNanos();
         std::lock_guard<std::mutex> lock(g_mutex);
+        ScPublishCounted publish;
         CountedTemps& record = RecordOf(bag);
         std::vector<File> counted;
         for (const auto& entry : record.sizes) counted.emplace_back(entry.first);
@@ -313,9 +359,11 @@ void MCp_DiskFolder::RecheckCountedTempFiles(MC_Bag& bag) {
 }
 
 void MCp_DiskFolder::ForgetTempOf(MC_Bag& bag, const File& committed) {
+    if (!g_anyCounted.load()) return;  // the usual case: no temporary counted anywhere
     try {
         const File temp = velacore::SafeSave::TempFileFor(committed);
         std::lock_guard<std::mutex> lock(g_mutex);
+        ScPublishCounted publish;
         CountedTemps& record = RecordOf(bag);
         const auto it = record.sizes.find(temp.GetFullPath());
         if (it == record.sizes.end()) return;

@@ -231,9 +231,10 @@ bool MCp_DiskWriter::Worth(MC_Stuff& stuff, double computeTime, bool* canDiskCac
 
 void MCp_DiskWriter::MaybeWrite(MC_Stuff& stuff) {
     const double computeTime = stuff.GetComputeTime();
+    // Without a compute time (an item a folder scan found) there is nothing to weigh.
+    if (!(computeTime > 0.0) || !MCp_DiskExecutor()) return;
     std::shared_ptr<MC_Bag> bag = stuff.LockBag();
     IntrusivePtr<MC_StuffData> data = stuff.GetDataPtr();
-    if (!MCp_DiskExecutor() || !(computeTime > 0.0)) return;
     if (!data || !bag || !stuff.IsInMemory() || stuff.IsOnDisk()) return;
     if (!bag->IsDiskCacheEnabled() || !data->CanDiskCache()) return;
     bool queueFull = false, low = false;

@@ -54,7 +54,20 @@ MC_Stuff::~MC_Stuff() {
 
 IntrusivePtr<MC_Stuff> MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData> data, double computeTime) {
     IntrusivePtr<MC_Stuff> stuff(new MC_Stuff());
-    stuff->SetStuffDataFromPendingRender(std::move(data), computeTime);
+    if (!data) {
+        stuff->SetStuffDataFromPendingRender(nullptr, computeTime);
+        return stuff;
+    }
+    // The completion of a pending render, for an item no other thread can see yet: no lock to
+    // take, no check-out, key or gate to mind, and no bag to write to disk for. (A folder scan
+    // creates one item per file.)
+    if (int32_t ms = mc_settings::DebugSleepMsSetStuffData(); ms > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    stuff->data_ = std::move(data);
+    stuff->computeTime_ = computeTime;
+    stuff->pending_.store(false, std::memory_order_release);
+    stuff->SyncMemorySizeWithBag(stuff->data_->GetApproximateMemorySize());
+    stuff->renderDone_.store(true, std::memory_order_seq_cst);
     return stuff;
 }
 

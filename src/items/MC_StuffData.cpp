@@ -1,9 +1,11 @@
 // The payload base class and the process-wide factory registry by match name.
 #include "mc/MC_StuffData.h"
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -21,9 +23,10 @@ Registry& GetRegistry() {
 
 // Widens the 8-bit name one character at a time (match names are ASCII).
 std::u16string WidenName(const char* name) {
-    std::u16string wide;
-    for (const char* p = name ? name : ""; *p; ++p)
-        wide.push_back(static_cast<char16_t>(static_cast<unsigned char>(*p)));
+    const std::string_view narrow = name ? name : "";
+    std::u16string wide(narrow.size(), u'\0');
+    std::transform(narrow.begin(), narrow.end(), wide.begin(),
+                   [](char c) { return static_cast<char16_t>(static_cast<unsigned char>(c)); });
     return wide;
 }
 
