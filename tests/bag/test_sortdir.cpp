@@ -1,5 +1,5 @@
-// Finding items: identical before satisfying, pending items on a miss, waiting for a render,
-// retry after an abandoned render, and the sweep of superseded and dead entries.
+// Finding items: identical before satisfying, pending items on a miss, waiting for a render, the
+// wait flags under the notify lock, and the sweep of superseded and dead entries.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -53,7 +53,7 @@ TEST_F(SortDir, SweepsAndIdenticalBeforeSatisfying) {
 }
 
 // A miss leaves `found` alone unless asked to create: then a pending item goes into the global
-// bag, whichever bag was searched.
+// bag, whichever bag was searched; only its first completion counts.
 TEST_F(SortDir, MissCreatesAPendingItemInTheGlobalBagOnlyWhenAsked) {
     auto other = std::make_shared<MC_Bag>(kAppVersion);
     IntrusivePtr<MC_Stuff> sentinel = MakeItem(99, 1), found = sentinel;
@@ -69,8 +69,10 @@ TEST_F(SortDir, MissCreatesAPendingItemInTheGlobalBagOnlyWhenAsked) {
     EXPECT_TRUE(found->IsPendingRender());
     EXPECT_EQ(found->GetBag().lock(), bag_);
     found->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(new TestPayload(4, 8)), 1.0);
+    found->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(new TestPayload(4, 99)), 9.0);
     found->Checkin(0, 0.0);
     EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 9);  // with the sentinel's byte
+    EXPECT_DOUBLE_EQ(found->GetComputeTime(), 1.0) << "a second completion is ignored";
 }
 
 // Eight threads want the same missing frame: exactly one renders, and only once the seven others
@@ -101,27 +103,33 @@ TEST_F(SortDir, OneRendersTheOthersWaitForItsPayload) {
     EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
 }
 
-TEST_F(SortDir, WaitIsSkippedWhileHoldingTheNotifyLock) {
+// A pending item: without a wait flag it is refused; under the notify lock 0x20 refuses (the
+// only refusal counted) and 0x40 with MemoryOnly takes it pending without waiting; its creator is
+// refused rather than waiting on itself.
+TEST_F(SortDir, PendingItemWaitFlagsNotifyLockAndCreator) {
     MC_ScCheckout creator;
     ASSERT_EQ(creator.FindAndCheckout(MakeRequest(6),
                                       MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
               MC_CheckoutResult_CreatedNewPending);
-    std::thread other([&] {
-        host().SetHoldingNotifyLock(true);
+    const uint32_t refusals = counters().pendingRefusals.load();
+    auto find = [](int flags, bool pending = false) {
         MC_ScCheckout r;
-        // With 0x20 and the notify lock held, the pending item is refused, not waited for.
-        EXPECT_EQ(r.FindAndCheckout(MakeRequest(6), MC_CheckoutFlag_ReadOnly |
-                                                        MC_CheckoutFlag_WaitIfPendingUnlessLocked),
-                  MC_CheckoutResult_Failed);
-        // With 0x40 (and no bring-back) it is accepted pending, still without waiting.
-        EXPECT_EQ(r.FindAndCheckout(MakeRequest(6), MC_CheckoutFlag_ReadOnly |
-                                                        MC_CheckoutFlag_MemoryOnly |
-                                                        MC_CheckoutFlag_WaitIfPending),
+        const MC_CheckoutResult result =
+            r.FindAndCheckout(MakeRequest(6), MC_CheckoutFlag_ReadOnly | flags);
+        EXPECT_EQ(r.IsPendingRender(), pending);
+        return result;
+    };
+    std::thread([&] {
+        EXPECT_EQ(find(0), MC_CheckoutResult_Failed);
+        host().SetHoldingNotifyLock(true);
+        EXPECT_EQ(find(MC_CheckoutFlag_WaitIfPendingUnlessLocked), MC_CheckoutResult_Failed);
+        EXPECT_EQ(find(MC_CheckoutFlag_MemoryOnly | MC_CheckoutFlag_WaitIfPending, true),
                   MC_CheckoutResult_CheckedOut);
-        EXPECT_TRUE(r.IsPendingRender());
         host().SetHoldingNotifyLock(false);
-    });
-    other.join();
+    }).join();
+    EXPECT_EQ(counters().pendingRefusals.load() - refusals, 1u);
+    EXPECT_EQ(find(MC_CheckoutFlag_WaitIfPending), MC_CheckoutResult_Failed);
+    EXPECT_EQ(creator.GetStuffPtr()->GetCheckoutCount(), 1u);
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
-// Check-out state machine of one item: pending renders and their waiters, read-only and
-// writeable check-outs, refusal counting, and the misuse guards.
+// Check-out state machine of one item: a render seen complete, read-only and writeable
+// check-outs, and the misuse guards (pending items and their waiters: see the sort directory).
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>
-#include <vector>
 
-#include "bag/Eventually.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/MC_Stuff.h"
 #include "support/ModuleFixture.h"
@@ -42,32 +40,6 @@ int ConvertCode(const IntrusivePtr<MC_Stuff>& stuff) {
     return 0;
 }
 
-TEST_F(CheckoutState, PendingRenderReleasesEveryWaiterOnce) {
-    IntrusivePtr<MC_Stuff> stuff = NewPending();
-    const uint32_t waitsBefore = counters().pendingWaits.load();
-    std::atomic<int> released{0}, sawData{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 6; ++i) {
-        waiters.emplace_back([&] {
-            IntrusivePtr<MC_StuffData> data = stuff->GetDataWaitIfPending();
-            released.fetch_add(1);
-            if (data) sawData.fetch_add(1);
-        });
-    }
-    // All six count their wait before blocking; nobody is released before the render.
-    ASSERT_TRUE(mctest::Eventually([&] { return counters().pendingWaits - waitsBefore == 6; }));
-    EXPECT_EQ(released.load(), 0);
-    stuff->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(new TestPayload(7, 100)), 2.0);
-    for (auto& t : waiters) t.join();
-    EXPECT_EQ(sawData.load(), 6);
-    EXPECT_FALSE(stuff->IsPendingRender());
-    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 100);
-    // A second completion is ignored.
-    stuff->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(new TestPayload(7, 999)), 9.0);
-    EXPECT_EQ(stuff->GetApproximateMemorySize(), 100u);
-    EXPECT_DOUBLE_EQ(stuff->GetComputeTime(), 2.0);
-}
-
 // Whoever sees a render no longer pending finds its data (a waiter that arrives as the render
 // completes must not take the item for an abandoned one).
 TEST_F(CheckoutState, ARenderSeenCompleteHasItsData) {
@@ -90,49 +62,6 @@ TEST_F(CheckoutState, ARenderSeenCompleteHasItsData) {
         stuff->RemoveFromBagAndSortDir();
     }
     EXPECT_EQ(missing, 0);
-}
-
-TEST_F(CheckoutState, AbandonedRenderRemovesItemAndStillReleasesWaiters) {
-    IntrusivePtr<MC_Stuff> stuff = NewPending();
-    std::atomic<int> nullData{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 4; ++i)
-        waiters.emplace_back([&] {
-            if (!stuff->GetDataWaitIfPending()) nullData.fetch_add(1);
-        });
-    stuff->SetStuffDataFromPendingRender(nullptr, 0.0);
-    for (auto& t : waiters) t.join();
-    EXPECT_EQ(nullData.load(), 4);
-    EXPECT_EQ(bag_->GetNumItems(), 0);
-    EXPECT_EQ(bag_->GetNumGuidSortedItems(), 0);
-    EXPECT_TRUE(stuff->GetBag().expired());
-}
-
-// Without a wait flag a pending item is refused; under the notify lock 0x20 refuses (counted
-// once); its own creator is refused rather than waiting on itself.
-TEST_F(CheckoutState, PendingItemWaitFlagsNotifyLockAndCreator) {
-    IntrusivePtr<MC_Stuff> stuff = NewPending();
-    const uint32_t refusals = counters().pendingRefusals.load();
-    constexpr int kUnlessLocked =
-        MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_WaitIfPendingUnlessLocked;
-    std::thread([&] {
-        EXPECT_EQ(stuff->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_Failed);
-        host().SetHoldingNotifyLock(true);
-        EXPECT_EQ(stuff->Checkout(kUnlessLocked), MC_CheckoutResult_Failed);
-        host().SetHoldingNotifyLock(false);
-        EXPECT_EQ(stuff->Checkout(kUnlessLocked), MC_CheckoutResult_CheckedOut);
-    }).join();
-    EXPECT_EQ(counters().pendingRefusals.load() - refusals, 1u);
-    EXPECT_EQ(stuff->GetCheckoutCount(), 1u);
-    stuff->Checkin(0, 0.0);
-
-    IntrusivePtr<MC_Stuff> own = NewPending();
-    ASSERT_EQ(own->Checkout(MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_WaitIfPending),
-              MC_CheckoutResult_CheckedOut);
-    EXPECT_EQ(own->Checkout(MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_WaitIfPending),
-              MC_CheckoutResult_Failed);
-    EXPECT_EQ(own->GetCheckoutCount(), 1u);
-    own->Checkin(0, 0.0);
 }
 
 TEST_F(CheckoutState, ReadOnlyManyWriteableAlone) {
