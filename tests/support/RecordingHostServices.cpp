@@ -5,13 +5,6 @@
 
 namespace mctest {
 
-velacore::StandaloneConfig RecordingHostServices::Config() {
-    velacore::StandaloneConfig config;
-    config.memoryBudget = uint64_t{1} << 30;
-    config.mediaBudget = uint64_t{1} << 30;
-    return config;
-}
-
 int RecordingHostServices::GetMemUsageLimits(uint64_t* limit, uint64_t* physical) {
     const Limits l = Get(limits_);
     if (limit != nullptr) *limit = l.limit;
@@ -20,7 +13,7 @@ int RecordingHostServices::GetMemUsageLimits(uint64_t* limit, uint64_t* physical
 }
 void RecordingHostServices::PurgeRecycledMemory() {
     std::lock_guard<std::mutex> lock(mutex_);
-    ++purgeRecycled_;
+    ++records_.purgeRecycled;
 }
 void RecordingHostServices::SetHoldingNotifyLock(bool holding) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -54,26 +47,15 @@ int RecordingHostServices::GetComputerName(char* buf, size_t size) {
 }
 void RecordingHostServices::RecordProfile(std::string_view label, int64_t nanos) {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto& totals = profiles_[std::string(label)];
+    auto& totals = records_.profiles[std::string(label)];
     totals.first += 1;
     totals.second += nanos;
 }
 std::vector<RecordingHostServices::TraceLine> RecordingHostServices::TraceLines(
     std::string_view channel) const {
     std::vector<TraceLine> out;
-    for (const auto& line : Get(traceLines_))
+    for (const auto& line : Get(records_).traceLines)
         if (line.channel == channel) out.push_back(line);
     return out;
 }
-void RecordingHostServices::ClearRecords() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    verifications_.clear();
-    errStrings_.clear();
-    errors_.clear();
-    logLines_.clear();
-    traceLines_.clear();
-    profiles_.clear();
-    purgeRecycled_ = 0;
-}
-
 }  // namespace mctest
