@@ -11,17 +11,27 @@
 #include <cstring>
 #include <mutex>
 #include <random>
+#include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "HistogramPlugin.h"
 #include "bag/Eventually.h"
 #include "compute/ComputeReceipts.h"
+#include "helpers/SharedLibrary.h"
+#include "host/HostOps.h"
 #include "mc/GenericMCComputeStuffData.h"
 #include "mc/MC_ComputeCache.h"
 #include "mc/MC_ScCheckout.h"
 #include "support/ModuleFixture.h"
-#include "support/PluginLoader.h"
+
+// The suite acquirer this host hands to PluginMain: looks (name, major, minor) up in the
+// installed host services.
+extern "C" int HostAcquireSuite(const char* name, int32_t major, int32_t minor,
+                                const void** table) {
+    return U_SP_AcquireSuite(name, major, minor, table);
+}
 
 namespace {
 
@@ -38,9 +48,12 @@ struct HistogramPlugin {
     }
     template <class F>
     F Fn(const char* name) const {
-        return loader.Require<F>(name);
+        F fn = library->Function<F>(name);
+        if (!fn) throw std::runtime_error(library->Path().string() + " exports no " + name);
+        return fn;
     }
-    const mctest::PluginLoader loader{MC_HISTOGRAM_PLUGIN_PATH};
+    const std::unique_ptr<velacore::SharedLibrary> library =
+        velacore::SharedLibrary::Open(MC_HISTOGRAM_PLUGIN_PATH);
     HistPluginShutdownFunc shutdown = Fn<HistPluginShutdownFunc>("HistPlugin_Shutdown");
     HistPluginUnregisterFunc unregisterClass =
         Fn<HistPluginUnregisterFunc>("HistPlugin_Unregister");
@@ -123,7 +136,7 @@ protected:
         MC_SP_Birth();
         waitsAtStart_ = counters().pendingWaits.load();
         plugin_ = &HistogramPlugin::Get();
-        ASSERT_EQ(plugin_->loader.CallMain(), 0);
+        ASSERT_EQ(plugin_->Fn<ZKGP_PluginMainFunc>(kZKGP_PluginMainName)(&HostAcquireSuite), 0);
         plugin_->setComputeHook(&ComputeHookControl::Hook, &hook_);
         start_ = plugin_->Counters();
     }
