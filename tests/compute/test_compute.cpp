@@ -6,9 +6,11 @@
 // checks disposes every value once and leaves no receipt behind.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <stdexcept>
@@ -318,67 +320,51 @@ TEST_F(ComputeCheckout, ValuesOutliveTheirClassAndDieWithTheModule) {
     EXPECT_EQ(Delta().disposes, 5) << "disposed through the stored callbacks";
 }
 
-// Eight threads wait for one value: it is computed once, and only released once all seven others
-// provably wait; meanwhile a caller that will not wait is turned away at once.
-TEST_F(ComputeCheckout, EightThreadsWaitingForTheSameValueComputeItOnce) {
-    constexpr int kThreads = 8;
+// Threads that want the same value while it is computed: the others provably wait (a caller that
+// will not wait is turned away at once) and all are released. First the computation fails: its
+// code comes back, nothing is left behind, and the waiter finds the abandoned entry without a
+// value (refused as corrupt). Then eight threads share one computation.
+TEST_F(ComputeCheckout, WaitersAreReleasedAfterAFailureAndShareOneComputation) {
     const HistogramParams p = Params(100, 256, 256, 64);
-    hook_.Hold();
-    std::vector<int> results(kThreads, -1);
-    std::vector<const HistogramValue*> values(kThreads, nullptr);
-    std::vector<ZKGP_ComputeReceipt> receipts(kThreads, nullptr);
-    std::thread waiters(mctest::RunThreads, kThreads, [&](int t) {
-        results[t] = Checkout(p, 2, &receipts[t]);
-        if (results[t] == 0) plugin().getValue(receipts[t], &values[t]);
-    });
-    ASSERT_TRUE(hook_.WaitForEntered(1));
-    ASSERT_TRUE(mctest::Eventually([&] { return PendingWaitsSinceStart() >= kThreads - 1; }));
-    ZKGP_ComputeReceipt receipt = nullptr;
-    EXPECT_EQ(Checkout(p, 1, &receipt), ZKGP_ComputeResult_NotAvailable);
-    EXPECT_EQ(Checkout(p, 0, &receipt), ZKGP_ComputeResult_NotAvailable);
-    EXPECT_EQ(receipt, nullptr);
-    EXPECT_EQ(PendingWaitsSinceStart(), kThreads - 1u) << "no wait without mode 2";
-    hook_.Release();
-    waiters.join();
-    for (int t = 0; t < kThreads; ++t) {
-        EXPECT_EQ(results[t], 0) << "thread " << t;
-        EXPECT_EQ(values[t], values[0]) << "thread " << t;
+    for (const int threads : {2, 8}) {
+        SCOPED_TRACE(threads);
+        std::vector<int> results(threads, -1);
+        std::vector<const HistogramValue*> values(threads, nullptr);
+        std::vector<ZKGP_ComputeReceipt> receipts(threads, nullptr);
+        hook_.Hold();
+        if (threads == 2) hook_.FailNext(1, -55);
+        const uint32_t waits = PendingWaitsSinceStart();
+        std::thread waiters(mctest::RunThreads, threads, [&](int t) {
+            results[t] = Checkout(p, 2, &receipts[t]);
+            if (results[t] == 0) plugin().getValue(receipts[t], &values[t]);
+        });
+        ASSERT_TRUE(hook_.WaitForEntered(threads == 2 ? 1 : 2));
+        ASSERT_TRUE(mctest::Eventually(
+            [&] { return PendingWaitsSinceStart() - waits >= uint32_t(threads - 1); }));
+        ZKGP_ComputeReceipt receipt = nullptr;
+        EXPECT_EQ(Checkout(p, 1, &receipt), ZKGP_ComputeResult_NotAvailable);
+        EXPECT_EQ(Checkout(p, 0, &receipt), ZKGP_ComputeResult_NotAvailable);
+        EXPECT_EQ(receipt, nullptr);
+        EXPECT_EQ(PendingWaitsSinceStart() - waits, threads - 1u) << "no wait without mode 2";
+        hook_.Release();
+        waiters.join();
+        if (threads == 2) {
+            std::sort(results.begin(), results.end());
+            EXPECT_EQ(results, (std::vector<int>{-55, ZKGP_ComputeResult_BadParameter}));
+            EXPECT_EQ(receipts, (std::vector<ZKGP_ComputeReceipt>{nullptr, nullptr}));
+            EXPECT_EQ(host().FailedVerifications(),
+                      std::vector<std::string>{
+                          "MCCompute unexpected stuff of wrong type. corrupt cache??"});
+            EXPECT_EQ(bag_->GetNumItems(), 0);
+            continue;
+        }
+        EXPECT_EQ(results, std::vector<int>(threads, 0));
+        EXPECT_EQ(values, std::vector<const HistogramValue*>(threads, values[0]));
+        EXPECT_EQ(Delta().computes, 1);
+        ASSERT_NE(values[0], nullptr);
+        EXPECT_TRUE(SameBins(*values[0], Direct(p)));
+        for (ZKGP_ComputeReceipt r : receipts) EXPECT_EQ(plugin().checkin(r), 0);
     }
-    EXPECT_EQ(Delta().computes, 1);
-    ASSERT_NE(values[0], nullptr);
-    EXPECT_TRUE(SameBins(*values[0], Direct(p)));
-    for (ZKGP_ComputeReceipt r : receipts) EXPECT_EQ(plugin().checkin(r), 0);
-}
-
-// A failed computation returns its code, leaves nothing behind and releases its waiter; a later
-// call computes again.
-TEST_F(ComputeCheckout, WaitersAreReleasedWhenTheComputationFails) {
-    const HistogramParams p = Params(102);
-    hook_.Hold();
-    hook_.FailNext(1, -55);
-    ZKGP_ComputeReceipt creatorReceipt = nullptr, waiterReceipt = nullptr;
-    int creator = 0, waiter = 0;
-    std::thread first([&] { creator = Checkout(p, 2, &creatorReceipt); });
-    ASSERT_TRUE(hook_.WaitForEntered(1));
-    std::thread second([&] { waiter = Checkout(p, 2, &waiterReceipt); });
-    ASSERT_TRUE(mctest::Eventually([&] { return PendingWaitsSinceStart() >= 1; }));
-    hook_.Release();
-    first.join();
-    second.join();
-
-    EXPECT_EQ(creator, -55);
-    // The waiter finds the abandoned entry without a value: refused as a corrupt entry.
-    EXPECT_EQ(waiter, ZKGP_ComputeResult_BadParameter);
-    EXPECT_EQ(creatorReceipt, nullptr);
-    EXPECT_EQ(waiterReceipt, nullptr);
-    EXPECT_EQ(
-        host().FailedVerifications(),
-        std::vector<std::string>{"MCCompute unexpected stuff of wrong type. corrupt cache??"});
-    EXPECT_EQ(bag_->GetNumItems(), 0);
-
-    ScopedReceipt retry;
-    ASSERT_EQ(Checkout(p, 2, retry.Out()), 0);
-    EXPECT_EQ(Delta().computes, 1);
 }
 
 // Mixed check-outs of a few entries from several threads while another thread keeps purging
@@ -423,6 +409,119 @@ TEST_F(ComputeCheckout, MixedCheckoutsAgainstAConcurrentPurgeStayConsistent) {
     const HistogramCounters d = Delta();
     EXPECT_EQ(d.disposes, d.computes);
     EXPECT_EQ(bag_->GetNumItems(), 0);
+}
+
+// The compute-class registry: required callbacks, first registration wins, exact names, copies
+// in and out, life beyond module death, and whole records under concurrent use.
+constexpr ZKGP_ComputeCacheCallbacks kA{[](const void*, ZKGP_GUID*) { return 0; },
+                                        [](const void*, void**) { return 42; },
+                                        [](const void*) -> uint64_t { return 1; }, [](void*) {}};
+constexpr ZKGP_ComputeCacheCallbacks kB{[](const void*, ZKGP_GUID*) { return 1; }, kA.Compute,
+                                        kA.ApproximateSize, kA.DisposeValue};
+
+// 'A', 'B' for a found record, '-' for none; a failed find leaves its output alone.
+char Find(const char* name) {
+    ZKGP_ComputeCacheCallbacks out = kB;
+    const int r = MC_ComputeClassFind(name, &out);
+    if (r != 0) {
+        EXPECT_TRUE(r == ZKGP_ComputeResult_NoSuchClass && out.GenerateKey == kB.GenerateKey);
+        return '-';
+    }
+    EXPECT_TRUE(out.Compute == kA.Compute && out.DisposeValue == kA.DisposeValue);
+    return out.GenerateKey == kA.GenerateKey ? 'A' : 'B';
+}
+
+// Registers a copy of `record` with callback `missing` (0..3) cleared; the copy is spoiled
+// afterwards, so the registry must have kept its own.
+std::function<int()> Reg(const char* name, ZKGP_ComputeCacheCallbacks record, int missing = -1) {
+    return [=]() mutable {
+        void** slots[] = {reinterpret_cast<void**>(&record.GenerateKey),
+                          reinterpret_cast<void**>(&record.Compute),
+                          reinterpret_cast<void**>(&record.ApproximateSize),
+                          reinterpret_cast<void**>(&record.DisposeValue)};
+        if (missing >= 0) *slots[missing] = nullptr;
+        const int r = MC_ComputeClassRegister(name, &record);
+        record.GenerateKey = nullptr;
+        return r;
+    };
+}
+std::function<int()> Unreg(const char* name) {
+    return [=] { return MC_ComputeClassUnregister(name); };
+}
+
+class Registry : public mctest::ModuleTest {
+protected:
+    void TearDown() override {
+        for (const char* name : {"A", "Alpha", "alpha", "", "x", "durable"})
+            MC_ComputeClassUnregister(name);
+        ModuleTest::TearDown();
+    }
+};
+
+TEST_F(Registry, Rules) {
+    constexpr int kBad = ZKGP_ComputeResult_BadParameter;
+    struct Row {
+        const char* what;
+        std::function<int()> call;
+        int result;
+        const char* found;  // Find for "A", "Alph", "Alpha", "alpha", "", "x" afterwards
+    };
+    const Row rows[] = {
+        {"register", Reg("A", kA), 0, "A-----"},
+        {"the first registration wins", Reg("A", kB), 0, "A-----"},
+        {"unregister", Unreg("A"), 0, "------"},
+        {"a new registration after that", Reg("A", kB), 0, "B-----"},
+        {"names are exact byte strings", Reg("Alpha", kA), 0, "B-A---"},
+        {"case matters", Reg("alpha", kB), 0, "B-AB--"},
+        {"the empty name", Reg("", kB), 0, "B-ABB-"},
+        {"no case-folding on unregister", Unreg("ALPHA"), 0, "B-ABB-"},
+        {"unregister the empty name", Unreg(""), 0, "B-AB--"},
+        {"no GenerateKey", Reg("x", kA, 0), kBad, "B-AB--"},
+        {"no Compute", Reg("x", kA, 1), kBad, "B-AB--"},
+        {"no ApproximateSize", Reg("x", kA, 2), kBad, "B-AB--"},
+        {"no DisposeValue", Reg("x", kA, 3), kBad, "B-AB--"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        host().ClearRecords();
+        EXPECT_EQ(row.call(), row.result);
+        const std::string found{Find("A"),     Find("Alph"), Find("Alpha"),
+                                Find("alpha"), Find(""),     Find("x")};
+        EXPECT_EQ(found, row.found);
+        EXPECT_EQ(host().FailedVerifications().size(), row.result == 0 ? 0u : 1u);
+    }
+
+    // Classes outlive the module.
+    ASSERT_EQ(MC_ComputeClassRegister("durable", &kA), 0);
+    MC_StopAllAsyncWork();
+    MC_Death();
+    MC_Birth(false, kAppVersion, false);
+    EXPECT_EQ(Find("durable"), 'A');
+}
+
+// Registrations, unregistrations and lookups from many threads at once: each lookup sees either
+// nothing or exactly the record its name was registered with.
+TEST_F(Registry, ConcurrentUseSeesWholeRecordsOnly) {
+    std::atomic<int> bad{0};
+    mctest::RunThreads(8, [&](int t) {
+        for (int i = 0; i < 1500; ++i) {
+            const int n = (i * 7 + t) % 12;
+            const std::string name = "busy-" + std::to_string(n);
+            const ZKGP_ComputeCacheCallbacks& mine = n % 2 == 0 ? kA : kB;
+            ZKGP_ComputeCacheCallbacks out{};
+            int r = 0;
+            if ((i + t) % 3 == 0) r = MC_ComputeClassRegister(name.c_str(), &mine);
+            if ((i + t) % 3 == 1) r = MC_ComputeClassUnregister(name.c_str());
+            if ((i + t) % 3 == 2) {
+                r = MC_ComputeClassFind(name.c_str(), &out);
+                if (r == 0 && (out.GenerateKey != mine.GenerateKey || !out.DisposeValue)) r = 1;
+                if (r == ZKGP_ComputeResult_NoSuchClass) r = 0;
+            }
+            if (r != 0) bad.fetch_add(1);
+        }
+    });
+    for (int n = 0; n < 12; ++n) MC_ComputeClassUnregister(("busy-" + std::to_string(n)).c_str());
+    EXPECT_EQ(bad.load(), 0);
 }
 
 }  // namespace
