@@ -83,24 +83,21 @@ TEST_F(Purge, OrderSkipAndStopRules) {
     }
 }
 
-// The recycle call and the last purged item's stamp (the counters are checked with the others).
-TEST_F(Purge, RecycleCallAndLastPurgedStamp) {
+// The recycle call and the last purged item's stamp (the counters are checked with the others);
+// purging all memory caches empties every idle item.
+TEST_F(Purge, RecycleCallLastPurgedStampAndPurgeAll) {
     host().SetAmountToPurge(150);
     EXPECT_EQ(bag_->FreeUpSomeMemory(0), 0);  // an empty bag
     EXPECT_EQ(host().PurgeRecycledCount(), 0u);
-    auto items = AddItems(3, 100);
+    auto items = AddItems(4, 100);
     MCp_StuffAccess::SetLastUseTime(*items[1], 7000);  // the stamp the purge reads
     EXPECT_EQ(bag_->FreeUpSomeMemory(0), 200);
     EXPECT_EQ(host().PurgeRecycledCount(), 1u);
     EXPECT_EQ(bag_->GetLastPurgedUsedTime(), 7000u);
-}
-
-TEST_F(Purge, PurgeAllMemoryCachesEmptiesEveryIdleItem) {
-    auto items = AddItems(5, 100);
-    MC_ScCheckout held(items[4], MC_CheckoutFlag_ReadOnly);
+    MC_ScCheckout held(items[3], MC_CheckoutFlag_ReadOnly);
     bag_->PurgeAllMemoryCaches();
     EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 100);
-    EXPECT_TRUE(items[4]->IsInMemory());
+    EXPECT_TRUE(items[3]->IsInMemory() && !items[2]->IsInMemory());
 }
 
 // Far more items than one hold of the cache lock visits: the oldest half goes, exactly, while
