@@ -15,13 +15,6 @@
 
 namespace {
 
-// The Windows linker drops a DLL nothing refers to: naming the host keeps libmc_standalone loaded.
-void UseStandaloneHost() {
-#ifdef _WIN32
-    velacore::InstallStandaloneHost();
-#endif
-}
-
 // A frame of pixels; its number lives in its guid.
 class Frame : public MC_StuffData {
 public:
@@ -84,7 +77,10 @@ TEST(ExportedApi, FindRenderCheckInHitAgainAndWaitForDiskWrites) {
         std::filesystem::temp_directory_path() /
         ("mc-api-wait-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
     std::filesystem::create_directories(root);
-    UseStandaloneHost();
+#ifdef _WIN32
+    // The Windows linker drops a DLL nothing refers to: naming the host keeps it loaded.
+    velacore::InstallStandaloneHost();
+#endif
     MC_Birth(false, 256, false);
     std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
     ASSERT_TRUE(bag);

@@ -128,7 +128,7 @@ inline bool SameBins(const HistogramValue& a, const HistogramValue& b) {
 }
 
 // Purges go down to 200 bytes.
-class ComputeTest : public mctest::ModuleTest {
+class ComputeCheckout : public mctest::ModuleTest {
 protected:
     void ConfigureHost(mctest::RecordingHostServices& h) override {
         h.SetMemUsageLimits(2000, uint64_t{1} << 30);
@@ -136,7 +136,6 @@ protected:
     void SetUp() override {
         ModuleTest::SetUp();
         MC_SP_Birth();
-        waitsAtStart_ = counters().pendingWaits.load();
         plugin_ = &HistogramPlugin::Get();
         ASSERT_EQ(plugin_->Fn<ZKGP_PluginMainFunc>(kZKGP_PluginMainName)(&HostAcquireSuite), 0);
         plugin_->setComputeHook(&ComputeHookControl::Hook, &hook_);
@@ -185,7 +184,6 @@ protected:
     static IntrusivePtr<MC_Stuff> ItemOf(ZKGP_ComputeReceipt receipt) {
         return reinterpret_cast<MC_ScCheckout*>(receipt)->GetStuffPtr();
     }
-    uint32_t PendingWaitsSinceStart() { return counters().pendingWaits.load() - waitsAtStart_; }
     // Computes `n` entries (seeds first..first+n-1) and checks them all in.
     void ComputeIdle(uint32_t first, int n, const char* className = kHistogramClass) {
         for (int i = 0; i < n; ++i) {
@@ -204,10 +202,7 @@ protected:
     const HistogramPlugin* plugin_ = nullptr;
     ComputeHookControl hook_;
     HistogramCounters start_{};
-    uint32_t waitsAtStart_ = 0;
 };
-
-using ComputeCheckout = ComputeTest;
 
 TEST_F(ComputeCheckout, AMissComputesOnceHitsShareTheValueAndEachKeyHasItsOwnEntry) {
     const HistogramParams p = Params(2, 30, 20, 0);
@@ -333,19 +328,19 @@ TEST_F(ComputeCheckout, WaitersAreReleasedAfterAFailureAndShareOneComputation) {
         std::vector<ZKGP_ComputeReceipt> receipts(threads, nullptr);
         hook_.Hold();
         if (threads == 2) hook_.FailNext(1, -55);
-        const uint32_t waits = PendingWaitsSinceStart();
+        const uint32_t waits = counters().pendingWaits.load();
         std::thread waiters(mctest::RunThreads, threads, [&](int t) {
             results[t] = Checkout(p, 2, &receipts[t]);
             if (results[t] == 0) plugin().getValue(receipts[t], &values[t]);
         });
         ASSERT_TRUE(hook_.WaitForEntered(threads == 2 ? 1 : 2));
         ASSERT_TRUE(mctest::Eventually(
-            [&] { return PendingWaitsSinceStart() - waits >= uint32_t(threads - 1); }));
+            [&] { return counters().pendingWaits.load() - waits >= uint32_t(threads - 1); }));
         ZKGP_ComputeReceipt receipt = nullptr;
         EXPECT_EQ(Checkout(p, 1, &receipt), ZKGP_ComputeResult_NotAvailable);
         EXPECT_EQ(Checkout(p, 0, &receipt), ZKGP_ComputeResult_NotAvailable);
         EXPECT_EQ(receipt, nullptr);
-        EXPECT_EQ(PendingWaitsSinceStart() - waits, threads - 1u) << "no wait without mode 2";
+        EXPECT_EQ(counters().pendingWaits.load() - waits, threads - 1u) << "no wait without mode 2";
         hook_.Release();
         waiters.join();
         if (threads == 2) {

@@ -85,22 +85,19 @@ TEST(Mutex, EveryBlockedWaiterWakesWhenTheWriterLeaves) {
     MultiTenantRecursiveMutex m;
     constexpr int kRounds = 200, kWaiters = 5;
     std::atomic<int> round{-1}, passed{0};
-    std::vector<std::thread> threads;
-    for (int kind = 0; kind < kWaiters; ++kind) {
-        threads.emplace_back([&, kind] {
-            for (int r = 0; r < kRounds; ++r) {
-                Eventually([&] { return round.load() >= r; });
-                if (kind <= 1) Read l(m);
-                if (kind == 2) Upgrade l(m);
-                if (kind == 3) Write l(m);
-                if (kind == 4) {
-                    Upgrade u(m);
-                    Write w(m);
-                }
-                passed.fetch_add(1);
+    std::thread waiters(mctest::RunThreads, kWaiters, [&](int kind) {
+        for (int r = 0; r < kRounds; ++r) {
+            Eventually([&] { return round.load() >= r; });
+            if (kind <= 1) Read l(m);
+            if (kind == 2) Upgrade l(m);
+            if (kind == 3) Write l(m);
+            if (kind == 4) {
+                Upgrade u(m);
+                Write w(m);
             }
-        });
-    }
+            passed.fetch_add(1);
+        }
+    });
     for (int r = 0; r < kRounds; ++r) {
         m.LockWrite();
         round = r;
@@ -108,7 +105,7 @@ TEST(Mutex, EveryBlockedWaiterWakesWhenTheWriterLeaves) {
         m.UnlockWrite();
         ASSERT_TRUE(Eventually([&] { return passed.load() == (r + 1) * kWaiters; }));
     }
-    for (auto& th : threads) th.join();
+    waiters.join();
 }
 
 // Eight threads take random nested modes; counters of who is inside check every rule.
@@ -149,9 +146,7 @@ TEST(Mutex, RandomNestedModesKeepTheInvariants) {
             }
         }
     };
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < 8; ++t) threads.emplace_back(body, 1234u + t);
-    for (auto& th : threads) th.join();
+    mctest::RunThreads(8, [&](int t) { body(1234u + t); });
     EXPECT_EQ(violations.load(), 0);
     WriteElsewhere(m);
 }

@@ -171,15 +171,10 @@ TEST_F(CheckoutState, UpdateWithNewGuidRekeysTheDirectory) {
 
 using Receipts = CheckoutState;
 
-// Destruction checks in, also on another thread; Release hands the check-in to the caller.
-TEST_F(Receipts, DestructionReleaseAndHandOver) {
+// Release hands the check-in to the caller (the receipt's end then checks nothing in); a receipt
+// may be checked in on another thread.
+TEST_F(Receipts, ReleaseAndHandOver) {
     IntrusivePtr<MC_Stuff> stuff = Add(1);
-    {
-        MC_ScCheckout receipt(stuff, MC_CheckoutFlag_ReadOnly);
-        EXPECT_EQ(receipt.GetResult(), MC_CheckoutResult_CheckedOut);
-        EXPECT_EQ(stuff->GetCheckoutCount(), 1u);
-    }
-    EXPECT_EQ(stuff->GetCheckoutCount(), 0u);
     IntrusivePtr<MC_Stuff> released;
     {
         MC_ScCheckout receipt(stuff, MC_CheckoutFlag_ReadOnly);
@@ -361,18 +356,14 @@ TEST_F(FactoryRegistry, Rules) {
 
 TEST_F(FactoryRegistry, ConcurrentRegistrationAndCreation) {
     std::atomic<int> calls{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t, &calls] {
-            for (int i = 0; i < 200; ++i) {
-                MC_StuffData::Factory f = Making(static_cast<uint32_t>(t + 1), &calls);
-                MC_StuffData::RegisterFactory(i % 2 ? "a" : "b", f);
-                std::vector<uint8_t> header;
-                MC_StuffData::CreateSubclass(i % 3 ? "a" : "b", header);
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
+    mctest::RunThreads(4, [&](int t) {
+        for (int i = 0; i < 200; ++i) {
+            MC_StuffData::Factory f = Making(static_cast<uint32_t>(t + 1), &calls);
+            MC_StuffData::RegisterFactory(i % 2 ? "a" : "b", f);
+            std::vector<uint8_t> header;
+            MC_StuffData::CreateSubclass(i % 3 ? "a" : "b", header);
+        }
+    });
     EXPECT_EQ(calls.load(), 800);
 }
 

@@ -163,10 +163,6 @@ TEST_F(Counters, EachDiskEventMovesExactlyItsOwnCounters) {
         ASSERT_GT(WriteNow(stuff), 0u);
         ASSERT_GT(stuff->FreeUpAsMuchAsPossible(true, nullptr), 0u);
     };
-    auto readFails = [](const IntrusivePtr<MC_Stuff>& stuff) {
-        MC_ScCheckout r(stuff, MC_CheckoutFlag_ReadOnly);
-        EXPECT_FALSE(r.DidCheckout());
-    };
     struct Row {
         const char* what;
         std::function<void(IntrusivePtr<MC_Stuff>&)> setup;
@@ -190,7 +186,7 @@ TEST_F(Counters, EachDiskEventMovesExactlyItsOwnCounters) {
          [&](auto& s, Counters& e) {
              const auto path = s->GetDiskCacheFile().GetFullPath();
              static_cast<TestPayload&>(*s->GetDataPtr()).SetReadFailure(true);
-             readFails(s);
+             EXPECT_FALSE(MC_ScCheckout(s, MC_CheckoutFlag_ReadOnly).DidCheckout());
              EXPECT_FALSE(s->IsOnDisk() || std::filesystem::exists(path));
              e.readFailures += 1;
          }},
