@@ -281,30 +281,23 @@ TEST_F(Receipts, DiskHoldCountsFollowTheHold) {
 }
 
 TEST_F(Receipts, AbandonedPendingRenderWakesWaitersAndLeavesTheBag) {
-    std::atomic<bool> waiterDone{false};
-    IntrusivePtr<MC_Stuff> pending;
-    std::thread waiter;
-    {
-        MC_ScCheckout creator;
-        ASSERT_EQ(creator.FindAndCheckout(MakeRequest(3),
-                                          MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
-                  MC_CheckoutResult_CreatedNewPending);
-        EXPECT_TRUE(creator.DidCreateNewPending());
-        pending = creator.GetStuffPtr();
-        const uint32_t waits = counters().pendingWaits.load();
-        waiter = std::thread([&] {
-            MC_ScCheckout r;
-            // Waits on the pending item, sees it abandoned, retries and finds nothing.
-            EXPECT_EQ(
-                r.FindAndCheckout(MakeRequest(3), MC_CheckoutFlag_ReadOnly |
-                                                      MC_CheckoutFlag_WaitIfPendingUnlessLocked),
-                MC_CheckoutResult_Failed);
-            waiterDone.store(true);
-        });
-        // The waiter counts its wait before it blocks: from here on it is blocked.
-        EXPECT_TRUE(mctest::Eventually([&] { return counters().pendingWaits == waits + 1; }));
-        EXPECT_FALSE(waiterDone.load());
-    }  // the receipt dies before anything was rendered
+    auto creator = std::make_unique<MC_ScCheckout>();
+    ASSERT_EQ(creator->FindAndCheckout(MakeRequest(3),
+                                       MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending),
+              MC_CheckoutResult_CreatedNewPending);
+    EXPECT_TRUE(creator->DidCreateNewPending());
+    const IntrusivePtr<MC_Stuff> pending = creator->GetStuffPtr();
+    const uint32_t waits = counters().pendingWaits.load();
+    std::thread waiter([&] {
+        MC_ScCheckout r;
+        // Waits on the pending item, sees it abandoned, retries and finds nothing.
+        EXPECT_EQ(r.FindAndCheckout(MakeRequest(3), MC_CheckoutFlag_ReadOnly |
+                                                        MC_CheckoutFlag_WaitIfPendingUnlessLocked),
+                  MC_CheckoutResult_Failed);
+    });
+    // The waiter counts its wait before it blocks: from here on it is blocked.
+    EXPECT_TRUE(mctest::Eventually([&] { return counters().pendingWaits == waits + 1; }));
+    creator.reset();  // the receipt dies before anything was rendered
     waiter.join();
     EXPECT_FALSE(pending->IsPendingRender());
     EXPECT_EQ(bag_->GetNumItems(), 0);

@@ -157,32 +157,26 @@ TEST_F(Counters, EachDiskEventMovesExactlyItsOwnCounters) {
     EnableDiskCache();
     using Counters = MC_DiskPerformanceCounters;
     uint32_t key = 0;
-    // An item written to disk and purged from memory, ready to be read back.
-    auto onDiskOnly = [&](IntrusivePtr<MC_Stuff>& stuff) {
-        stuff = NewItem(++key, 5000);
-        ASSERT_GT(WriteNow(stuff), 0u);
-        ASSERT_GT(stuff->FreeUpAsMuchAsPossible(true, nullptr), 0u);
-    };
     struct Row {
         const char* what;
-        std::function<void(IntrusivePtr<MC_Stuff>&)> setup;
+        bool onDiskOnly;  // the row's item is written and purged from memory first
         std::function<void(const IntrusivePtr<MC_Stuff>&, Counters&)> act;
     };
     const Row rows[] = {
-        {"a read-back", onDiskOnly,
+        {"a read-back", true,
          [&](auto& s, Counters& e) {
              MC_ScCheckout r(s, MC_CheckoutFlag_ReadOnly);
              EXPECT_TRUE(r.DidCheckout() && r.IsInMemory());
              e.bytesRead += s->GetDiskCacheFile().Size();
          }},
-        {"a failed write", [&](auto& s) { s = NewItem(++key, 5000); },
+        {"a failed write", false,
          [&](auto& s, Counters& e) {
              fs_->FailFrom(FsOp::kAppend, 1, Fault::kIoError);
              EXPECT_EQ(WriteNow(s), 0u);
              fs_->ClearFaults();
              e.writeFailures += 1;
          }},
-        {"a corrupt body deletes the file", onDiskOnly,
+        {"a corrupt body deletes the file", true,
          [&](auto& s, Counters& e) {
              const auto path = s->GetDiskCacheFile().GetFullPath();
              static_cast<TestPayload&>(*s->GetDataPtr()).SetReadFailure(true);
@@ -191,7 +185,7 @@ TEST_F(Counters, EachDiskEventMovesExactlyItsOwnCounters) {
              e.readFailures += 1;
          }},
         {"check-ins: priority 0 is reason 4, no compute time reason 3, others queue and write",
-         [](auto&) {},
+         false,
          [&](auto&, Counters& e) {
              WriteableCheckin(NewItem(++key, 5000, MC_CachePriority_Never), 1.0);
              WriteableCheckin(NewItem(++key, 5000, MC_CachePriority_Normal), 0.0);
@@ -205,7 +199,7 @@ TEST_F(Counters, EachDiskEventMovesExactlyItsOwnCounters) {
              EXPECT_GT(normal->GetDiskCacheFile().Size(), 5000u);  // header and padding included
              e.bytesWritten += normal->GetDiskCacheFile().Size() + low->GetDiskCacheFile().Size();
          }},
-        {"recorded reasons land in their fields (0 is not counted)", [](auto&) {},
+        {"recorded reasons land in their fields (0 is not counted)", false,
          [&](auto&, Counters& e) {
              for (int why : {1, 2, 4, 5, 0}) {
                  IntrusivePtr<MC_Stuff> stuff = NewItem(++key, 5000);
@@ -214,9 +208,9 @@ TEST_F(Counters, EachDiskEventMovesExactlyItsOwnCounters) {
              }
              ++e.reason1Count, ++e.reason2Count, ++e.reason4Count, ++e.reason5Count;
          }},
-        {"a full queue records and counts reason 3",
-         [&](auto& s) { s = NewItem(++key, 5000, MC_CachePriority_High); },
+        {"a full queue records and counts reason 3", false,
          [&](auto& s, Counters& e) {
+             s->GetDataPtr()->SetCachePriority(MC_CachePriority_High);
              MCp_DiskWriteQueue::Get().AdjustCountForTesting(200);
              s->MaybeWriteToDisk();
              MCp_DiskWriteQueue::Get().AdjustCountForTesting(-200);
@@ -227,8 +221,11 @@ TEST_F(Counters, EachDiskEventMovesExactlyItsOwnCounters) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
-        IntrusivePtr<MC_Stuff> stuff;
-        row.setup(stuff);
+        const IntrusivePtr<MC_Stuff> stuff = NewItem(++key, 5000);
+        if (row.onDiskOnly) {
+            ASSERT_GT(WriteNow(stuff), 0u);
+            ASSERT_GT(stuff->FreeUpAsMuchAsPossible(true, nullptr), 0u);
+        }
         const MC_PerformanceCounters memory = MC_GetPerformanceCounters();
         Counters expected = MC_GetDiskPerformanceCounters();
         row.act(stuff, expected);
