@@ -13,7 +13,6 @@
 #include "bag/Eventually.h"
 #include "bag/MC_SortDir.h"
 #include "mc/MC_ScCheckout.h"
-#include "mc/MCp_ScLock.h"
 #include "mc/standalone/StandaloneHost.h"
 #include "support/ModuleAccess.h"
 #include "support/ModuleFixture.h"

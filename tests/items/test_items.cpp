@@ -111,11 +111,10 @@ TEST_F(CheckoutState, ReadOnlyManyWriteableAlone) {
 TEST_F(CheckoutState, ConvertToWriteableGuardsAndCodes) {
     IntrusivePtr<MC_Stuff> stuff = Add(1, 10);
     EXPECT_EQ(ConvertCode(stuff), 0x3A04);  // not checked out; reported on the main thread
-    auto errs = host().ErrStrings();
-    ASSERT_EQ(errs.size(), 1u);
-    EXPECT_EQ(errs[0].base, 0x3A0000u);
-    EXPECT_EQ(errs[0].severity, 2);
-    EXPECT_EQ(errs[0].text, u"can\u2019t convert to writeable when not checked out");
+    ASSERT_EQ(host().ErrStrings().size(), 1u);
+    const auto err = host().ErrStrings()[0];
+    EXPECT_TRUE(err.base == 0x3A0000u && err.severity == 2) << err.base << " " << err.severity;
+    EXPECT_EQ(err.text, u"can\u2019t convert to writeable when not checked out");
     std::thread([&] { EXPECT_EQ(ConvertCode(stuff), 0x3A04); }).join();
     EXPECT_EQ(host().ErrStrings().size(), 1u) << "misuse off the main thread is not reported";
 
