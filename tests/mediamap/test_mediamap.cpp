@@ -35,7 +35,6 @@ namespace {
 // The module started interactively (mirror on) over a standalone manager.
 class MirrorTest : public ModuleTest {
 protected:
-    explicit MirrorTest(uint64_t budget = uint64_t{1} << 40) : manager_(budget) {}
     void ConfigureHost(RecordingHostServices& h) override { h.SetMediaManager(&manager_); }
     bool Interactive() const override { return true; }
     void TearDown() override {
@@ -53,7 +52,7 @@ protected:
         return stuff;
     }
     void Settle() { ASSERT_TRUE(manager_.WaitUntilSettled(50s)); }
-    NX::StandaloneMediaManager manager_;
+    NX::StandaloneMediaManager manager_{uint64_t{1} << 40};
 };
 
 TEST_F(MirrorTest, EveryStepKeepsTheMapAndTheManagerInStep) {
@@ -101,14 +100,10 @@ TEST_F(MirrorTest, EveryStepKeepsTheMapAndTheManagerInStep) {
     EXPECT_FALSE(c->IsInMemory());
 }
 
-class BudgetTest : public MirrorTest {
-protected:
-    BudgetTest() : MirrorTest(3000) {}
-};
-
 // Over budget the oldest idle item goes; never a checked-out, pinned or refusing one (a pinned
 // entry resists purge and flush until made purgeable).
-TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemOnly) {
+TEST_F(MirrorTest, OverBudgetPurgesTheOldestIdleItemOnly) {
+    manager_.SetBudget(3000);
     IntrusivePtr<MC_Stuff> pinnedItem = MakeItem(9, 500);
     const zk::MC_MediaMapDataKey key{velacore::Guid::CreateUnique(), 0};
     const uint64_t pinned =
@@ -148,7 +143,7 @@ TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemOnly) {
 
 // Renders and reads frames from several threads while the manager purges. A check-out must
 // keep its payload in memory throughout; at rest the totals agree and fit the budget.
-TEST_F(BudgetTest, ConcurrentRendersThenDeathKeepTheTotalsInStep) {
+TEST_F(MirrorTest, ConcurrentRendersThenDeathKeepTheTotalsInStep) {
     constexpr uint32_t kKeys = 40, kFrameBytes = 1000;
     manager_.SetBudget(10 * kFrameBytes);  // purges start while the threads render
     std::atomic<int> lostWhileHeld{0}, renders{0};
