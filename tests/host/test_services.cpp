@@ -260,12 +260,13 @@ TEST(Executor, ConcurrentStopsAllWaitAndAJobDroppedByStopCannotPost) {
 // sub-executor may be dropped inside their own jobs.
 TEST(Executor, PoolRunsFourJobsAtOnceSwallowsErrorsAndMayDieInItsOwnJob) {
     std::atomic<int> ran{0};
+    mctest::Latch after(1);
     {
         auto pool = CreateIOBoundExecutor();
-        mctest::Latch together(4), after(1);
+        auto together = std::make_shared<mctest::Latch>(4);  // the jobs may outlive this scope
         for (int i = 0; i < 4; ++i) {
-            pool->Post([&] {
-                together.arrive_and_wait();  // hangs unless four run at once
+            pool->Post([together] {
+                together->arrive_and_wait();  // hangs unless four run at once
                 throw std::runtime_error("job failure");
             });
         }
