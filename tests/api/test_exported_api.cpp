@@ -15,13 +15,6 @@
 
 namespace {
 
-// The Windows linker drops a DLL nothing refers to: naming the host keeps libmc_standalone loaded.
-void UseStandaloneHost() {
-#ifdef _WIN32
-    velacore::InstallStandaloneHost();
-#endif
-}
-
 // A frame of pixels; its number lives in its guid.
 class Frame : public MC_StuffData {
 public:
@@ -57,29 +50,6 @@ void Render(uint32_t number, IntrusivePtr<MC_StuffData> data) {
     receipt.GetStuffPtr()->SetStuffDataFromPendingRender(std::move(data), 0.25);
 }
 
-TEST(ExportedApi, FindRenderCheckInAndHitAgain) {
-    UseStandaloneHost();
-    MC_Birth(false, 1, false);
-    std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
-    ASSERT_TRUE(bag);
-    Render(3, IntrusivePtr<MC_StuffData>(new Frame(4096)));
-    EXPECT_EQ(bag->GetNumItems(), 1);
-    EXPECT_EQ(bag->GetInMemoryCacheSizeInBytes_LockFree(), 4096);
-    {
-        MC_ScCheckout receipt;
-        ASSERT_EQ(receipt.FindAndCheckout(Request(3), MC_CheckoutFlag_ReadOnly),
-                  MC_CheckoutResult_CheckedOut);
-        EXPECT_TRUE(receipt.IsInMemory());
-        EXPECT_EQ(MC_GetPerformanceCounters().activeCheckouts, 1u);
-    }
-    bag->PurgeAllMemoryCaches();
-    EXPECT_EQ(bag->GetInMemoryCacheSizeInBytes_LockFree(), 0);
-    bag.reset();
-    MC_StopAllAsyncWork();
-    MC_Death();
-    EXPECT_FALSE(MC_GlobalBag());
-}
-
 // A frame whose Write blocks until the test lets it go.
 class HeldFrame : public Frame {
 public:
@@ -101,14 +71,32 @@ private:
     std::shared_future<void> release_;
 };
 
-TEST(ExportedApi, WaitForDiskWritesWaitsForTheWriteInProgress) {
+// A render checked in and hit again; a disk write waited for while it is in progress.
+TEST(ExportedApi, FindRenderCheckInHitAgainAndWaitForDiskWrites) {
     const auto root =
         std::filesystem::temp_directory_path() /
         ("mc-api-wait-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
     std::filesystem::create_directories(root);
-    UseStandaloneHost();
+#ifdef _WIN32
+    // The Windows linker drops a DLL nothing refers to: naming the host keeps it loaded.
+    velacore::InstallStandaloneHost();
+#endif
     MC_Birth(false, 256, false);
     std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
+    ASSERT_TRUE(bag);
+    Render(3, IntrusivePtr<MC_StuffData>(new Frame(4096)));
+    EXPECT_EQ(bag->GetNumItems(), 1);
+    EXPECT_EQ(bag->GetInMemoryCacheSizeInBytes_LockFree(), 4096);
+    {
+        MC_ScCheckout receipt;
+        ASSERT_EQ(receipt.FindAndCheckout(Request(3), MC_CheckoutFlag_ReadOnly),
+                  MC_CheckoutResult_CheckedOut);
+        EXPECT_TRUE(receipt.IsInMemory());
+        EXPECT_EQ(MC_GetPerformanceCounters().activeCheckouts, 1u);
+    }
+    bag->PurgeAllMemoryCaches();
+    EXPECT_EQ(bag->GetInMemoryCacheSizeInBytes_LockFree(), 0);
+
     bag->SetDiskCacheInfo(velacore::Dir(root), 16);
     bag->EnableDiskCache(true);
     EXPECT_TRUE(MC_Bag::WaitForDiskWrites(0));  // nothing to wait for
@@ -125,6 +113,7 @@ TEST(ExportedApi, WaitForDiskWritesWaitsForTheWriteInProgress) {
     bag.reset();
     MC_StopAllAsyncWork();
     MC_Death();
+    EXPECT_FALSE(MC_GlobalBag());
     std::filesystem::remove_all(root);
 }
 

@@ -1,5 +1,6 @@
 // The memory purge: eviction order, skip rules, stop rules, memory freed outside the cache lock,
-// statistics and traces, and a many-thread soak that ends with exact totals.
+// a pass long enough to let go of the cache lock while hits go on, and a many-thread soak that
+// ends with exact totals.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,7 +13,6 @@
 #include "bag/Eventually.h"
 #include "bag/MC_SortDir.h"
 #include "mc/MC_ScCheckout.h"
-#include "mc/MCp_ScLock.h"
 #include "mc/standalone/StandaloneHost.h"
 #include "support/ModuleAccess.h"
 #include "support/ModuleFixture.h"
@@ -82,24 +82,50 @@ TEST_F(Purge, OrderSkipAndStopRules) {
     }
 }
 
-// The recycle call and the last purged item's stamp (the counters are checked with the others).
-TEST_F(Purge, RecycleCallAndLastPurgedStamp) {
+// The recycle call and the last purged item's stamp (the counters are checked with the others);
+// purging all memory caches empties every idle item.
+TEST_F(Purge, RecycleCallLastPurgedStampAndPurgeAll) {
     host().SetAmountToPurge(150);
     EXPECT_EQ(bag_->FreeUpSomeMemory(0), 0);  // an empty bag
     EXPECT_EQ(host().PurgeRecycledCount(), 0u);
-    auto items = AddItems(3, 100);
+    auto items = AddItems(4, 100);
     MCp_StuffAccess::SetLastUseTime(*items[1], 7000);  // the stamp the purge reads
     EXPECT_EQ(bag_->FreeUpSomeMemory(0), 200);
     EXPECT_EQ(host().PurgeRecycledCount(), 1u);
     EXPECT_EQ(bag_->GetLastPurgedUsedTime(), 7000u);
-}
-
-TEST_F(Purge, PurgeAllMemoryCachesEmptiesEveryIdleItem) {
-    auto items = AddItems(5, 100);
-    MC_ScCheckout held(items[4], MC_CheckoutFlag_ReadOnly);
+    MC_ScCheckout held(items[3], MC_CheckoutFlag_ReadOnly);
     bag_->PurgeAllMemoryCaches();
     EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 100);
-    EXPECT_TRUE(items[4]->IsInMemory());
+    EXPECT_TRUE(items[3]->IsInMemory() && !items[2]->IsInMemory());
+}
+
+// Far more items than one hold of the cache lock visits: the oldest half goes, exactly, while
+// another thread keeps using the young half.
+TEST_F(Purge, LongPassThatLetsGoOfTheLockFreesTheOldestExactly) {
+    constexpr uint32_t kItems = 40'000;
+    std::vector<IntrusivePtr<MC_Stuff>> items;
+    for (uint32_t k = 0; k < kItems; ++k) {
+        items.push_back(MakeItem(k + 1, 10));
+        items.back()->AddToBagAndSortDir(bag_);
+    }
+    host().SetAmountToPurge(kItems / 2 * 10);
+    int64_t freed = 0;
+    {
+        uint32_t i = 0;
+        Repeat user([&] {
+            MC_ScCheckout r(items[kItems / 2 + i++ % (kItems / 2)], MC_CheckoutFlag_ReadOnly);
+        });
+        freed = bag_->FreeUpSomeMemory(0);
+    }
+    EXPECT_EQ(freed, int64_t{kItems} / 2 * 10);
+    uint32_t resident = 0;
+    for (uint32_t k = 0; k < kItems; ++k) {
+        EXPECT_EQ(items[k]->IsInMemory(), k >= kItems / 2) << k;
+        resident += items[k]->IsInMemory() ? 1 : 0;
+    }
+    EXPECT_EQ(bag_->GetNumItems(), static_cast<int>(resident));
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), int64_t{resident} * 10);
+    EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
 }
 
 // Renderers find, render, resize, remove, check in and purge at random from several threads

@@ -2,22 +2,28 @@
 // registration replaces the first, how check-in, erase, removal, purges and shut-down move
 // entries; over budget the manager has the oldest idle items purged through the mirror (never a
 // checked-out or pinned one), and the manager's, the map's and the bag's totals agree once things
-// settle, also under load and across shut-down.
+// settle, also under load and across shut-down. Then the manager itself: purge classes (the
+// register call's `kind`), and detaching an owner while a purge call to it is in flight.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <random>
+#include <thread>
+#include <vector>
 
 #include "bag/Eventually.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_ScCheckout.h"
 #include "mc/MCp_ScLock.h"
+#include "mc/host/OpenOnceGate.h"
 #include "mc/standalone/StandaloneMediaManager.h"
 #include "mediamap/MC_MediaMapImpl.h"
 #include "mediamap/MediaMapHooks.h"
+#include "support/Latch.h"
 #include "support/ModuleFixture.h"
 #include "support/TestPayload.h"
 
@@ -29,7 +35,6 @@ namespace {
 // The module started interactively (mirror on) over a standalone manager.
 class MirrorTest : public ModuleTest {
 protected:
-    explicit MirrorTest(uint64_t budget = uint64_t{1} << 40) : manager_(budget) {}
     void ConfigureHost(RecordingHostServices& h) override { h.SetMediaManager(&manager_); }
     bool Interactive() const override { return true; }
     void TearDown() override {
@@ -47,7 +52,7 @@ protected:
         return stuff;
     }
     void Settle() { ASSERT_TRUE(manager_.WaitUntilSettled(50s)); }
-    NX::StandaloneMediaManager manager_;
+    NX::StandaloneMediaManager manager_{uint64_t{1} << 40};
 };
 
 TEST_F(MirrorTest, EveryStepKeepsTheMapAndTheManagerInStep) {
@@ -95,39 +100,14 @@ TEST_F(MirrorTest, EveryStepKeepsTheMapAndTheManagerInStep) {
     EXPECT_FALSE(c->IsInMemory());
 }
 
-// The map on its own: a pinned entry resists purge and flush until made purgeable, sequences are
-// never reused, shut-down forgets all.
-TEST_F(MirrorTest, PinnedEntriesStayUntilMadePurgeableAndShutdownForgetsAll) {
-    NX::StandaloneMediaManager manager(uint64_t{1} << 40);
-    zk::MC_MediaMapImpl map(&manager, velacore::Guid::CreateUnique());
-    IntrusivePtr<MC_Stuff> stuff = MakeItem(1, 100);
+// Over budget the oldest idle item goes; never a checked-out, pinned or refusing one (a pinned
+// entry resists purge and flush until made purgeable).
+TEST_F(MirrorTest, OverBudgetPurgesTheOldestIdleItemOnly) {
+    manager_.SetBudget(3000);
+    IntrusivePtr<MC_Stuff> pinnedItem = MakeItem(9, 500);
     const zk::MC_MediaMapDataKey key{velacore::Guid::CreateUnique(), 0};
     const uint64_t pinned =
-        map.Insert(key, std::make_shared<zk::MC_MediaMapData>(stuff, 100), true);
-    EXPECT_FALSE(map.PurgeEntry(pinned));
-    EXPECT_FALSE(map.Flush(pinned));
-    EXPECT_EQ(manager.EntryCount(), 1u);
-    EXPECT_TRUE(map.MakePurgeable(zk::MC_MediaMapDataKey{key.guid, pinned}));
-    EXPECT_TRUE(map.Flush(pinned));
-    EXPECT_EQ(manager.EntryCount(), 0u);
-    ASSERT_TRUE(map.Register(stuff));
-    EXPECT_EQ(stuff->GetMediaMapID(), 2u);
-    map.Shutdown();
-    EXPECT_EQ(manager.EntryCount(), 0u);
-    EXPECT_FALSE(map.Register(MakeItem(2, 100)));
-}
-
-class BudgetTest : public MirrorTest {
-protected:
-    BudgetTest() : MirrorTest(3000) {}
-};
-
-// Over budget the oldest idle item goes; never a checked-out, pinned or refusing one.
-TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemOnly) {
-    IntrusivePtr<MC_Stuff> pinnedItem = MakeItem(9, 500);
-    const uint64_t pinned =
-        Map()->Insert({velacore::Guid::CreateUnique(), 0},
-                      std::make_shared<zk::MC_MediaMapData>(pinnedItem, 500), true);
+        Map()->Insert(key, std::make_shared<zk::MC_MediaMapData>(pinnedItem, 500), true);
     IntrusivePtr<MC_Stuff> a = AddItem(1, 500), refusing = AddItem(2, 500);
     static_cast<TestPayload&>(*refusing->GetDataPtr()).SetAllowPurge(false);
     IntrusivePtr<MC_Stuff> b = AddItem(3, 500), c = AddItem(4, 500), d = AddItem(5, 500);
@@ -145,7 +125,8 @@ TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemOnly) {
     EXPECT_TRUE(c->IsInMemory() && d->IsInMemory() && e->IsInMemory());
 
     hold.reset();  // check-in re-registers a as the youngest entry
-    Map()->MakePurgeable(pinned);
+    EXPECT_FALSE(Map()->PurgeEntry(pinned) || Map()->Flush(pinned));
+    EXPECT_TRUE(Map()->MakePurgeable(zk::MC_MediaMapDataKey{key.guid, pinned}));
     AddItem(7, 500);  // over again: now the unpinned entry is the oldest and goes
     Settle();
     EXPECT_FALSE(Map()->IsNonPurgeable(pinned));
@@ -162,7 +143,7 @@ TEST_F(BudgetTest, OverBudgetPurgesTheOldestIdleItemOnly) {
 
 // Renders and reads frames from several threads while the manager purges. A check-out must
 // keep its payload in memory throughout; at rest the totals agree and fit the budget.
-TEST_F(BudgetTest, ConcurrentRendersThenDeathKeepTheTotalsInStep) {
+TEST_F(MirrorTest, ConcurrentRendersThenDeathKeepTheTotalsInStep) {
     constexpr uint32_t kKeys = 40, kFrameBytes = 1000;
     manager_.SetBudget(10 * kFrameBytes);  // purges start while the threads render
     std::atomic<int> lostWhileHeld{0}, renders{0};
@@ -209,6 +190,79 @@ TEST_F(BudgetTest, ConcurrentRendersThenDeathKeepTheTotalsInStep) {
     MC_Birth(true, kAppVersion, false);  // TearDown stops and kills it again
     bag_ = MC_GlobalBag();
     EXPECT_EQ(AddItem(9, 10)->GetMediaMapID(), 1u);  // a new map numbers from one
+}
+
+// Records its purges and forgets them; with `hold` given, its purge instead waits for the gate
+// (to keep a call in flight) and fails.
+class Owner : public NX::IPurgeableSupport {
+public:
+    explicit Owner(NX::IMediaManager& manager, velacore::OpenOnceGate* hold = nullptr)
+        : manager_(manager), hold_(hold) {}
+    bool PurgeEntry(uint64_t sequence) override {
+        {
+            std::lock_guard lock(mutex_);
+            purged_.push_back(sequence);
+        }
+        entered.count_down();
+        if (hold_ != nullptr) {
+            hold_->Pass();
+            finished.store(true);
+            return false;
+        }
+        manager_.ForgetEntry(sequence);
+        return true;
+    }
+    bool IsNonPurgeable(uint64_t) override { return false; }
+    std::vector<uint64_t> Purged() const {
+        std::lock_guard lock(mutex_);
+        return purged_;
+    }
+    Latch entered{1};
+    std::atomic<bool> finished{false};
+
+private:
+    NX::IMediaManager& manager_;
+    velacore::OpenOnceGate* hold_;
+    mutable std::mutex mutex_;
+    std::vector<uint64_t> purged_;
+};
+
+const velacore::Guid kClient(std::string_view("0F0E0D0C-0B0A-0908-0706-050403020100"));
+
+// Scratch entries go before cached ones whatever their age; within a class the least recently
+// used goes first, and a touch makes an entry the youngest.
+TEST(MediaManagerClasses, PurgeOrderIsClassThenLeastRecentlyUsed) {
+    NX::StandaloneMediaManager m(350);
+    Owner owner(m);
+    for (uint64_t seq : {1, 2, 3})
+        m.RegisterEntry(&owner, kClient, seq, 100, NX::kMediaEntryCached, 0, nullptr);
+    m.TouchEntry(1, kClient);
+    m.RegisterEntry(&owner, kClient, 4, 100, NX::kMediaEntryScratch, 0, nullptr);  // youngest
+    ASSERT_TRUE(m.WaitUntilSettled(50s));
+    EXPECT_EQ(owner.Purged(), (std::vector<uint64_t>{4}));
+    m.RegisterEntry(&owner, kClient, 5, 100, NX::kMediaEntryCached, 0, nullptr);
+    ASSERT_TRUE(m.WaitUntilSettled(50s));
+    EXPECT_EQ(owner.Purged(), (std::vector<uint64_t>{4, 2}));  // 1 was touched after 2
+    EXPECT_EQ(m.GetRegisteredBytes(), 300u);
+}
+
+// Detaching an owner through the interface waits for the purge call in flight to it.
+TEST(MediaManagerClasses, DetachThroughTheInterfaceWaitsForTheCallInFlight) {
+    NX::StandaloneMediaManager m(10);
+    velacore::OpenOnceGate hold;
+    Owner owner(m, &hold);
+    NX::IMediaManager& manager = m;
+    manager.RegisterEntry(&owner, kClient, 1, 100, NX::kMediaEntryCached, 0, nullptr);
+    ASSERT_TRUE(owner.entered.wait());
+    std::atomic<bool> finishedWhenDetached{false};
+    std::thread detacher([&] {
+        manager.DetachOwner(&owner);
+        finishedWhenDetached.store(owner.finished.load());
+    });
+    hold.Open();
+    detacher.join();
+    EXPECT_TRUE(finishedWhenDetached.load());
+    EXPECT_EQ(m.EntryCount(), 0u);
 }
 
 }  // namespace

@@ -2,45 +2,31 @@
 // Thread-safety: call from a test thread, never from a job of the disk executor.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 
 #include "lifecycle/Module.h"
+#include "support/Latch.h"
 
 namespace mctest {
 
 // Waits until every write queued or posted so far has finished: both writer threads are made to
-// meet. Returns false when the writer is stopped or time ran out. The meeting is a mutex and a
-// condition variable, not std::latch: MinGW's libstdc++ 12 has no futex, and its fallback for
-// atomic waits notifies without taking the waiter's mutex, so an arrival can be lost under Wine.
+// meet (on mctest::Latch: std::latch can lose a wake-up under MinGW). Returns false when the
+// writer is stopped or time ran out.
 inline bool DrainDiskWriter() {
-    static constexpr int kWriterThreads = 2;
-    static constexpr auto kLimit = std::chrono::minutes(2);
+    constexpr int kWriterThreads = 2;
     auto exec = MCp_DiskExecutor();
     if (!exec) return false;
     struct Meeting {
-        std::mutex mutex;
-        std::condition_variable cv;
-        int arrived = 0;
-        int left = 0;
+        Latch arrived{kWriterThreads}, left{kWriterThreads};
     };
     auto meeting = std::make_shared<Meeting>();
     for (int i = 0; i < kWriterThreads; ++i) {
-        if (!exec->Post([meeting] {
-                std::unique_lock<std::mutex> lock(meeting->mutex);
-                ++meeting->arrived;
-                meeting->cv.notify_all();
-                if (meeting->cv.wait_for(lock, kLimit,
-                                         [&] { return meeting->arrived == kWriterThreads; }))
-                    ++meeting->left;
-                meeting->cv.notify_all();
-            }))
-            return false;
+        const bool posted = exec->Post([meeting] {
+            if (meeting->arrived.arrive_and_wait()) meeting->left.count_down();
+        });
+        if (!posted) return false;
     }
-    std::unique_lock<std::mutex> lock(meeting->mutex);
-    return meeting->cv.wait_for(lock, kLimit, [&] { return meeting->left == kWriterThreads; });
+    return meeting->left.wait();
 }
 
 }  // namespace mctest

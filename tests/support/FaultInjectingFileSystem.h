@@ -7,11 +7,14 @@
 #pragma once
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
+#include "mc/host/Errors.h"
 #include "mc/host/FileSystem.h"
 
 namespace mctest {
@@ -39,10 +42,35 @@ class FaultRules {
 public:
     // Counts a call of `op`; returns whether it fails, and with which fault (the earliest rule
     // added wins).
-    bool Enter(FsOp op, Fault* fault);
+    bool Enter(FsOp op, Fault* fault) {
+        std::lock_guard lock(mutex);
+        auto& count = counts[static_cast<int>(op)];
+        ++count[0];
+        bool fails = false;
+        for (auto it = rules.begin(); it != rules.end();) {
+            if (it->op != op) {
+                ++it;
+            } else if (it->skip > 0) {
+                --(it++)->skip;
+            } else {
+                if (!fails) *fault = it->fault;
+                fails = true;
+                it = it->persistent ? it + 1 : rules.erase(it);
+            }
+        }
+        count[1] += fails ? 1 : 0;
+        return fails;
+    }
     // Counts a call and throws its injected fault, if any (a short write throws EIO here).
-    void Check(FsOp op, const std::filesystem::path& path);
-    [[noreturn]] static void Throw(Fault fault, const std::filesystem::path& path);
+    void Check(FsOp op, const std::filesystem::path& path) {
+        Fault fault{};
+        if (Enter(op, &fault)) Throw(fault == Fault::kShortWrite ? Fault::kIoError : fault, path);
+    }
+    [[noreturn]] static void Throw(Fault fault, const std::filesystem::path& path) {
+        const std::string what = "injected failure on '" + path.string() + "'";
+        if (fault == Fault::kNoSpace) throw velacore::IOError(what + ": no space left", ENOSPC);
+        throw velacore::IOError(what + ": I/O error", EIO);
+    }
 
     struct Rule {
         FsOp op;
@@ -54,6 +82,55 @@ public:
     std::array<std::array<uint64_t, 2>, static_cast<int>(FsOp::kCount)> counts{};  // calls, faults
     std::vector<Rule> rules;
 };
+
+namespace detail {
+
+// What the files opened through the fault-injecting file system share.
+struct FaultyFile {
+    std::shared_ptr<FaultRules> rules;
+    std::filesystem::path path;
+};
+
+class FaultyWritableFile final : public velacore::WritableFile, FaultyFile {
+public:
+    FaultyWritableFile(std::unique_ptr<WritableFile> target, FaultyFile file)
+        : FaultyFile(std::move(file)), target_(std::move(target)) {}
+    void Append(const void* data, size_t size) override {
+        Fault fault{};
+        if (rules->Enter(FsOp::kAppend, &fault)) {
+            if (fault == Fault::kShortWrite) target_->Append(data, size / 2);
+            FaultRules::Throw(fault == Fault::kShortWrite ? Fault::kNoSpace : fault, path);
+        }
+        target_->Append(data, size);
+    }
+    void Sync() override { target_->Sync(); }
+    void Close() override {
+        rules->Check(FsOp::kClose, path);
+        target_->Close();
+    }
+    bool IsDirectIo() const override { return target_->IsDirectIo(); }
+    void Reserve(uint64_t size) override { target_->Reserve(size); }
+
+private:
+    std::unique_ptr<WritableFile> target_;
+};
+
+class FaultyReadableFile final : public velacore::ReadableFile, FaultyFile {
+public:
+    FaultyReadableFile(std::unique_ptr<ReadableFile> target, FaultyFile file)
+        : FaultyFile(std::move(file)), target_(std::move(target)) {}
+    size_t Read(void* buffer, size_t size) override {
+        rules->Check(FsOp::kRead, path);
+        return target_->Read(buffer, size);
+    }
+    void Seek(uint64_t offset) override { target_->Seek(offset); }
+    uint64_t Size() override { return target_->Size(); }
+
+private:
+    std::unique_ptr<ReadableFile> target_;
+};
+
+}  // namespace detail
 
 class FaultInjectingFileSystem : public velacore::FileSystemWrapper {
 public:
@@ -77,8 +154,16 @@ public:
     uint64_t FaultCount(FsOp op) const { return Count(op, 1); }
 
     std::unique_ptr<velacore::WritableFile> OpenForDirectWrite(
-        const std::filesystem::path& path) override;
-    std::unique_ptr<velacore::ReadableFile> OpenForRead(const std::filesystem::path& path) override;
+        const std::filesystem::path& path) override {
+        rules_->Check(FsOp::kOpenForDirectWrite, path);
+        return std::make_unique<detail::FaultyWritableFile>(
+            FileSystemWrapper::OpenForDirectWrite(path), detail::FaultyFile{rules_, path});
+    }
+    std::unique_ptr<velacore::ReadableFile> OpenForRead(
+        const std::filesystem::path& path) override {
+        return std::make_unique<detail::FaultyReadableFile>(FileSystemWrapper::OpenForRead(path),
+                                                            detail::FaultyFile{rules_, path});
+    }
     void CreateFile(const std::filesystem::path& path, bool failIfExists) override {
         rules_->Check(FsOp::kCreateFile, path);
         FileSystemWrapper::CreateFile(path, failIfExists);

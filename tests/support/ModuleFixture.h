@@ -24,7 +24,7 @@ protected:
         ConfigureHost(*services_);
         scoped_ = std::make_unique<ScopedHostServices>(services_);
         mc_settings::ResetForTesting();
-        MC_Birth(Interactive(), kAppVersion, QuilletMode());
+        MC_Birth(Interactive(), kAppVersion, false);
         bag_ = MC_GlobalBag();
     }
     void TearDown() override {
@@ -36,7 +36,6 @@ protected:
     // Hooks for fixtures that need a different host or birth.
     virtual void ConfigureHost(RecordingHostServices&) {}
     virtual bool Interactive() const { return false; }
-    virtual bool QuilletMode() const { return false; }
 
     RecordingHostServices& host() { return *services_; }
     MCp_Counters& counters() { return MCp_GetCounters(); }

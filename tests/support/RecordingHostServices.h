@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
@@ -32,10 +33,6 @@ public:
         int severity = 0;
         std::u16string text;
     };
-    struct ErrorReport {
-        std::u16string text;
-        int category = 0;
-    };
     struct LogLine {
         int level = 0;
         std::string category, text;
@@ -51,10 +48,18 @@ public:
     RecordingHostServices() : StandaloneHostServices(Config()) {}
 
     // --- scripted -----------------------------------------------------------------------------
-    int GetMemUsageLimits(uint64_t* limit, uint64_t* physical) override;
+    int GetMemUsageLimits(uint64_t* limit, uint64_t* physical) override {
+        const Limits l = Get(limits_);
+        if (limit != nullptr) *limit = l.limit;
+        if (physical != nullptr) *physical = l.physical;
+        return l.result;
+    }
     uint64_t AmountToPurge() override { return Get(amountToPurge_); }
     uint64_t AmountAvailableBeforePurge() override { return Get(amountAvailable_); }
-    void PurgeRecycledMemory() override;
+    void PurgeRecycledMemory() override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++records_.purgeRecycled;
+    }
     // Kept (HasMemoryClient), never called: memory pressure is scripted.
     void SetMemoryClient(std::function<int64_t()> usage, std::function<void()> purge) override {
         Set(hasMemoryClient_, usage || purge);
@@ -64,8 +69,22 @@ public:
     }
     bool IsHoldingNotifyLock() override { return Get(notifyHolders_).count(Me()) != 0; }
     // Runs fn at once, or queues it while deferring (see SetDeferTopLevelFunctions).
-    void ExecuteTopLevelFunction(const std::function<void()>& fn) override;
-    int GetComputerName(char* buf, size_t size) override;
+    void ExecuteTopLevelFunction(const std::function<void()>& fn) override {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (deferTopLevel_) return deferredTopLevel_.push_back(fn);
+        }
+        fn();
+    }
+    int GetComputerName(char* buf, size_t size) override {
+        const std::string name = Get(computerName_);
+        if (buf == nullptr || size <= name.size()) {
+            if (buf != nullptr && size > 0) buf[0] = '\0';
+            return velacore::kStandaloneParamError;
+        }
+        std::memcpy(buf, name.c_str(), name.size() + 1);
+        return 0;
+    }
     std::string GetClientInternalVersion() override { return Get(clientVersion_); }
     bool IsBetaPrime() override { return Get(betaPrime_); }
     NX::IMediaManager* GetMediaManager() override {
@@ -79,23 +98,28 @@ public:
 
     // --- recorded -----------------------------------------------------------------------------
     void ReportFailedVerification(std::string_view message) override {
-        Append(verifications_, std::string(message));
+        Append(records_.verifications, std::string(message));
     }
     void ReportErrString(uint32_t base, int severity, std::u16string_view text) override {
-        Append(errStrings_, ErrString{base, severity, std::u16string(text)});
+        Append(records_.errStrings, ErrString{base, severity, std::u16string(text)});
     }
-    void ReportError(std::u16string_view text, int category) override {
-        Append(errors_, ErrorReport{std::u16string(text), category});
+    void ReportError(std::u16string_view text, int) override {
+        Append(records_.errors, std::u16string(text));
     }
     void Log(int level, std::string_view category, std::string_view,
              std::string_view text) override {
-        Append(logLines_, LogLine{level, std::string(category), std::string(text)});
+        Append(records_.logLines, LogLine{level, std::string(category), std::string(text)});
     }
     // Records every line, enabled or not (callers are expected to ask first).
     void Trace(std::string_view channel, int level, std::string_view text) override {
-        Append(traceLines_, TraceLine{std::string(channel), level, std::string(text)});
+        Append(records_.traceLines, TraceLine{std::string(channel), level, std::string(text)});
     }
-    void RecordProfile(std::string_view label, int64_t nanos) override;
+    void RecordProfile(std::string_view label, int64_t nanos) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto& totals = records_.profiles[std::string(label)];
+        totals.first += 1;
+        totals.second += nanos;
+    }
 
     // --- scripting ----------------------------------------------------------------------------
     void SetAmountToPurge(uint64_t bytes) { Set(amountToPurge_, bytes); }
@@ -104,17 +128,28 @@ public:
     void SetMemUsageLimits(uint64_t limit, uint64_t physical, int result = 0) {
         Set(limits_, Limits{limit, physical, result});
     }
-    uint64_t PurgeRecycledCount() const { return Get(purgeRecycled_); }
+    uint64_t PurgeRecycledCount() const { return Get(records_).purgeRecycled; }
     bool HasMemoryClient() const { return Get(hasMemoryClient_); }
     // While deferring, top-level functions wait until RunDeferredTopLevelFunctions (on the
     // calling thread) runs the ones queued so far and returns how many.
     void SetDeferTopLevelFunctions(bool defer) { Set(deferTopLevel_, defer); }
-    size_t RunDeferredTopLevelFunctions();
-    size_t DeferredTopLevelFunctionCount() const { return Get(deferredTopLevel_).size(); }
+    size_t RunDeferredTopLevelFunctions() {
+        std::vector<std::function<void()>> tasks;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            tasks.swap(deferredTopLevel_);
+        }
+        for (const auto& task : tasks) task();
+        return tasks.size();
+    }
     // Forces IsOnMainThread for every thread (true or false); nullopt restores the answer.
     void SetEveryThreadMain(std::optional<bool> answer) { Set(everyThreadMain_, answer); }
     // Whether the calling thread holds the notification lock.
-    void SetHoldingNotifyLock(bool holding);
+    void SetHoldingNotifyLock(bool holding) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (holding) notifyHolders_.insert(Me());
+        if (!holding) notifyHolders_.erase(Me());
+    }
     void SetComputerName(std::string name) { Set(computerName_, std::move(name)); }
     void SetClientVersion(std::string version) { Set(clientVersion_, std::move(version)); }
     void SetBetaPrime(bool beta) { Set(betaPrime_, beta); }
@@ -127,22 +162,33 @@ public:
     }
 
     // --- records ------------------------------------------------------------------------------
-    std::vector<std::string> FailedVerifications() const { return Get(verifications_); }
-    std::vector<ErrString> ErrStrings() const { return Get(errStrings_); }
-    std::vector<ErrorReport> Errors() const { return Get(errors_); }
-    std::vector<LogLine> LogLines() const { return Get(logLines_); }
-    std::vector<TraceLine> TraceLines(std::string_view channel) const;
+    std::vector<std::string> FailedVerifications() const { return Get(records_).verifications; }
+    std::vector<ErrString> ErrStrings() const { return Get(records_).errStrings; }
+    std::vector<std::u16string> Errors() const { return Get(records_).errors; }
+    std::vector<LogLine> LogLines() const { return Get(records_).logLines; }
+    std::vector<TraceLine> TraceLines(std::string_view channel) const {
+        std::vector<TraceLine> out;
+        for (const auto& line : Get(records_).traceLines)
+            if (line.channel == channel) out.push_back(line);
+        return out;
+    }
     // Totals per profiling label: (count, total nanoseconds).
-    std::map<std::string, std::pair<uint64_t, int64_t>> Profiles() const { return Get(profiles_); }
+    std::map<std::string, std::pair<uint64_t, int64_t>> Profiles() const {
+        return Get(records_).profiles;
+    }
     // Forgets every record above (not the settings).
-    void ClearRecords();
+    void ClearRecords() { Set(records_, Records{}); }
 
 private:
     struct Limits {
         uint64_t limit = uint64_t{1} << 30, physical = uint64_t{4} << 30;
         int result = 0;
     };
-    static velacore::StandaloneConfig Config();
+    static velacore::StandaloneConfig Config() {
+        velacore::StandaloneConfig config;
+        config.memoryBudget = config.mediaBudget = uint64_t{1} << 30;
+        return config;
+    }
     static std::thread::id Me() { return std::this_thread::get_id(); }
     template <class T>
     T Get(const T& field) const {
@@ -160,17 +206,23 @@ private:
         records.push_back(std::forward<V>(record));
     }
 
+    // Everything ClearRecords forgets.
+    struct Records {
+        uint64_t purgeRecycled = 0;
+        std::vector<std::string> verifications;
+        std::vector<ErrString> errStrings;
+        std::vector<std::u16string> errors;
+        std::vector<LogLine> logLines;
+        std::vector<TraceLine> traceLines;
+        std::map<std::string, std::pair<uint64_t, int64_t>> profiles;
+    };
+
     mutable std::mutex mutex_;
-    uint64_t amountToPurge_ = 0, amountAvailable_ = 0, purgeRecycled_ = 0;
+    Records records_;
+    uint64_t amountToPurge_ = 0, amountAvailable_ = 0;
     Limits limits_;
     bool hasMemoryClient_ = false, deferTopLevel_ = false, betaPrime_ = false;
     bool failAllocations_ = false;
-    std::vector<std::string> verifications_;
-    std::vector<ErrString> errStrings_;
-    std::vector<ErrorReport> errors_;
-    std::vector<LogLine> logLines_;
-    std::vector<TraceLine> traceLines_;
-    std::map<std::string, std::pair<uint64_t, int64_t>> profiles_;
     std::vector<std::function<void()>> deferredTopLevel_;
     std::optional<bool> everyThreadMain_;
     std::set<std::thread::id> notifyHolders_;

@@ -8,9 +8,6 @@
 
 namespace mctest {
 
-std::atomic<int> TestPayload::freedBuffers{0};
-std::atomic<int> TestPayload::freedUnderCacheLock{0};
-
 std::shared_ptr<std::vector<uint8_t>> TestPayload::MakeBytes(uint32_t key, uint32_t size) {
     auto* v = new std::vector<uint8_t>(size);
     for (uint32_t i = 0; i < size; ++i) (*v)[i] = static_cast<uint8_t>((key * 131 + i) & 0xFF);
@@ -23,47 +20,6 @@ std::shared_ptr<std::vector<uint8_t>> TestPayload::MakeBytes(uint32_t key, uint3
 
 TestPayload::TestPayload(uint32_t key, uint32_t size, uint32_t variant)
     : key_(key), variant_(variant), size_(size), bytes_(size ? MakeBytes(key, size) : nullptr) {}
-
-IntrusivePtr<TestPayload> TestPayload::Request(uint32_t key, uint32_t variant) {
-    return IntrusivePtr<TestPayload>(new TestPayload(key, 0, variant));
-}
-
-bool TestPayload::IdenticalRequest(IntrusivePtr<MC_StuffData> request) const {
-    auto* r = dynamic_cast<TestPayload*>(request.get());
-    return r && r->key_ == key_ && r->variant_ == variant_;
-}
-
-bool TestPayload::CanSatisfyRequest(IntrusivePtr<MC_StuffData> request) const {
-    auto* r = dynamic_cast<TestPayload*>(request.get());
-    return r && r->key_ == key_ && variant_ >= r->variant_;
-}
-
-uint32_t TestPayload::GetApproximateMemorySize() const {
-    return IsInMemory() ? size_.load() : 0;
-}
-
-bool TestPayload::IsInMemory() const {
-    return std::atomic_load(&bytes_) != nullptr;
-}
-
-bool TestPayload::PurgeIfPossible(MC_ReleaseList* deferredFrees) {
-    std::shared_ptr<std::vector<uint8_t>> bytes = std::atomic_exchange(&bytes_, {});
-    if (!bytes) return false;
-    purges_.fetch_add(1);
-    if (deferredFrees) deferredFrees->push_back(std::move(bytes));
-    return true;
-}
-
-void TestPayload::Resize(uint32_t size) {
-    size_.store(size);
-    std::atomic_store(&bytes_, MakeBytes(key_, size));
-}
-
-void TestPayload::GetHeader(std::vector<uint8_t>& header) const {
-    header.resize(8);
-    std::memcpy(header.data(), &key_, 4);
-    std::memcpy(header.data() + 4, &variant_, 4);
-}
 
 double TestPayload::Write(velacore::OByteStream& out) const {
     std::shared_ptr<std::vector<uint8_t>> bytes = Bytes();

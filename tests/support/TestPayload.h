@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -21,17 +22,35 @@ public:
     // A resident payload of `size` bytes.
     TestPayload(uint32_t key, uint32_t size, uint32_t variant = 0);
     // A request: describes (key, variant), holds nothing.
-    static IntrusivePtr<TestPayload> Request(uint32_t key, uint32_t variant = 0);
+    static IntrusivePtr<TestPayload> Request(uint32_t key, uint32_t variant = 0) {
+        return IntrusivePtr<TestPayload>(new TestPayload(key, 0, variant));
+    }
 
-    bool IdenticalRequest(IntrusivePtr<MC_StuffData> request) const override;
-    bool CanSatisfyRequest(IntrusivePtr<MC_StuffData> request) const override;
-    uint32_t GetApproximateMemorySize() const override;
-    bool PurgeIfPossible(MC_ReleaseList* deferredFrees) override;
-    bool IsInMemory() const override;
+    bool IdenticalRequest(IntrusivePtr<MC_StuffData> request) const override {
+        auto* r = dynamic_cast<TestPayload*>(request.get());
+        return r && r->key_ == key_ && r->variant_ == variant_;
+    }
+    bool CanSatisfyRequest(IntrusivePtr<MC_StuffData> request) const override {
+        auto* r = dynamic_cast<TestPayload*>(request.get());
+        return r && r->key_ == key_ && variant_ >= r->variant_;
+    }
+    uint32_t GetApproximateMemorySize() const override { return IsInMemory() ? size_.load() : 0; }
+    bool PurgeIfPossible(MC_ReleaseList* deferredFrees) override {
+        std::shared_ptr<std::vector<uint8_t>> bytes = std::atomic_exchange(&bytes_, {});
+        if (!bytes) return false;
+        purges_.fetch_add(1);
+        if (deferredFrees) deferredFrees->push_back(std::move(bytes));
+        return true;
+    }
+    bool IsInMemory() const override { return std::atomic_load(&bytes_) != nullptr; }
     bool ShouldAllowPurge() const override { return allowPurge_.load(); }
     bool CanDiskCache() const override { return diskCacheable_.load(); }
     const char* GetSubclassMatchname() const override { return kMatchname; }
-    void GetHeader(std::vector<uint8_t>& header) const override;
+    void GetHeader(std::vector<uint8_t>& header) const override {
+        header.resize(8);
+        std::memcpy(header.data(), &key_, 4);
+        std::memcpy(header.data() + 4, &variant_, 4);
+    }
     double Write(velacore::OByteStream& out) const override;
     double Read(velacore::IByteStream& in, velacore::MultiTenantRecursiveMutex& itemLock) override;
 
@@ -43,13 +62,16 @@ public:
     void SetReadFailure(bool fail) { failRead_.store(fail); }
     int Purges() const { return purges_.load(); }
     // Replaces the size (the payload stays resident).
-    void Resize(uint32_t size);
+    void Resize(uint32_t size) {
+        size_.store(size);
+        std::atomic_store(&bytes_, MakeBytes(key_, size));
+    }
     // The bytes, or null when purged.
     std::shared_ptr<std::vector<uint8_t>> Bytes() const { return std::atomic_load(&bytes_); }
 
     // Process-wide tallies of freed payload buffers and of those freed under the cache lock.
-    static std::atomic<int> freedBuffers;
-    static std::atomic<int> freedUnderCacheLock;
+    static inline std::atomic<int> freedBuffers{0};
+    static inline std::atomic<int> freedUnderCacheLock{0};
     // Builds a TestPayload from a header (the disk-cache factory).
     static void RegisterFactory();
 
