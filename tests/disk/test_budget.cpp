@@ -7,8 +7,8 @@
 #include <functional>
 #include <limits>
 
+#include "DiskFixture.h"
 #include "support/ModuleAccess.h"
-#include "test_writer_fixture.h"
 
 using namespace diskbtest;
 namespace fs = std::filesystem;
@@ -127,8 +127,10 @@ TEST_F(DiskBudget, AcrossVersionsSizeAndPurge) {
     const fs::path product = root_.Path() / "Ostrel" / "Tessaline" / "0.9";
     const fs::path old = product / "Disk Cache - diskb-host.noindex" / "AB" / "x.zkcache";
     const fs::path foreign = product / "Disk Cache - elsewhere.noindex" / "z.zkcache";
-    PutFile(old, 1000);
-    PutFile(foreign, 5000);
+    for (const auto& [path, size] : {std::pair{old, 1000}, std::pair{foreign, 5000}}) {
+        fs::create_directories(path.parent_path());
+        mctest::WriteWholeFile(path, std::vector<uint8_t>(size));
+    }
     unsigned folders = 0, done = 0, total = 2;
     EXPECT_EQ(bag_->FindDiskCacheSizeAcrossVersions(folders), 4 * kFileUnit + 1000);
     EXPECT_EQ(folders, 2u);

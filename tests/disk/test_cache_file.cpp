@@ -2,13 +2,13 @@
 // (whole buffers, padding, failures).
 #include <gtest/gtest.h>
 
+#include "DiskFixture.h"
 #include "disk/CacheFile.h"
 #include "lifecycle/Messages.h"
 #include "mc/host/BinaryText.h"
 #include "mc/host/Errors.h"
 #include "mc/host/TextConvert.h"
 #include "support/FaultInjectingFileSystem.h"
-#include "test_writer_fixture.h"
 
 namespace {
 

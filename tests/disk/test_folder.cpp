@@ -1,15 +1,12 @@
 // The disk-cache folder: layout and its alerts, and the scan.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 #include <map>
-#include <set>
 
+#include "DiskFixture.h"
 #include "lifecycle/Messages.h"
 #include "mc/host/Errors.h"
-#include "mc/host/TextConvert.h"
-#include "test_writer_fixture.h"
 
 namespace {
 
@@ -17,9 +14,6 @@ using namespace diskbtest;
 using velacore::Dir;
 using velacore::File;
 namespace fs = std::filesystem;
-
-constexpr unsigned kApp = 256;  // the fixture's application version
-using Alerts = std::vector<std::pair<int, std::u16string>>;
 
 const std::u16string kNonexistentAlert =
     u"Disk Cache folder doesn't exist (or isn't a directory), so it will be reset to the system "
@@ -32,48 +26,24 @@ const std::u16string kCantWriteAlert =
 class Layout : public DiskCacheTest {
 protected:
     bool WithFolder() const override { return false; }
-    fs::path Expected(const fs::path& root, const char* machine = "diskb-host",
-                      const char* product = "Tessaline") const {
-        return root / "Ostrel" / product / "1.0" /
+    fs::path Expected(const char* machine = "diskb-host", const char* product = "Tessaline") {
+        return root_.Path() / "Ostrel" / product / "1.0" /
                (std::string("Disk Cache - ") + machine + ".noindex");
-    }
-    // Calls SetDiskCacheInfo and returns the int it threw (0 when it did not throw).
-    int SetInfo(const Dir& root, uint64_t megabytes) {
-        try {
-            bag_->SetDiskCacheInfo(root, megabytes);
-            return 0;
-        } catch (int code) {
-            return code;
-        }
-    }
-    // Alerts recorded since the last call, as (category, text).
-    Alerts TakeAlerts() {
-        Alerts alerts;
-        for (const auto& e : host().ErrStrings()) {
-            EXPECT_EQ(e.base, 0x3A0000u);
-            alerts.emplace_back(e.severity, e.text);
-        }
-        host().ClearRecords();
-        return alerts;
     }
 };
 
 TEST_F(Layout, FolderNameTable) {
-    std::u16string pieces = u"/Ostrel/Tessaline/1.0";
-    std::replace(pieces.begin(), pieces.end(), u'/',
-                 static_cast<char16_t>(fs::path::preferred_separator));
-    EXPECT_EQ(MC_OstrelZKDirs() + MC_ZKVersDir(u"1.0"), pieces);
     struct Row {
         const char* computerName;
         bool beta;
         fs::path expected;
     };
     const Row rows[] = {
-        {"diskb-host", false, Expected(root_.Path())},
-        {"diskb-host", true, Expected(root_.Path(), "diskb-host", "Tessaline (Beta)")},
-        {"", false, Expected(root_.Path(), "This Computer")},
-        {"a/b\\c:d*e?f\"g<h>i|j\tk", false, Expected(root_.Path(), "a-b-c-d-e-f-g-h-i-j-k")},
-        {"caf\xC3\xA9", false, Expected(root_.Path(), "caf\xC3\xA9")},  // UTF-8 survives
+        {"diskb-host", false, Expected()},
+        {"diskb-host", true, Expected("diskb-host", "Tessaline (Beta)")},
+        {"", false, Expected("This Computer")},
+        {"a/b\\c:d*e?f\"g<h>i|j\tk", false, Expected("a-b-c-d-e-f-g-h-i-j-k")},
+        {"caf\xC3\xA9", false, Expected("caf\xC3\xA9")},  // UTF-8 survives
     };
     for (const Row& t : rows) {
         SCOPED_TRACE(t.expected.string());
@@ -89,34 +59,33 @@ TEST_F(Layout, FolderNameTable) {
 // Every way the folder can be unusable: the error, the alert (none off the main thread), and
 // nothing stored.
 TEST_F(Layout, UnusableFolderTable) {
-    const Alerts none, nonexistent{{8, kNonexistentAlert}}, cantWrite{{8, kCantWriteAlert}};
-    const fs::path machine = Expected(root_.Path());
+    const fs::path machine = Expected();
     struct Row {
         const char* what;
         std::function<void(mctest::FaultInjectingFileSystem&)> arrange;
         bool mainThread;
-        Alerts alert;
+        const std::u16string* alert;
         const char16_t* root;  // under root_, empty for root_ itself
     };
     const Row rows[] = {
         {"root is a file", [&](auto&) { mctest::WriteWholeFile(root_ / "file", "x"); }, true,
-         nonexistent, u"file"},
-        {"missing root off the main thread", [](auto&) {}, false, none, u"missing"},
+         &kNonexistentAlert, u"file"},
+        {"missing root off the main thread", [](auto&) {}, false, nullptr, u"missing"},
         {"version folder cannot be made",
          [](auto& f) { f.FailFrom(mctest::FsOp::kCreateDirectory, 1, mctest::Fault::kIoError); },
-         true, cantWrite, u""},
+         true, &kCantWriteAlert, u""},
         {"machine folder cannot be made",
          [&](auto& f) {
              fs::create_directories(machine.parent_path());
              f.FailFrom(mctest::FsOp::kCreateDirectory, 1, mctest::Fault::kNoSpace);
          },
-         true, cantWrite, u""},
+         true, &kCantWriteAlert, u""},
         {"machine folder name taken by a file",
          [&](auto&) {
              fs::create_directories(machine.parent_path());
              mctest::WriteWholeFile(machine, "x");
          },
-         true, cantWrite, u""},
+         true, &kCantWriteAlert, u""},
     };
     for (const Row& t : rows) {
         SCOPED_TRACE(t.what);
@@ -125,14 +94,30 @@ TEST_F(Layout, UnusableFolderTable) {
         mctest::ScopedFileSystem scoped(faults);
         t.arrange(*faults);
         host().SetEveryThreadMain(t.mainThread);
-        EXPECT_EQ(SetInfo(*t.root ? root_.AsDir().GetSubdir(t.root) : root_.AsDir(), 1),
-                  MCp_Err_DiskFolder);
+        int code = 0;
+        try {
+            bag_->SetDiskCacheInfo(*t.root ? root_.AsDir().GetSubdir(t.root) : root_.AsDir(), 1);
+        } catch (int thrown) {
+            code = thrown;
+        }
+        EXPECT_EQ(code, MCp_Err_DiskFolder);
         host().SetEveryThreadMain(std::nullopt);
-        EXPECT_EQ(TakeAlerts(), t.alert);
+        const auto alerts = host().ErrStrings();
+        EXPECT_EQ(alerts.size(), t.alert ? 1u : 0u);
+        for (const auto& e : alerts)
+            EXPECT_TRUE(e.base == 0x3A0000u && e.severity == 8 && e.text == *t.alert);
+        host().ClearRecords();
         EXPECT_TRUE(bag_->GetDiskCacheDirSpec().IsEmpty());
         EXPECT_EQ(bag_->GetCurrentMaxDiskCacheSize(), 0u);
         EXPECT_FALSE(fs::is_directory(machine));
     }
+}
+
+// Writes `bytes` under an arbitrary name in `dir` (created if needed).
+File WriteRawFile(const Dir& dir, const std::u16string& name) {
+    velacore::EnsureDirectoryExists(dir);
+    mctest::WriteWholeFile(dir.GetFile(name).GetFullPath(), "raw");
+    return dir.GetFile(name);
 }
 
 class Scan : public DiskCacheTest {
@@ -181,7 +166,7 @@ TEST_F(Scan, MixedFolderScannedTwiceAdoptsEachValidFileOnce) {
     };
     expectedBytes_ += 3;  // the young writer's temporary counts against the budget
     const std::u16string unknownName =
-        MCp_CacheFile::BuildName(mctest::KeyGuid(30), "NoSuchClass", kApp, PayloadHeader(30, 0));
+        MCp_CacheFile::BuildName(mctest::KeyGuid(30), "NoSuchClass", kApp, {1, 2, 3});
     MCp_CacheFile::EnsureSubfolder(cache, unknownName);
     const File unknown =
         WriteRawFile(MCp_CacheFile::FileFor(cache, unknownName).GetParent(), unknownName);

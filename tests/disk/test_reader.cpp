@@ -3,10 +3,10 @@
 
 #include <functional>
 
+#include "DiskFixture.h"
 #include "mc/MCp_ScLock.h"
 #include "mc/host/Errors.h"
 #include "mc/host/Signal.h"
-#include "test_writer_fixture.h"
 
 using namespace diskbtest;
 namespace fs = std::filesystem;
@@ -60,25 +60,27 @@ protected:
 TEST_F(ReadBack, RenderCheckInPurgeAndCheckOutAgainFromDisk) {
     constexpr uint32_t kKey = 5, kSize = 300000;
     IntrusivePtr<MC_Stuff> item;
+    ProbePayload* payload = nullptr;
     {
         MC_ScCheckout render;
         ASSERT_EQ(render.FindAndCheckout(mctest::MakeRequest(kKey), MC_CheckoutFlag_CreatePending),
                   MC_CheckoutResult_CreatedNewPending);
         item = render.GetStuffPtr();
-        auto* payload = new TestPayload(kKey, kSize);
+        payload = new ProbePayload(kKey, kSize);
         payload->SetDiskCacheable(true);
         payload->SetCachePriority(MC_CachePriority_Normal);
         item->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(payload), 2.0);
         render.Checkin(0, 2.0);
     }
-    ASSERT_TRUE(DrainWriter());
+    ASSERT_TRUE(mctest::DrainDiskWriter());
     ASSERT_TRUE(item->IsOnDisk());
     const uint64_t fileSize = item->GetDiskCacheFile().Size();
     bag_->PurgeAllMemoryCaches();
     EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 0);
     item->SetComputeTime(0.0);  // the file's header brings the real figure back
 
-    // Six readers at once: one of them reads the file, once, and the change is signalled once.
+    // Six readers at once: one of them reads the file, once, outside the cache lock, and the
+    // change is signalled once.
     std::atomic<int> good{0}, changes{0};
     velacore::SignalConnection connection = item->GetMemDiskChangedSignal().connect(
         [&](bool inMemory, bool onDisk) { changes += inMemory && onDisk ? 1 : 100; });
@@ -93,6 +95,8 @@ TEST_F(ReadBack, RenderCheckInPurgeAndCheckOutAgainFromDisk) {
         });
     for (auto& t : readers) t.join();
     EXPECT_EQ(good.load(), 6);
+    EXPECT_EQ(payload->reads.load(), 1);
+    EXPECT_FALSE(payload->underLock.load());  // nor was it written under the lock
     EXPECT_EQ(changes.load(), 1);
     EXPECT_DOUBLE_EQ(item->GetComputeTime(), 2.0);
     EXPECT_EQ(counters().bytesRead.load() - readBefore, fileSize);
@@ -118,7 +122,8 @@ TEST_F(ReadBack, AnItemOnDiskOnlySurvivesANewcomerWithItsGuid) {
 // A writeable check-out reads a purged item back only once it has the item to itself: refused
 // while another holds it, it leaves payload and totals alone; a read that fails gives it back.
 TEST_F(ReadBack, WriteableCheckOutReadsBackOnlyWhenItGetsTheItem) {
-    IntrusivePtr<MC_Stuff> item = OnDiskOnly(NewItem(7, 4000));
+    auto* payload = new ProbePayload(7, 4000);
+    IntrusivePtr<MC_Stuff> item = OnDiskOnly(NewItem(7, 4000, MC_CachePriority_Never, 1, payload));
     ASSERT_EQ(item->Checkout(MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_NoDiskRead),
               MC_CheckoutResult_CheckedOut);
     EXPECT_EQ(item->Checkout(0), MC_CheckoutResult_Failed);
@@ -127,34 +132,15 @@ TEST_F(ReadBack, WriteableCheckOutReadsBackOnlyWhenItGetsTheItem) {
     item->Checkin(MC_CheckinFlag_DontUpdateLastUsed, 0.0);
     ASSERT_EQ(item->Checkout(0), MC_CheckoutResult_CheckedOut);
     EXPECT_TRUE(HasKeyPattern(item, 7, 4000));
+    EXPECT_FALSE(payload->underLock.load());
     item->Checkin(0, 0.0);
 
     item->FreeUpAsMuchAsPossible(true, nullptr);
-    dynamic_cast<TestPayload&>(*item->GetDataPtr()).SetReadFailure(true);
+    payload->SetReadFailure(true);
     EXPECT_EQ(item->Checkout(0), MC_CheckoutResult_Failed);
     EXPECT_EQ(item->GetCheckoutCount(), 0u);
     EXPECT_FALSE(item->IsCheckedOutWriteable());
     EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);  // back in its directory
-}
-
-// Read-only, writeable through the finder, and writeable directly: the file is read each time,
-// never under the cache lock.
-TEST_F(ReadBack, NoFileIsReadOrWrittenUnderTheCacheLock) {
-    auto* payload = new ProbePayload(9, 3000);
-    IntrusivePtr<MC_Stuff> item = InBag(NewItem(9, 3000, MC_CachePriority_Normal, 2.0, payload));
-    item->MaybeWriteToDisk();
-    ASSERT_TRUE(DrainWriter() && item->IsOnDisk());
-    for (const int flags : {int{MC_CheckoutFlag_ReadOnly}, 0, -1}) {
-        item->FreeUpAsMuchAsPossible(true, nullptr);
-        MC_ScCheckout receipt;
-        ASSERT_EQ(
-            flags >= 0 ? receipt.FindAndCheckout(mctest::MakeRequest(9), flags) : item->Checkout(0),
-            MC_CheckoutResult_CheckedOut);
-        EXPECT_TRUE(HasKeyPattern(item, 9, 3000));
-        if (flags < 0) item->Checkin(0, 0.0);
-    }
-    EXPECT_EQ(payload->reads.load(), 3);
-    EXPECT_FALSE(payload->underLock.load());
 }
 
 // Every kind of bad file, through each way in (the finder, which then renders anew; a direct

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "test_writer_fixture.h"
+#include "DiskFixture.h"
 
 using namespace diskbtest;
 
@@ -108,7 +108,7 @@ TEST_F(Soak, ConcurrentUseNeverServesWrongBytesAndKeepsTotalsRight) {
         threads.emplace_back(guarded, [this, t, end] { Worker(t + 1, end); });
     threads.emplace_back(guarded, [this, end] { Maintenance(end); });
     for (auto& t : threads) t.join();
-    ASSERT_TRUE(DrainWriter());
+    ASSERT_TRUE(mctest::DrainDiskWriter());
 
     EXPECT_GT(g_looks.load(), 100);
     // A wrong or torn file fails its read; only a file deleted under its reader may.

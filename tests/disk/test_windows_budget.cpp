@@ -6,9 +6,9 @@
 #include <limits>
 #include <vector>
 
+#include "DiskFixture.h"
 #include "host/windows/Win32.h"
 #include "support/ModuleAccess.h"
-#include "test_writer_fixture.h"
 
 using namespace diskbtest;
 
