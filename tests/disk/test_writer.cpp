@@ -1,5 +1,6 @@
-// The disk writer: the write decision, the queue and its two threads, one-file writes and their
-// failures, and two caches racing in one folder.
+// The disk writer: the write decision, the speed statistics and busy time it learns from, the
+// queue and its two threads, failed writes, and two caches racing in one folder.
+// Speed samples carry injected time stamps (nanosecond ticks).
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -8,7 +9,6 @@
 #include <thread>
 
 #include "DiskFixture.h"
-#include "mc/host/Signal.h"
 
 using namespace diskbtest;
 using mctest::Fault;
@@ -17,34 +17,9 @@ using mctest::FsOp;
 namespace {
 
 constexpr uint32_t kMiB = 1u << 20;
-
-// Claims a size without allocating it (100 MiB rows).
-class SizedPayload : public MC_StuffData {
-public:
-    SizedPayload(uint32_t size, MC_CachePriority priority) : size_(size) {
-        SetCachePriority(priority);
-    }
-    uint32_t GetApproximateMemorySize() const override { return size_; }
-    bool PurgeIfPossible(MC_ReleaseList*) override { return false; }
-    bool IsInMemory() const override { return true; }
-    bool CanDiskCache() const override { return true; }
-
-private:
-    uint32_t size_;
-};
-
-struct Decision {
-    bool worth, can, queueFull, low;
-};
-
-// Poisons every output first: the decision must set each one.
-Decision Decide(MC_StuffData* data, double computeTime) {
-    IntrusivePtr<MC_Stuff> stuff =
-        data ? MC_Stuff::CreateNew(IntrusivePtr<MC_StuffData>(data), 1.0) : new MC_Stuff();
-    Decision d{false, true, true, true};
-    d.worth = stuff->WorthWritingToDiskCache(computeTime, &d.can, &d.queueFull, &d.low);
-    return d;
-}
+constexpr double kInitial = MCp_DiskSpeedStat::kInitialAverage;
+constexpr uint64_t kSecond = 1'000'000'000;
+constexpr uint64_t kStart = 1000 * kSecond;
 
 using WriteDecision = DiskCacheTest;
 
@@ -54,7 +29,8 @@ const MC_CachePriority kHigh = MC_CachePriority_High;
 const MC_CachePriority kFive = static_cast<MC_CachePriority>(5);
 
 // One decision: `size` bytes of `priority` computed in `computeTime` s, `queued` entries in the
-// queue, a proclivity multiplier and a measured read average (0: the initial 512 MiB/s).
+// queue, a proclivity multiplier and a measured read average (0: the initial 512 MiB/s, 20 ms
+// for 10 MiB).
 TEST_F(WriteDecision, Table) {
     struct Row {
         const char* what;
@@ -66,26 +42,26 @@ TEST_F(WriteDecision, Table) {
         bool worth, queueFull, low;
     };
     const Row rows[] = {
-        {"100 MiB in 1 s", 100 * kMiB, kNormal, 1.0, 0, 1.0, 0, true, false, false},
-        // 150 queued: 32 MiB/s, 3.1 s to read back.
-        {"150 queued", 100 * kMiB, kNormal, 1.0, 150, 1.0, 0, false, true, false},
+        {"10 MiB in 0.1 s", 10 * kMiB, kNormal, 0.1, 0, 1.0, 0, true, false, false},
+        // 150 queued: 32 MiB/s, 0.31 s to read back.
+        {"150 queued", 10 * kMiB, kNormal, 0.1, 150, 1.0, 0, false, true, false},
         {"below the 1 ms floor", 1, kNormal, 0.0005, 0, 1.0, 0, false, false, false},
         // At the floor reading back is as fast as recomputing: not better, not written.
         {"exactly the 1 ms floor", 1, kNormal, 0.001, 0, 1.0, 0, false, false, false},
         {"above the 1 ms floor", 1, kNormal, 0.002, 0, 1.0, 0, true, false, false},
-        {"never", 100 * kMiB, MC_CachePriority_Never, 100.0, 0, 1.0, 0, false, false, false},
+        {"never", 10 * kMiB, MC_CachePriority_Never, 10.0, 0, 1.0, 0, false, false, false},
         // High skips the speed test while there is room.
-        {"high, 199 queued", 100 * kMiB, kHigh, 0.0, 199, 1.0, 0, true, false, false},
-        {"high, queue full", 100 * kMiB, kHigh, 100.0, 200, 1.0, 0, false, true, false},
-        {"priority 5 as normal", 100 * kMiB, kFive, 1.0, 0, 1.0, 0, true, false, false},
-        {"priority 5, too fast", 100 * kMiB, kFive, 0.1, 0, 1.0, 0, false, false, false},
-        // Low halves the read speed: 0.39 s against 0.3 s.
-        {"normal, 0.3 s", 100 * kMiB, kNormal, 0.3, 0, 1.0, 0, true, false, false},
-        {"low, 0.3 s", 100 * kMiB, kLow, 0.3, 0, 1.0, 0, false, false, true},
-        {"proclivity 4", 100 * kMiB, kNormal, 0.5, 0, 4.0, 0, false, false, false},  // 0.78 s
-        // A measured 50 MiB/s: 2 s for 100 MiB.
-        {"measured, 1 s", 100 * kMiB, kNormal, 1.0, 0, 1.0, 50.0 * kMiB, false, false, false},
-        {"measured, 3 s", 100 * kMiB, kNormal, 3.0, 0, 1.0, 50.0 * kMiB, true, false, false},
+        {"high, 199 queued", 10 * kMiB, kHigh, 0.0, 199, 1.0, 0, true, false, false},
+        {"high, queue full", 10 * kMiB, kHigh, 10.0, 200, 1.0, 0, false, true, false},
+        {"priority 5 as normal", 10 * kMiB, kFive, 0.1, 0, 1.0, 0, true, false, false},
+        {"priority 5, too fast", 10 * kMiB, kFive, 0.01, 0, 1.0, 0, false, false, false},
+        // Low halves the read speed: 0.039 s against 0.03 s.
+        {"normal, 0.03 s", 10 * kMiB, kNormal, 0.03, 0, 1.0, 0, true, false, false},
+        {"low, 0.03 s", 10 * kMiB, kLow, 0.03, 0, 1.0, 0, false, false, true},
+        {"proclivity 4", 10 * kMiB, kNormal, 0.05, 0, 4.0, 0, false, false, false},  // 0.078 s
+        // A measured 50 MiB/s: 0.2 s for 10 MiB.
+        {"measured, 0.1 s", 10 * kMiB, kNormal, 0.1, 0, 1.0, 50.0 * kMiB, false, false, false},
+        {"measured, 0.3 s", 10 * kMiB, kNormal, 0.3, 0, 1.0, 50.0 * kMiB, true, false, false},
     };
     MCp_DiskWriteQueue& queue = MCp_DiskWriteQueue::Get();
     for (const Row& t : rows) {
@@ -93,20 +69,76 @@ TEST_F(WriteDecision, Table) {
         queue.AdjustCountForTesting(t.queued);
         MCp_DiskFolder::SetProclivityMultiplier(t.proclivity);
         if (t.readAverage > 0) MCp_ReadSpeedStat().SetAverageForTesting(t.readAverage);
-        const Decision d = Decide(new SizedPayload(t.size, t.priority), t.computeTime);
+        bool can = true, queueFull = true, low = true;  // poisoned: the decision sets each
+        EXPECT_EQ(NewItem(1, t.size, t.priority)
+                      ->WorthWritingToDiskCache(t.computeTime, &can, &queueFull, &low),
+                  t.worth);
         queue.AdjustCountForTesting(-t.queued);
         MCp_ReadSpeedStat().Reset();
-        EXPECT_EQ(d.worth, t.worth);
-        EXPECT_EQ(d.can, t.priority != MC_CachePriority_Never);
-        EXPECT_EQ(d.queueFull, t.queueFull);
-        EXPECT_EQ(d.low, t.low);
+        EXPECT_EQ(can, t.priority != MC_CachePriority_Never);
+        EXPECT_EQ(queueFull, t.queueFull);
+        EXPECT_EQ(low, t.low);
     }
     MCp_DiskFolder::SetProclivityMultiplier(MCp_DiskFolder::kDefaultProclivityMultiplier);
-    EXPECT_FALSE(Decide(nullptr, 10.0).can);  // no data yet
+    bool can = true, queueFull, low;
+    IntrusivePtr<MC_Stuff>(new MC_Stuff())->WorthWritingToDiskCache(10, &can, &queueFull, &low);
+    EXPECT_FALSE(can);  // no data yet
     queue.AdjustCountForTesting(100);
     EXPECT_DOUBLE_EQ(bag_->GetDiskWriteQueueSizePercentFull(), 0.5);
     EXPECT_DOUBLE_EQ(bag_->GetAdjustedWriteTimePercent(10.0, 0.4), 2.0);  // fuller than 40 %
     queue.AdjustCountForTesting(-100);
+}
+
+// Each sample moves the average by 2 %; overlapping operations count at their combined speed,
+// separate ones on their own; speeds at or above the cap are left out, merged or not.
+TEST(SpeedStat, AverageMergingCapAndExactCountsUnderContention) {
+    MCp_DiskSpeedStat stat;
+    stat.AddSampleAt(100'000'000, 1.0, kStart);  // 1e8 B/s
+    const double first = 0.98 * kInitial + 0.02 * 1e8;
+    EXPECT_DOUBLE_EQ(stat.GetAverage(), first);
+    // 2 s long, ended 1 s after the first: 2e8 bytes in 2 s together = 1e8, not 5e7.
+    stat.AddSampleAt(100'000'000, 2.0, kStart + kSecond);
+    const double merged = 0.98 * first + 0.02 * 1e8;
+    EXPECT_DOUBLE_EQ(stat.GetAverage(), merged);
+    // 1 ms long, 10 s after the last: no overlap, it counts on its own at 1e5 B/s.
+    stat.AddSampleAt(100, 0.001, kStart + 11 * kSecond);
+    EXPECT_DOUBLE_EQ(stat.GetAverage(), 0.98 * merged + 0.02 * 1e5);
+    EXPECT_EQ(stat.GetSampleCount(), 3);
+
+    MCp_DiskFolder::SetSpeedCapBytesPerSecond(1e9);
+    stat.AddSampleAt(500'000'000, 0.5, kStart + 30 * kSecond);  // exactly the cap
+    // Overlapping the capped one: together still above the cap.
+    stat.AddSampleAt(1'000'000'000, 1.0, kStart + 30 * kSecond + kSecond / 1000);
+    EXPECT_EQ(stat.GetSampleCount(), 3);
+
+    // Overlapping samples merge into ever faster ones: without a cap, all are counted, exactly.
+    MCp_DiskFolder::SetSpeedCapBytesPerSecond(1e300);
+    constexpr int kThreads = 8, kSamples = 200000;
+    std::atomic<int> start{0};  // not std::latch: MinGW's can lose a wake-up
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&] {
+            for (start.fetch_add(1); start.load() < kThreads;) std::this_thread::yield();
+            for (int i = 0; i < kSamples; ++i) stat.AddSample(1000, 1e-6);
+        });
+    for (auto& t : threads) t.join();
+    MCp_DiskFolder::SetSpeedCapBytesPerSecond(MCp_DiskFolder::kDefaultSpeedCapBytesPerSecond);
+    EXPECT_EQ(stat.GetSampleCount(), 3 + int64_t{kThreads} * kSamples);
+}
+
+TEST(BusyTracker, ShareOfTheSpanCountsOverlapsOpenIntervalsAndForgetsOldOnes) {
+    MCp_BusyTracker tracker;
+    tracker.EndAt(tracker.BeginAt(kStart), kStart + 2 * kSecond);  // 2 s, over at +2 s
+    const uint64_t open = tracker.BeginAt(kStart + 5 * kSecond);
+    const uint64_t now = kStart + 10 * kSecond;
+    EXPECT_DOUBLE_EQ(tracker.PercentBusyAt(100.0, now), 7.0 / 100.0);      // 2 s + 5 s
+    EXPECT_DOUBLE_EQ(tracker.PercentBusyAt(9.0, now), (1.0 + 5.0) / 9.0);  // 1 s of the first
+    EXPECT_DOUBLE_EQ(tracker.PercentBusyAt(4.0, now), 1.0);  // the open one, at most the span
+    const uint64_t second = tracker.BeginAt(kStart + 6 * kSecond);  // overlapping operations
+    EXPECT_DOUBLE_EQ(tracker.PercentBusyAt(4.0, now), 2.0);
+    tracker.EndAt(open, now);
+    tracker.EndAt(second, now);
+    EXPECT_DOUBLE_EQ(tracker.PercentBusyAt(1.0, now + 3 * kSecond), 0.0);  // all over before
 }
 
 // Holds the writes of its payloads until opened; `order` has the keys of the writes started.
@@ -189,31 +221,6 @@ TEST_F(Writer, OldestTwoAtATimeAndAStopLeavesNoQueuedWrite) {
     late->MaybeWriteToDisk();  // after the stop: nothing is queued
     EXPECT_FALSE(late->WasTaggedToWriteToDisk());
     EXPECT_EQ(gate_->order.size(), 2u);
-}
-
-TEST_F(Writer, FinishedWriteAccountsThePaddedFileAndSignals) {
-    IntrusivePtr<MC_Stuff> stuff = InBag(NewItem(9, 10, MC_CachePriority_Never, 1.25));
-    stuff->SetCachedComputeTimeSavings(0.5);
-    std::vector<std::pair<bool, bool>> signals;
-    velacore::SignalConnection connection = stuff->GetMemDiskChangedSignal().connect(
-        [&](bool inMemory, bool onDisk) { signals.emplace_back(inMemory, onDisk); });
-    const uint64_t writtenBefore = counters().bytesWritten.load();
-    WriteNow(stuff);
-
-    ASSERT_TRUE(stuff->IsOnDisk());
-    const velacore::File file = stuff->GetDiskCacheFile();
-    EXPECT_EQ(file.Size(), kFileUnit);  // a 10-byte payload fills one whole buffer
-    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), static_cast<int64_t>(kFileUnit));
-    EXPECT_EQ(counters().bytesWritten.load() - writtenBefore, kFileUnit);
-    EXPECT_EQ(signals, (std::vector<std::pair<bool, bool>>{{true, true}}));
-    const std::vector<uint8_t> bytes = mctest::ReadWholeFile(file.GetFullPath());
-    const CacheFileHeader header = CacheFileHeader::Decode(bytes.data());
-    EXPECT_EQ(header.magic, kCacheFileMagic);
-    EXPECT_EQ(header.appVersion, kApp);
-    EXPECT_DOUBLE_EQ(header.computeTime, 1.25);
-    EXPECT_DOUBLE_EQ(header.savings, 0.5);
-    EXPECT_EQ(bytes[32], 10u);  // the payload's own size field follows the header
-    EXPECT_EQ(MCp_WriteSpeedStat().GetSampleCount(), 1);  // the speed model learnt from it
 }
 
 // A failure at any step of a write leaves no file, accounts nothing and claims nothing: the
