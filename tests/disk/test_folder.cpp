@@ -1,12 +1,22 @@
-// The disk-cache folder: layout and its alerts, and the scan.
+// The disk-cache folder: file names, the layout and its alerts, the scan, and the budget
+// (making room from the least recently used idle files up to the last-use limit, the budget
+// shrink, the drive-space rule, the size across versions and purging every disk cache).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <limits>
 #include <map>
 
 #include "DiskFixture.h"
 #include "lifecycle/Messages.h"
+#include "mc/host/BinaryText.h"
 #include "mc/host/Errors.h"
+#include "mc/host/TextConvert.h"
+#include "support/ModuleAccess.h"
+#ifdef _WIN32
+#include "host/windows/Win32.h"
+#endif
 
 namespace {
 
@@ -14,6 +24,63 @@ using namespace diskbtest;
 using velacore::Dir;
 using velacore::File;
 namespace fs = std::filesystem;
+
+const velacore::Guid kGuid(std::string_view("0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0"));
+
+// Built names parse back whole; the version field is base 16 and a field without digits or
+// beyond 32 bits never matches; a name not of our format throws the format code. (The scan below
+// meets other misnamed files.)
+TEST(CacheFileName, BuildAndParseTable) {
+    const std::u16string g = kGuid.AsWString();
+    // 0xFF 0xFF 0xFF encodes as "////": every slash must become '-' in the name.
+    const std::vector<uint8_t> slashes = {0xFF, 0xFF, 0xFF, 0xFB, 0xEF};
+    ASSERT_NE(velacore::EncodeBinaryDataToUTF8String(slashes).find('/'), std::string::npos);
+    const std::vector<uint8_t> h123 = {1, 2, 3};
+    struct Row {
+        std::u16string name;
+        uint32_t version;
+        int code = 0;                   // 0: parses
+        std::vector<uint8_t> header{};  // and gives this header
+        const char* built = nullptr;    // the matchname that builds `name` ("" for none)
+    };
+    const Row rows[] = {
+        {g + u".TestPayload.1A.AQID.zkcache", 0x1A, 0, h123, "TestPayload"},
+        {g + u".M.ABCDEF..zkcache", 0xABCDEF, 0, {}, "M"},
+        {g + u".M.0..zkcache", 0, 0, {}, "M"},
+        {g + u"..1A.AQID.zkcache", 26, 0, h123, ""},
+        {g + u".TestPayload.1A.----++8=.zkcache", 26, 0, slashes, "TestPayload"},
+        {g + u".M.1a.AQID.zkcache", 26, 0, h123},
+        {g + u".M.1A.AQID.anything.at.all", 26, 0, h123},
+        {g + u".M.zz.AQID.zkcache", 0, MCp_Err_AppVersion},
+        {g + u".M.-1.AQID.zkcache", 0xFFFFFFFF, MCp_Err_AppVersion},
+        {g + u".M.1000000001A.AQID.zkcache", 26, MCp_Err_AppVersion},
+        {g + u".M.1A", 26, MCp_Err_FormatVersion},
+        {g + u".M.1A.AQI.zkcache", 26, MCp_Err_FormatVersion},
+        {u".zkcache", 26, MCp_Err_FormatVersion},
+    };
+    for (const Row& t : rows) {
+        SCOPED_TRACE(velacore::ToUtf8(t.name));
+        if (t.built) {
+            EXPECT_EQ(
+                MCp_CacheFile::BuildName(kGuid, *t.built ? t.built : nullptr, t.version, t.header),
+                t.name);
+        }
+        int thrown = 0;
+        try {
+            const ParsedCacheFileName parsed =
+                MCp_CacheFile::ParseName(File(Dir(fs::path("/x")), t.name), t.version);
+            EXPECT_EQ(parsed.guid, kGuid);
+            EXPECT_EQ(parsed.appVersion, t.version);
+            EXPECT_EQ(parsed.header, t.header);
+            if (t.built) {
+                EXPECT_EQ(parsed.matchname, velacore::ToUtf16(t.built));
+            }
+        } catch (int code) {
+            thrown = code;
+        }
+        EXPECT_EQ(thrown, t.code);
+    }
+}
 
 const std::u16string kNonexistentAlert =
     u"Disk Cache folder doesn't exist (or isn't a directory), so it will be reset to the system "
@@ -222,5 +289,159 @@ TEST_F(Scan, EachVariantsFileIsAdoptedByItsOwnItemOnly) {
         EXPECT_EQ(payload.Bytes()->size(), payload.Variant() == 1 ? 16u : 100u) << variant;
     }
 }
+
+constexpr uint64_t kAnyTime = std::numeric_limits<uint64_t>::max();
+constexpr int64_t kUnit = static_cast<int64_t>(kFileUnit);
+using OnDisk = std::vector<bool>;
+
+// A budget of exactly four one-buffer files (4 x 256 KiB = 1 MiB).
+class DiskBudget : public DiskCacheTest {
+protected:
+    uint64_t BudgetMegabytes() const override { return 1; }
+
+    // Four idle items on disk, used at 1000, 2000, 3000 and 4000, oldest first in the bag.
+    void SetUp() override {
+        DiskCacheTest::SetUp();
+        for (uint32_t i = 0; i < 4; ++i) {
+            items_.push_back(NewItem(i + 1, 1000));
+            MCp_BagAccess::AddWithStamp(*bag_, items_.back(), 1000 * (i + 1));
+            WriteNow(items_.back());
+            MCp_StuffAccess::SetLastUseTime(*items_.back(), 1000 * (i + 1));
+        }
+        ASSERT_EQ(bag_->GetCurrentDiskCacheSize(), 4 * kUnit);
+    }
+    OnDisk Which() const {
+        OnDisk v;
+        for (const auto& item : items_) v.push_back(item->IsOnDisk());
+        return v;
+    }
+
+    std::vector<IntrusivePtr<MC_Stuff>> items_;
+    std::shared_ptr<MC_Stuff::DiskCacheCheckoutScoper> hold_;
+};
+
+// The walk goes in bag order, deletes idle files, skips checked-out and held ones, and ends at
+// the first idle file used at or after the limit, even ahead of older ones.
+TEST_F(DiskBudget, WalkTable) {
+    struct Row {
+        const char* what;
+        int64_t need;
+        uint64_t limit;
+        bool room;
+        OnDisk after;
+        std::function<void()> arrange = {};
+    };
+    auto usedLast = [this] { MCp_StuffAccess::SetLastUseTime(*items_[0], 5000); };
+    auto roomier = [this] { bag_->SetDiskCacheInfo(root_.AsDir(), 2); };
+    auto hold = [this] {
+        ASSERT_EQ(items_[0]->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
+        hold_ = items_[1]->CheckoutDiskCache(true);
+    };
+    const Row rows[] = {
+        {"oldest first", 2 * kUnit, kAnyTime, true, {false, false, true, true}},
+        {"stops at the limit", 3 * kUnit, 3000, false, {false, false, true, true}},
+        {"limit before every use", 3 * kUnit, 1000, false, {true, true, true, true}},
+        {"first in the bag used last", kUnit, 3000, false, {true, true, true, true}, usedLast},
+        {"checked out and held skipped", kUnit, kAnyTime, true, {true, true, false, true}, hold},
+        {"enough room", kUnit, kAnyTime, true, {true, true, true, true}, roomier},
+    };
+    for (const Row& t : rows) {
+        SCOPED_TRACE(t.what);
+        if (t.arrange) t.arrange();
+        EXPECT_EQ(bag_->EnsureDiskSpace(t.need, t.limit), t.room);
+        EXPECT_EQ(Which(), t.after);
+        const auto kept = static_cast<int64_t>(std::count(t.after.begin(), t.after.end(), true));
+        EXPECT_EQ(static_cast<int64_t>(CacheFiles().size()), kept);
+        EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), kept * kUnit);
+        for (const auto& item : items_) EXPECT_TRUE(item->IsInMemory());  // memory untouched
+        // Start the next row afresh.
+        if (items_[0]->GetCheckoutCount()) items_[0]->Checkin(MC_CheckinFlag_DontUpdateLastUsed, 0);
+        hold_.reset();
+        items_.clear();
+        TearDown();
+        fs::remove_all(root_.Path());
+        fs::create_directories(root_.Path());
+        SetUp();
+    }
+}
+
+TEST_F(DiskBudget, WritingIntoAFullBudgetEvictsOlderFilesOnlyAndAShrinkFreesTheRest) {
+    IntrusivePtr<MC_Stuff> young = NewItem(9, 1000);
+    MCp_BagAccess::AddWithStamp(*bag_, young, 2500);
+    WriteNow(young);  // room for one file: the oldest idle file goes
+    EXPECT_TRUE(young->IsOnDisk());
+    EXPECT_EQ(Which(), (OnDisk{false, true, true, true}));
+    IntrusivePtr<MC_Stuff> old = NewItem(10, 1000);
+    MCp_BagAccess::AddWithStamp(*bag_, old, 500);
+    WriteNow(old);  // older than everything on disk: nothing is evicted for it
+    EXPECT_FALSE(old->IsOnDisk());
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 4 * kUnit);
+
+    bag_->SetDiskCacheInfo(root_.AsDir(), 2);
+    bag_->SetDiskCacheInfo(root_.AsDir(), 1);
+    EXPECT_EQ(Which(), (OnDisk{false, true, true, true}));  // it still fits
+    bag_->SetDiskCacheInfo(root_.AsDir(), 0);
+    EXPECT_EQ(Which(), (OnDisk{false, false, false, false}));
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+    EXPECT_TRUE(CacheFiles().empty());
+}
+
+TEST_F(DiskBudget, DriveSpaceLimitsTheBudgetWhenTheVolumeIsShort) {
+    MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(10ull << 30);
+    fs_->freeSpace.store((10ull << 30) + 1);  // the budget is full: no room needed
+    EXPECT_FALSE(bag_->IsDiskCacheLimitedDueToDriveSpace());
+    fs_->freeSpace.store((10ull << 30) - 1);  // less than the minimum
+    EXPECT_TRUE(bag_->IsDiskCacheLimitedDueToDriveSpace());
+    MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(0);
+}
+
+// Every version's folder of this machine: its size; the purge empties the current folder (a
+// disk-only item goes, one in memory stays), other versions' only on request, never another
+// machine's.
+TEST_F(DiskBudget, AcrossVersionsSizeAndPurge) {
+    const fs::path product = root_.Path() / "Ostrel" / "Tessaline" / "0.9";
+    const fs::path old = product / "Disk Cache - diskb-host.noindex" / "AB" / "x.zkcache";
+    const fs::path foreign = product / "Disk Cache - elsewhere.noindex" / "z.zkcache";
+    for (const auto& [path, size] : {std::pair{old, 1000}, std::pair{foreign, 5000}}) {
+        fs::create_directories(path.parent_path());
+        mctest::WriteWholeFile(path, std::vector<uint8_t>(size));
+    }
+    unsigned folders = 0, done = 0, total = 2;
+    EXPECT_EQ(bag_->FindDiskCacheSizeAcrossVersions(folders), 4 * kFileUnit + 1000);
+    EXPECT_EQ(folders, 2u);
+    items_[0]->FreeUpAsMuchAsPossible(true, nullptr);
+    std::vector<unsigned> progress;
+    for (const bool others : {false, true}) {
+        done = 0;
+        bag_->PurgeAllDiskCaches([&](unsigned d, unsigned) { progress.push_back(d); }, others, done,
+                                 total);
+        EXPECT_EQ(fs::exists(old), !others);
+    }
+    EXPECT_EQ(progress, (std::vector<unsigned>{1, 1, 2}));
+    EXPECT_TRUE(fs::exists(foreign) && AllFiles().empty());
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+    EXPECT_TRUE(items_[1]->IsInMemory() && !items_[1]->IsOnDisk());
+    EXPECT_EQ(bag_->SnapshotItems().size(), 3u);
+    WriteNow(items_[2]);  // the emptied folder still works
+    EXPECT_TRUE(items_[2]->IsOnDisk());
+}
+
+#ifdef _WIN32
+// Another process keeps the cache files open without FILE_SHARE_DELETE: each delete fails, yet
+// the walk goes on and the accounting drops the files.
+TEST_F(DiskBudget, FilesHeldWithoutShareDeleteDoNotStopTheWalkOrTheAccounting) {
+    std::vector<HANDLE> held;
+    for (const fs::path& file : CacheFiles()) {
+        held.push_back(::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                     OPEN_EXISTING, 0, nullptr));
+        ASSERT_NE(held.back(), INVALID_HANDLE_VALUE);
+    }
+    EXPECT_TRUE(bag_->EnsureDiskSpace(2 * kUnit, kAnyTime));
+    for (HANDLE handle : held) ::CloseHandle(handle);
+    EXPECT_EQ(Which(), (OnDisk{false, false, true, true}));
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 2 * kUnit);
+    EXPECT_EQ(CacheFiles().size(), 4u);  // the two it could not delete stay until a rescan
+}
+#endif
 
 }  // namespace
