@@ -1,18 +1,13 @@
 // The disk-cache folder as hostile ground. Whatever is planted beside one valid cache file (links
-// out of the folder, link loops, a folder that cannot be listed, FIFOs named like cache files,
-// writers' leftovers), the scan adopts exactly the valid file and never blocks, the budget
+// out of the folder, link loops, a folder that cannot be listed, FIFOs named like cache files),
+// the scan adopts exactly the valid file and never blocks, the budget
 // counts exactly what the folder holds, read-back opens only regular files, and neither the
 // scan, the read-back, the budget purge nor the purge of every version's folder touches
 // anything outside the root, nor does a write through a linked sub-folder. Also: what the cache
 // creates is never group- or world-writable.
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
 #include <functional>
-#include <future>
 #include <map>
 #include <set>
 #include <string>
@@ -83,7 +78,6 @@ struct Planted {
     fs::path outside;  // beside the root: must never be touched
     fs::path valid;    // the one valid cache file
     std::set<fs::path>* denied;
-    std::vector<fs::path> fifos;
 };
 
 struct HostileCase {
@@ -126,77 +120,38 @@ const HostileCase kCases[] = {
          fs::create_directories(p.cache / "sealed");
          p.denied->insert(p.cache / "sealed");
      }},
-    {"FifoNamedLikeACacheFile",
-     [](Planted& p) {
-         const fs::path fifo = p.cache / SubOf(6) / NameOf(6);
-         Fifo(fifo);
-         p.fifos.push_back(fifo);
-     }},
+    {"FifoNamedLikeACacheFile", [](Planted& p) { Fifo(p.cache / SubOf(6) / NameOf(6)); }},
     {"FifoInPlaceOfAnAdoptedFile",
      {},
      [](Planted& p) {
          fs::remove(p.valid);
          Fifo(p.valid);
-         p.fifos.push_back(p.valid);
      },
      false},
-    {"WritersLeftovers",
-     [](Planted& p) {
-         // A crashed writer's temporary from long ago, and a young one a live writer may own.
-         const fs::path old = p.cache / SubOf(7) / (NameOf(7).string() + ".tmp");
-         const fs::path young = p.cache / SubOf(8) / (NameOf(8).string() + ".tmp");
-         mctest::WriteWholeFile((fs::create_directories(old.parent_path()), old),
-                                std::vector<uint8_t>(1000, 7));
-         mctest::WriteWholeFile((fs::create_directories(young.parent_path()), young),
-                                std::vector<uint8_t>(3000, 8));
-         fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::minutes(11));
-     }},
 };
-
-void PrintTo(const HostileCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 class HostileFolder : public DiskCacheTest, public ::testing::WithParamInterface<HostileCase> {
 protected:
-    // Runs `fn` on another thread; when it is still running after a generous while, fails and
-    // opens every planted FIFO for writing, which releases a reader stuck opening one.
-    template <typename Fn>
-    auto Bounded(Fn fn, const Planted& p) {
-        auto result = std::async(std::launch::async, fn);
-        if (result.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
-            ADD_FAILURE() << "blocked";
-            for (const fs::path& fifo : p.fifos)
-                ::close(::open(fifo.c_str(), O_WRONLY | O_NONBLOCK));
-        }
-        return result.get();
-    }
-
     mctest::TempDir outside_{"mc-outside"};
 };
 
 TEST_P(HostileFolder, OnlyTheValidFileIsAdoptedAndNothingOutsideIsTouched) {
     auto denying = std::make_shared<DeniedListingFileSystem>(fs_);
     mctest::ScopedFileSystem scopedDenying(denying);
-    Planted p{Folder().GetFullPath(), {}, outside_.Path(), {}, &denying->denied, {}};
+    Planted p{Folder().GetFullPath(), {}, outside_.Path(), {}, &denying->denied};
     p.product = p.cache.parent_path().parent_path();
     p.valid = WriteTestCacheFile(Folder(), kValidKey, 0, kApp, 100).GetFullPath();
     if (GetParam().plant) GetParam().plant(p);
     const auto outsideBefore = Snapshot(p.outside);
 
-    Bounded([&] { bag_->ScanDiskCacheDir(); }, p);
+    bag_->ScanDiskCacheDir();  // a FIFO opened blocking hangs it: the test times out
     const auto items = bag_->SnapshotItems();
     ASSERT_EQ(items.size(), 1u);
     EXPECT_EQ(items[0]->GetGuid(), mctest::KeyGuid(kValidKey));
     EXPECT_EQ(static_cast<uint64_t>(bag_->GetCurrentDiskCacheSize()), RegularBytes(p.cache));
-    for (const auto& e : fs::recursive_directory_iterator(p.cache)) {
-        if (e.path().extension() != ".tmp") continue;
-        EXPECT_LT(fs::file_time_type::clock::now() - e.last_write_time(), std::chrono::minutes(10))
-            << e.path();
-    }
 
     if (GetParam().beforeRead) GetParam().beforeRead(p);
-    EXPECT_EQ(Bounded([&] { return items[0]->EnsureInMemory(); }, p), GetParam().readsBack);
+    EXPECT_EQ(items[0]->EnsureInMemory(), GetParam().readsBack);
 
     WriteNow(InBag(NewItem(3, 5000)));
     bag_->EnsureDiskSpace(bag_->GetCurrentMaxDiskCacheSize(), std::numeric_limits<uint64_t>::max());
