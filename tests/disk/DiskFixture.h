@@ -6,24 +6,18 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <memory>
-#include <vector>
 
 #include "disk/CacheFile.h"
 #include "disk/DiskFolder.h"
-#include "disk/DiskWriter.h"
 #include "disk/SpeedStats.h"
 #include "lifecycle/Counters.h"
-#include "lifecycle/Module.h"
 #include "lifecycle/Settings.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_ScCheckout.h"
-#include "mc/MC_Stuff.h"
-#include "mc/host/FileSystem.h"
 #include "support/DiskWriterDrain.h"
 #include "support/FaultInjectingFileSystem.h"
 #include "support/RecordingHostServices.h"
@@ -137,29 +131,23 @@ inline std::u16string CacheName(uint32_t key, uint32_t variant = 0, unsigned app
     return MCp_CacheFile::BuildName(mctest::KeyGuid(key), TestPayload::kMatchname, app, header);
 }
 
-// The file content of a TestPayload of `size` bytes: cache header, then the payload's bytes.
-inline std::vector<uint8_t> CacheFileContent(uint32_t key, uint32_t size, unsigned app,
-                                             size_t padTo = 0) {
+// Writes the cache file of TestPayload (key, variant) of `size` bytes, as the cache names and
+// writes it, in its sub-folder of `cacheDir`; zeros pad it to `padTo` bytes.
+inline velacore::File WriteTestCacheFile(const velacore::Dir& cacheDir, uint32_t key,
+                                         uint32_t variant, unsigned app, uint32_t size = 16,
+                                         size_t padTo = 0) {
     CacheFileHeader h;
     h.appVersion = app;
     h.computeTime = 1.5;
     const auto head = h.Encode();
     std::vector<uint8_t> bytes(head.begin(), head.end());
     for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(size >> (8 * i)));
-    for (uint32_t i = 0; i < size; ++i)
-        bytes.push_back(static_cast<uint8_t>((key * 131 + i) & 0xFF));
-    if (padTo > bytes.size()) bytes.resize(padTo, 0);
-    return bytes;
-}
-
-// Writes the cache file of TestPayload (key, variant) in its sub-folder of `cacheDir`.
-inline velacore::File WriteTestCacheFile(const velacore::Dir& cacheDir, uint32_t key,
-                                         uint32_t variant, unsigned app, uint32_t payloadSize = 16,
-                                         size_t padTo = 0) {
+    for (uint32_t i = 0; i < size; ++i) bytes.push_back(static_cast<uint8_t>((key * 131 + i)));
+    bytes.resize(std::max(padTo, bytes.size()), 0);
     const std::u16string name = CacheName(key, variant, app);
     MCp_CacheFile::EnsureSubfolder(cacheDir, name);
     const velacore::File file = MCp_CacheFile::FileFor(cacheDir, name);
-    mctest::WriteWholeFile(file.GetFullPath(), CacheFileContent(key, payloadSize, app, padTo));
+    mctest::WriteWholeFile(file.GetFullPath(), bytes);
     return file;
 }
 

@@ -20,6 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace diskbtest;
+using velacore::File;
 
 constexpr uint32_t kValidKey = 1;
 
@@ -99,9 +100,9 @@ const HostileCase kCases[] = {
      }},
     {"LinkedCacheFile",
      [](Planted& p) {
-         mctest::WriteWholeFile(p.outside / "victim", CacheFileContent(4, 64, kApp));
+         const File victim = WriteTestCacheFile(velacore::Dir(p.outside), 4, 0, kApp, 64);
          fs::create_directories(p.cache / SubOf(4));
-         fs::create_symlink(p.outside / "victim", p.cache / SubOf(4) / NameOf(4));
+         fs::create_symlink(victim.GetFullPath(), p.cache / SubOf(4) / NameOf(4));
      }},
     {"LinkedVersionFolder",
      [](Planted& p) {

@@ -6,10 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <mutex>
 #include <thread>
 
 #include "DiskFixture.h"
+#include "disk/DiskWriter.h"
 #include "mc/MCp_ScLock.h"
 #include "mc/host/Errors.h"
 #include "mc/host/Signal.h"
