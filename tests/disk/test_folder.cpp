@@ -365,7 +365,14 @@ TEST_F(DiskBudget, WalkTable) {
     }
 }
 
+// A full budget: the drive-space rule, a write that evicts older files only, and a shrink.
 TEST_F(DiskBudget, WritingIntoAFullBudgetEvictsOlderFilesOnlyAndAShrinkFreesTheRest) {
+    MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(10ull << 30);
+    fs_->freeSpace.store((10ull << 30) + 1);  // no room needed
+    EXPECT_FALSE(bag_->IsDiskCacheLimitedDueToDriveSpace());
+    fs_->freeSpace.store((10ull << 30) - 1);  // less than the minimum
+    EXPECT_TRUE(bag_->IsDiskCacheLimitedDueToDriveSpace());
+    MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(0);
     IntrusivePtr<MC_Stuff> young = NewItem(9, 1000);
     MCp_BagAccess::AddWithStamp(*bag_, young, 2500);
     WriteNow(young);  // room for one file: the oldest idle file goes
@@ -384,15 +391,6 @@ TEST_F(DiskBudget, WritingIntoAFullBudgetEvictsOlderFilesOnlyAndAShrinkFreesTheR
     EXPECT_EQ(Which(), (OnDisk{false, false, false, false}));
     EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
     EXPECT_TRUE(CacheFiles().empty());
-}
-
-TEST_F(DiskBudget, DriveSpaceLimitsTheBudgetWhenTheVolumeIsShort) {
-    MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(10ull << 30);
-    fs_->freeSpace.store((10ull << 30) + 1);  // the budget is full: no room needed
-    EXPECT_FALSE(bag_->IsDiskCacheLimitedDueToDriveSpace());
-    fs_->freeSpace.store((10ull << 30) - 1);  // less than the minimum
-    EXPECT_TRUE(bag_->IsDiskCacheLimitedDueToDriveSpace());
-    MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(0);
 }
 
 // Every version's folder of this machine: its size; the purge empties the current folder (a
