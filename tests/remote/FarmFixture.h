@@ -69,10 +69,11 @@ public:
                  "--logfile",
                  "redis.log"};
         args_.insert(args_.end(), extra.begin(), extra.end());
+        if (extra.size() == 2 && extra[0] == "--requirepass") password_ = extra[1];
     }
     ~RedisServer() { Kill(); }
 
-    // Forks it and polls its readiness: PONG, or NOAUTH with a password.
+    // Forks it and polls its readiness.
     bool Start() {
         if ((pid_ = ::fork()) == 0) {
             std::vector<char*> argv;
@@ -93,11 +94,14 @@ public:
         return "redis://" + (creds.empty() ? "" : creds + "@") +
                "127.0.0.1:" + std::to_string(port_);
     }
-    // One command on a fresh connection; null when the server is unreachable.
+    // One command on a fresh connection (authenticated when the server wants a password); null
+    // when the server is unreachable.
     mc_remote::Reply Do(const std::vector<std::string>& args) {
         std::unique_ptr<redisContext, decltype(&redisFree)> c(
             redisConnectWithTimeout("127.0.0.1", port_, timeval{2, 0}), &redisFree);
         if (!c || c->err) return nullptr;
+        if (!password_.empty())
+            freeReplyObject(redisCommand(c.get(), "AUTH %s", password_.c_str()));
         std::vector<const char*> argv;
         std::vector<size_t> len;
         for (const std::string& s : args) argv.push_back(s.data()), len.push_back(s.size());
@@ -110,6 +114,7 @@ private:
     mctest::TempDir dir_{"mc-redis"};
     int port_ = 0;
     std::vector<std::string> args_;
+    std::string password_;
     pid_t pid_ = -1;
 };
 
