@@ -15,6 +15,7 @@
 #include "support/ModuleAccess.h"
 #ifdef _WIN32
 #include "host/windows/Win32.h"
+#undef SetComputerName  // <windows.h> maps it to SetComputerNameA or W
 #endif
 
 namespace {
@@ -35,9 +36,10 @@ const std::u16string kCantWriteAlert =
 class Layout : public DiskCacheTest {
 protected:
     bool WithFolder() const override { return false; }
+    // `machine` is UTF-8 (a narrow path would be read in the ANSI code page on Windows).
     fs::path Expected(const char* machine = "diskb-host", const char* product = "Tessaline") {
-        return root_.Path() / "Ostrel" / product / "1.0" /
-               (std::string("Disk Cache - ") + machine + ".noindex");
+        const std::string name = std::string("Disk Cache - ") + machine + ".noindex";
+        return root_.Path() / "Ostrel" / product / "1.0" / std::u8string(name.begin(), name.end());
     }
 };
 
