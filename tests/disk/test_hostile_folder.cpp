@@ -139,6 +139,11 @@ const HostileCase kCases[] = {
      false},
 };
 
+// Names the case in test listings (its bytes would hold addresses).
+void PrintTo(const HostileCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
 class HostileFolder : public DiskCacheTest, public ::testing::WithParamInterface<HostileCase> {
 protected:
     mctest::TempDir outside_{"mc-outside"};
