@@ -1,15 +1,22 @@
-// The disk-cache folder: layout and its alerts, and the scan.
+// The disk-cache folder: the layout and its alerts, the scan, and the budget
+// (making room from the least recently used idle files up to the last-use limit, the budget
+// shrink, the drive-space rule, the size across versions and purging every disk cache).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <functional>
+#include <limits>
 #include <map>
-#include <set>
 
+#include "DiskFixture.h"
 #include "lifecycle/Messages.h"
 #include "mc/host/Errors.h"
 #include "mc/host/TextConvert.h"
-#include "test_writer_fixture.h"
+#include "support/ModuleAccess.h"
+#ifdef _WIN32
+#include "host/windows/Win32.h"
+#undef SetComputerName  // <windows.h> maps it to SetComputerNameA or W
+#endif
 
 namespace {
 
@@ -17,9 +24,6 @@ using namespace diskbtest;
 using velacore::Dir;
 using velacore::File;
 namespace fs = std::filesystem;
-
-constexpr unsigned kApp = 256;  // the fixture's application version
-using Alerts = std::vector<std::pair<int, std::u16string>>;
 
 const std::u16string kNonexistentAlert =
     u"Disk Cache folder doesn't exist (or isn't a directory), so it will be reset to the system "
@@ -32,48 +36,25 @@ const std::u16string kCantWriteAlert =
 class Layout : public DiskCacheTest {
 protected:
     bool WithFolder() const override { return false; }
-    fs::path Expected(const fs::path& root, const char* machine = "diskb-host",
-                      const char* product = "Tessaline") const {
-        const std::string leaf = std::string("Disk Cache - ") + machine + ".noindex";
-        return root / "Ostrel" / product / "1.0" / std::u8string(leaf.begin(), leaf.end());
-    }
-    // Calls SetDiskCacheInfo and returns the int it threw (0 when it did not throw).
-    int SetInfo(const Dir& root, uint64_t megabytes) {
-        try {
-            bag_->SetDiskCacheInfo(root, megabytes);
-            return 0;
-        } catch (int code) {
-            return code;
-        }
-    }
-    // Alerts recorded since the last call, as (category, text).
-    Alerts TakeAlerts() {
-        Alerts alerts;
-        for (const auto& e : host().ErrStrings()) {
-            EXPECT_EQ(e.base, 0x3A0000u);
-            alerts.emplace_back(e.severity, e.text);
-        }
-        host().ClearRecords();
-        return alerts;
+    // `machine` is UTF-8 (a narrow path would be read in the ANSI code page on Windows).
+    fs::path Expected(const char* machine = "diskb-host", const char* product = "Tessaline") {
+        const std::string name = std::string("Disk Cache - ") + machine + ".noindex";
+        return root_.Path() / "Ostrel" / product / "1.0" / std::u8string(name.begin(), name.end());
     }
 };
 
 TEST_F(Layout, FolderNameTable) {
-    std::u16string pieces = u"/Ostrel/Tessaline/1.0";
-    std::replace(pieces.begin(), pieces.end(), u'/',
-                 static_cast<char16_t>(fs::path::preferred_separator));
-    EXPECT_EQ(MC_OstrelZKDirs() + MC_ZKVersDir(u"1.0"), pieces);
     struct Row {
         const char* computerName;
         bool beta;
         fs::path expected;
     };
     const Row rows[] = {
-        {"diskb-host", false, Expected(root_.Path())},
-        {"diskb-host", true, Expected(root_.Path(), "diskb-host", "Tessaline (Beta)")},
-        {"", false, Expected(root_.Path(), "This Computer")},
-        {"a/b\\c:d*e?f\"g<h>i|j\tk", false, Expected(root_.Path(), "a-b-c-d-e-f-g-h-i-j-k")},
-        {"caf\xC3\xA9", false, Expected(root_.Path(), "caf\xC3\xA9")},  // UTF-8 survives
+        {"diskb-host", false, Expected()},
+        {"diskb-host", true, Expected("diskb-host", "Tessaline (Beta)")},
+        {"", false, Expected("This Computer")},
+        {"a/b\\c:d*e?f\"g<h>i|j\tk", false, Expected("a-b-c-d-e-f-g-h-i-j-k")},
+        {"caf\xC3\xA9", false, Expected("caf\xC3\xA9")},  // UTF-8 survives
     };
     for (const Row& t : rows) {
         SCOPED_TRACE(t.expected.string());
@@ -89,34 +70,33 @@ TEST_F(Layout, FolderNameTable) {
 // Every way the folder can be unusable: the error, the alert (none off the main thread), and
 // nothing stored.
 TEST_F(Layout, UnusableFolderTable) {
-    const Alerts none, nonexistent{{8, kNonexistentAlert}}, cantWrite{{8, kCantWriteAlert}};
-    const fs::path machine = Expected(root_.Path());
+    const fs::path machine = Expected();
     struct Row {
         const char* what;
         std::function<void(mctest::FaultInjectingFileSystem&)> arrange;
         bool mainThread;
-        Alerts alert;
+        const std::u16string* alert;
         const char16_t* root;  // under root_, empty for root_ itself
     };
     const Row rows[] = {
         {"root is a file", [&](auto&) { mctest::WriteWholeFile(root_ / "file", "x"); }, true,
-         nonexistent, u"file"},
-        {"missing root off the main thread", [](auto&) {}, false, none, u"missing"},
+         &kNonexistentAlert, u"file"},
+        {"missing root off the main thread", [](auto&) {}, false, nullptr, u"missing"},
         {"version folder cannot be made",
          [](auto& f) { f.FailFrom(mctest::FsOp::kCreateDirectory, 1, mctest::Fault::kIoError); },
-         true, cantWrite, u""},
+         true, &kCantWriteAlert, u""},
         {"machine folder cannot be made",
          [&](auto& f) {
              fs::create_directories(machine.parent_path());
              f.FailFrom(mctest::FsOp::kCreateDirectory, 1, mctest::Fault::kNoSpace);
          },
-         true, cantWrite, u""},
+         true, &kCantWriteAlert, u""},
         {"machine folder name taken by a file",
          [&](auto&) {
              fs::create_directories(machine.parent_path());
              mctest::WriteWholeFile(machine, "x");
          },
-         true, cantWrite, u""},
+         true, &kCantWriteAlert, u""},
     };
     for (const Row& t : rows) {
         SCOPED_TRACE(t.what);
@@ -125,14 +105,30 @@ TEST_F(Layout, UnusableFolderTable) {
         mctest::ScopedFileSystem scoped(faults);
         t.arrange(*faults);
         host().SetEveryThreadMain(t.mainThread);
-        EXPECT_EQ(SetInfo(*t.root ? root_.AsDir().GetSubdir(t.root) : root_.AsDir(), 1),
-                  MCp_Err_DiskFolder);
+        int code = 0;
+        try {
+            bag_->SetDiskCacheInfo(*t.root ? root_.AsDir().GetSubdir(t.root) : root_.AsDir(), 1);
+        } catch (int thrown) {
+            code = thrown;
+        }
+        EXPECT_EQ(code, MCp_Err_DiskFolder);
         host().SetEveryThreadMain(std::nullopt);
-        EXPECT_EQ(TakeAlerts(), t.alert);
+        const auto alerts = host().ErrStrings();
+        EXPECT_EQ(alerts.size(), t.alert ? 1u : 0u);
+        for (const auto& e : alerts)
+            EXPECT_TRUE(e.base == 0x3A0000u && e.severity == 8 && e.text == *t.alert);
+        host().ClearRecords();
         EXPECT_TRUE(bag_->GetDiskCacheDirSpec().IsEmpty());
         EXPECT_EQ(bag_->GetCurrentMaxDiskCacheSize(), 0u);
         EXPECT_FALSE(fs::is_directory(machine));
     }
+}
+
+// Writes `bytes` under an arbitrary name in `dir` (created if needed).
+File WriteRawFile(const Dir& dir, const std::u16string& name) {
+    velacore::EnsureDirectoryExists(dir);
+    mctest::WriteWholeFile(dir.GetFile(name).GetFullPath(), "raw");
+    return dir.GetFile(name);
 }
 
 class Scan : public DiskCacheTest {
@@ -163,6 +159,7 @@ protected:
 TEST_F(Scan, MixedFolderScannedTwiceAdoptsEachValidFileOnce) {
     const Dir cache = Folder();
     for (uint32_t key = 1; key <= 6; ++key) Valid(key, 10 * key, key % 2 ? 4096 : 0);
+    Valid(0xFFFFFF);  // its header starts FF FF FF: "////" in the name, written as "----"
     const std::u16string guid = mctest::KeyGuid(50).AsWString();
     const std::vector<File> foreign = {
         WriteRawFile(cache, u"readme.txt"),
@@ -178,10 +175,11 @@ TEST_F(Scan, MixedFolderScannedTwiceAdoptsEachValidFileOnce) {
         WriteRawFile(cache, u"nope.TestPayload.100.AAAAAAAAAAA=.zkcache"),  // bad GUID
         WriteRawFile(cache, guid + u".TestPayload.100.%%%%.zkcache"),       // bad header
         WriteRawFile(cache, guid + u".TestPayload..AAAAAAAAAAA=.zkcache"),  // empty version
+        WriteRawFile(cache, guid + u".TestPayload.10000000100.AAAAAAAAAAA=.zkcache"),  // > 32 bits
     };
     expectedBytes_ += 3;  // the young writer's temporary counts against the budget
     const std::u16string unknownName =
-        MCp_CacheFile::BuildName(mctest::KeyGuid(30), "NoSuchClass", kApp, PayloadHeader(30, 0));
+        MCp_CacheFile::BuildName(mctest::KeyGuid(30), "NoSuchClass", kApp, {1, 2, 3});
     MCp_CacheFile::EnsureSubfolder(cache, unknownName);
     const File unknown =
         WriteRawFile(MCp_CacheFile::FileFor(cache, unknownName).GetParent(), unknownName);
@@ -237,5 +235,157 @@ TEST_F(Scan, EachVariantsFileIsAdoptedByItsOwnItemOnly) {
         EXPECT_EQ(payload.Bytes()->size(), payload.Variant() == 1 ? 16u : 100u) << variant;
     }
 }
+
+constexpr uint64_t kAnyTime = std::numeric_limits<uint64_t>::max();
+constexpr int64_t kUnit = static_cast<int64_t>(kFileUnit);
+using OnDisk = std::vector<bool>;
+
+// A budget of exactly four one-buffer files (4 x 256 KiB = 1 MiB).
+class DiskBudget : public DiskCacheTest {
+protected:
+    uint64_t BudgetMegabytes() const override { return 1; }
+
+    // Four idle items on disk, used at 1000, 2000, 3000 and 4000, oldest first in the bag.
+    void SetUp() override {
+        DiskCacheTest::SetUp();
+        for (uint32_t i = 0; i < 4; ++i) {
+            items_.push_back(NewItem(i + 1, 1000));
+            MCp_BagAccess::AddWithStamp(*bag_, items_.back(), 1000 * (i + 1));
+            WriteNow(items_.back());
+            MCp_StuffAccess::SetLastUseTime(*items_.back(), 1000 * (i + 1));
+        }
+        ASSERT_EQ(bag_->GetCurrentDiskCacheSize(), 4 * kUnit);
+    }
+    OnDisk Which() const {
+        OnDisk v;
+        for (const auto& item : items_) v.push_back(item->IsOnDisk());
+        return v;
+    }
+
+    std::vector<IntrusivePtr<MC_Stuff>> items_;
+    std::shared_ptr<MC_Stuff::DiskCacheCheckoutScoper> hold_;
+};
+
+// The walk goes in bag order, deletes idle files, skips checked-out and held ones, and ends at
+// the first idle file used at or after the limit, even ahead of older ones.
+TEST_F(DiskBudget, WalkTable) {
+    struct Row {
+        const char* what;
+        int64_t need;
+        uint64_t limit;
+        bool room;
+        OnDisk after;
+        std::function<void()> arrange = {};
+    };
+    auto usedLast = [this] { MCp_StuffAccess::SetLastUseTime(*items_[0], 5000); };
+    auto roomier = [this] { bag_->SetDiskCacheInfo(root_.AsDir(), 2); };
+    auto hold = [this] {
+        ASSERT_EQ(items_[0]->Checkout(MC_CheckoutFlag_ReadOnly), MC_CheckoutResult_CheckedOut);
+        hold_ = items_[1]->CheckoutDiskCache(true);
+    };
+    const Row rows[] = {
+        {"oldest first", 2 * kUnit, kAnyTime, true, {false, false, true, true}},
+        {"stops at the limit", 3 * kUnit, 3000, false, {false, false, true, true}},
+        {"limit before every use", 3 * kUnit, 1000, false, {true, true, true, true}},
+        {"first in the bag used last", kUnit, 3000, false, {true, true, true, true}, usedLast},
+        {"checked out and held skipped", kUnit, kAnyTime, true, {true, true, false, true}, hold},
+        {"enough room", kUnit, kAnyTime, true, {true, true, true, true}, roomier},
+    };
+    for (const Row& t : rows) {
+        SCOPED_TRACE(t.what);
+        if (t.arrange) t.arrange();
+        EXPECT_EQ(bag_->EnsureDiskSpace(t.need, t.limit), t.room);
+        EXPECT_EQ(Which(), t.after);
+        const auto kept = static_cast<int64_t>(std::count(t.after.begin(), t.after.end(), true));
+        EXPECT_EQ(static_cast<int64_t>(CacheFiles().size()), kept);
+        EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), kept * kUnit);
+        for (const auto& item : items_) EXPECT_TRUE(item->IsInMemory());  // memory untouched
+        // Start the next row afresh.
+        if (items_[0]->GetCheckoutCount()) items_[0]->Checkin(MC_CheckinFlag_DontUpdateLastUsed, 0);
+        hold_.reset();
+        items_.clear();
+        TearDown();
+        fs::remove_all(root_.Path());
+        fs::create_directories(root_.Path());
+        SetUp();
+    }
+}
+
+// A full budget: the drive-space rule, a write that evicts older files only, and a shrink.
+TEST_F(DiskBudget, WritingIntoAFullBudgetEvictsOlderFilesOnlyAndAShrinkFreesTheRest) {
+    MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(10ull << 30);
+    fs_->freeSpace.store((10ull << 30) + 1);  // no room needed
+    EXPECT_FALSE(bag_->IsDiskCacheLimitedDueToDriveSpace());
+    fs_->freeSpace.store((10ull << 30) - 1);  // less than the minimum
+    EXPECT_TRUE(bag_->IsDiskCacheLimitedDueToDriveSpace());
+    MCp_DiskFolder::SetMinimumVolumeFreeSpaceBytes(0);
+    IntrusivePtr<MC_Stuff> young = NewItem(9, 1000);
+    MCp_BagAccess::AddWithStamp(*bag_, young, 2500);
+    WriteNow(young);  // room for one file: the oldest idle file goes
+    EXPECT_TRUE(young->IsOnDisk());
+    EXPECT_EQ(Which(), (OnDisk{false, true, true, true}));
+    IntrusivePtr<MC_Stuff> old = NewItem(10, 1000);
+    MCp_BagAccess::AddWithStamp(*bag_, old, 500);
+    WriteNow(old);  // older than everything on disk: nothing is evicted for it
+    EXPECT_FALSE(old->IsOnDisk());
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 4 * kUnit);
+
+    bag_->SetDiskCacheInfo(root_.AsDir(), 2);
+    bag_->SetDiskCacheInfo(root_.AsDir(), 1);
+    EXPECT_EQ(Which(), (OnDisk{false, true, true, true}));  // it still fits
+    bag_->SetDiskCacheInfo(root_.AsDir(), 0);
+    EXPECT_EQ(Which(), (OnDisk{false, false, false, false}));
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+    EXPECT_TRUE(CacheFiles().empty());
+}
+
+// Every version's folder of this machine: its size; the purge empties the current folder (a
+// disk-only item goes, one in memory stays), other versions' only on request, never another
+// machine's.
+TEST_F(DiskBudget, AcrossVersionsSizeAndPurge) {
+    const fs::path product = root_.Path() / "Ostrel" / "Tessaline" / "0.9";
+    const fs::path old = product / "Disk Cache - diskb-host.noindex" / "AB" / "x.zkcache";
+    const fs::path foreign = product / "Disk Cache - elsewhere.noindex" / "z.zkcache";
+    for (const auto& [path, size] : {std::pair{old, 1000}, std::pair{foreign, 5000}}) {
+        fs::create_directories(path.parent_path());
+        mctest::WriteWholeFile(path, std::vector<uint8_t>(size));
+    }
+    unsigned folders = 0, done = 0, total = 2;
+    EXPECT_EQ(bag_->FindDiskCacheSizeAcrossVersions(folders), 4 * kFileUnit + 1000);
+    EXPECT_EQ(folders, 2u);
+    items_[0]->FreeUpAsMuchAsPossible(true, nullptr);
+    std::vector<unsigned> progress;
+    for (const bool others : {false, true}) {
+        done = 0;
+        bag_->PurgeAllDiskCaches([&](unsigned d, unsigned) { progress.push_back(d); }, others, done,
+                                 total);
+        EXPECT_EQ(fs::exists(old), !others);
+    }
+    EXPECT_EQ(progress, (std::vector<unsigned>{1, 1, 2}));
+    EXPECT_TRUE(fs::exists(foreign) && AllFiles().empty());
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+    EXPECT_TRUE(items_[1]->IsInMemory() && !items_[1]->IsOnDisk());
+    EXPECT_EQ(bag_->SnapshotItems().size(), 3u);
+    WriteNow(items_[2]);  // the emptied folder still works
+    EXPECT_TRUE(items_[2]->IsOnDisk());
+}
+
+#ifdef _WIN32
+// Another process keeps the cache files open without FILE_SHARE_DELETE: each delete fails, yet
+// the walk goes on and the accounting drops the files.
+TEST_F(DiskBudget, FilesHeldWithoutShareDeleteDoNotStopTheWalkOrTheAccounting) {
+    std::vector<HANDLE> held;
+    for (const fs::path& file : CacheFiles()) {
+        held.push_back(::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                     OPEN_EXISTING, 0, nullptr));
+        ASSERT_NE(held.back(), INVALID_HANDLE_VALUE);
+    }
+    EXPECT_TRUE(bag_->EnsureDiskSpace(2 * kUnit, kAnyTime));
+    for (HANDLE handle : held) ::CloseHandle(handle);
+    EXPECT_EQ(Which(), (OnDisk{false, false, true, true}));
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 2 * kUnit);
+    EXPECT_EQ(CacheFiles().size(), 4u);  // the two it could not delete stay until a rescan
+}
+#endif
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -54,16 +55,25 @@ public:
         ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
         ::close(fd);
         port_ = ntohs(a.sin_port);
-        const std::string line = std::string(RedisServerBinary()) + " --port " +
-                                 std::to_string(port_) + " --dir " + dir_.Path().string() +
-                                 " --save  --appendonly no --bind 127.0.0.1 --logfile redis.log";
-        for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1)
-            args_.push_back(line.substr(at, (end = line.find(' ', at)) - at));
+        args_ = {RedisServerBinary(),
+                 "--port",
+                 std::to_string(port_),
+                 "--dir",
+                 dir_.Path().string(),
+                 "--save",
+                 "",
+                 "--appendonly",
+                 "no",
+                 "--bind",
+                 "127.0.0.1",
+                 "--logfile",
+                 "redis.log"};
         args_.insert(args_.end(), extra.begin(), extra.end());
+        if (extra.size() == 2 && extra[0] == "--requirepass") password_ = extra[1];
     }
     ~RedisServer() { Kill(); }
 
-    // Forks it and polls its readiness: PONG, or NOAUTH with a password.
+    // Forks it and polls its readiness.
     bool Start() {
         if ((pid_ = ::fork()) == 0) {
             std::vector<char*> argv;
@@ -84,31 +94,27 @@ public:
         return "redis://" + (creds.empty() ? "" : creds + "@") +
                "127.0.0.1:" + std::to_string(port_);
     }
-    // One command on a fresh connection; null when the server is unreachable.
+    // One command on a fresh connection (authenticated when the server wants a password); null
+    // when the server is unreachable.
     mc_remote::Reply Do(const std::vector<std::string>& args) {
         std::unique_ptr<redisContext, decltype(&redisFree)> c(
             redisConnectWithTimeout("127.0.0.1", port_, timeval{2, 0}), &redisFree);
         if (!c || c->err) return nullptr;
+        if (!password_.empty())
+            freeReplyObject(redisCommand(c.get(), "AUTH %s", password_.c_str()));
         std::vector<const char*> argv;
         std::vector<size_t> len;
         for (const std::string& s : args) argv.push_back(s.data()), len.push_back(s.size());
         return mc_remote::Reply(static_cast<redisReply*>(
             redisCommandArgv(c.get(), static_cast<int>(argv.size()), argv.data(), len.data())));
     }
-    std::vector<std::string> Keys(const std::string& pattern) {
-        std::vector<std::string> out;
-        if (auto r = Do({"KEYS", pattern}); r && r->type == REDIS_REPLY_ARRAY)
-            for (size_t i = 0; i < r->elements; ++i)
-                out.emplace_back(r->element[i]->str, r->element[i]->len);
-        return out;
-    }
-
     int Port() const { return port_; }
 
 private:
     mctest::TempDir dir_{"mc-redis"};
     int port_ = 0;
     std::vector<std::string> args_;
+    std::string password_;
     pid_t pid_ = -1;
 };
 
@@ -118,25 +124,16 @@ public:
     velacore::RemoteTierSettings remote;
 };
 
-// Whether data is the payload RenderAndPublish(key, size) made, byte for byte.
-inline bool HasKeyPattern(const IntrusivePtr<MC_StuffData>& data, uint32_t key, uint32_t size) {
-    auto* payload = dynamic_cast<TestPayload*>(data.get());
-    auto bytes = payload ? payload->Bytes() : nullptr;
-    return bytes && *bytes == *TestPayload(key, size).Bytes();
-}
-
 class FarmTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!RedisServerBinary()) GTEST_SKIP() << "redis-server is not installed";
-        host_ = std::make_shared<FarmHost>();
         host_->remote.backoffMs = 200;
         host_->remote.operationTimeoutMs = 5000;
         scoped_ = std::make_unique<mctest::ScopedHostServices>(host_);
         mc_settings::ResetForTesting();
-        auto& c = counters();
         for (auto* n :
-             {&c.remoteHits, &c.remotePublished, &c.remoteChecksumRejects, &c.remoteBackoffs})
+             {&c_.remoteHits, &c_.remotePublished, &c_.remoteChecksumRejects, &c_.remoteBackoffs})
             n->store(0);
         Birth();
     }
@@ -157,46 +154,48 @@ protected:
         MC_Death();
         folder_.reset();
     }
-    // Another machine: empty memory and disk, same servers.
-    void Rebirth() {
+    // Another machine (empty memory and disk, same servers), using `urls` when given.
+    void Rebirth(std::vector<std::string> urls = {}) {
         Death();
+        if (!urls.empty()) host_->remote.urls = urls;
         Birth();
     }
-    void UseServers(const std::vector<std::string>& urls) { host_->remote.urls = urls; }
 
     // Renders (key, variant) of `size` bytes here and waits until the disk writer and then the
     // tier have sent it on (or dropped it).
-    bool RenderAndPublish(uint32_t key, uint32_t size, uint32_t variant = 0) {
-        const uint32_t before = counters().remotePublished + counters().remotePublishDrops;
+    bool RenderAndPublish(uint32_t key, uint32_t size) {
+        const uint32_t before = c_.remotePublished + c_.remotePublishDrops;
         {
             MC_ScCheckout r;
-            if (r.FindAndCheckout(mctest::MakeRequest(key, variant),
-                                  MC_CheckoutFlag_CreatePending) !=
+            if (r.FindAndCheckout(mctest::MakeRequest(key), MC_CheckoutFlag_CreatePending) !=
                 MC_CheckoutResult_CreatedNewPending)
                 return false;
-            auto* p = new TestPayload(key, size, variant);
+            auto* p = new TestPayload(key, size);
             p->SetDiskCacheable(true);
             p->SetCachePriority(MC_CachePriority_High);
             r.GetStuffPtr()->SetStuffDataFromPendingRender(IntrusivePtr<MC_StuffData>(p), 0.5);
         }
         return MC_Bag::WaitForDiskWrites(20) && MCr_WaitForPublishing(20) &&
-               counters().remotePublished + counters().remotePublishDrops > before;
+               c_.remotePublished + c_.remotePublishDrops > before;
     }
-    // What a request finds: the payload when the remote tier (or memory) had it, else null
-    // (a pending item was created, and is abandoned).
-    IntrusivePtr<MC_StuffData> Fetch(uint32_t key, uint32_t variant = 0, bool* fromFarm = nullptr) {
+    // What a request finds: nothing on a miss (a pending item was created, and is abandoned),
+    // else whether it is exactly what RenderAndPublish(key, size) made. `fromFarm`: whether the
+    // remote tier filled it.
+    std::optional<bool> Fetch(uint32_t key, uint32_t size, bool* fromFarm = nullptr) {
         MC_ScCheckout r;
-        const MC_CheckoutResult res =
-            r.FindAndCheckout(mctest::MakeRequest(key, variant),
-                              MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending);
+        const MC_CheckoutResult res = r.FindAndCheckout(
+            mctest::MakeRequest(key), MC_CheckoutFlag_ReadOnly | MC_CheckoutFlag_CreatePending);
         if (fromFarm) *fromFarm = MCr_FilledByThisThread(r.GetStuffPtr().get());
-        return res == MC_CheckoutResult_CheckedOut ? r.GetStuffPtr()->GetDataPtr() : nullptr;
+        if (res != MC_CheckoutResult_CheckedOut) return std::nullopt;
+        auto* payload = dynamic_cast<TestPayload*>(r.GetStuffPtr()->GetDataPtr().get());
+        auto bytes = payload ? payload->Bytes() : nullptr;
+        return bytes && *bytes == *TestPayload(key, size).Bytes();
     }
-    static MCp_Counters& counters() { return MCp_GetCounters(); }
 
-    std::shared_ptr<FarmHost> host_;
+    std::shared_ptr<FarmHost> host_ = std::make_shared<FarmHost>();
     std::unique_ptr<mctest::ScopedHostServices> scoped_;
     std::unique_ptr<mctest::TempDir> folder_;
+    MCp_Counters& c_ = MCp_GetCounters();
 };
 
 }  // namespace farmtest

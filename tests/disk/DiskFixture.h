@@ -1,32 +1,23 @@
 // DiskCacheTest: the module started with recording host services, a disk-cache folder with a
 // budget, fresh speed statistics, and a file system of 4096-byte blocks (every cache file a
-// multiple of 256 KiB) and settable free space. Plus a gated payload and item/file helpers.
-// Thread-safety: the fixture belongs to the test's main thread; a Gate may be used by any.
+// multiple of 256 KiB) and settable free space. Plus helpers for items and cache files.
+// Thread-safety: the fixture belongs to the test's main thread.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <condition_variable>
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <memory>
-#include <mutex>
-#include <thread>
-#include <vector>
 
 #include "disk/CacheFile.h"
 #include "disk/DiskFolder.h"
-#include "disk/DiskWriter.h"
 #include "disk/SpeedStats.h"
 #include "lifecycle/Counters.h"
-#include "lifecycle/Module.h"
 #include "lifecycle/Settings.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_ScCheckout.h"
-#include "mc/MC_Stuff.h"
-#include "mc/host/FileSystem.h"
 #include "support/DiskWriterDrain.h"
 #include "support/FaultInjectingFileSystem.h"
 #include "support/RecordingHostServices.h"
@@ -40,6 +31,7 @@ using velacore::IntrusivePtr;
 
 constexpr size_t kBlockSize = 4096;
 constexpr uint64_t kFileUnit = 64 * kBlockSize;  // every cache file is a multiple of this
+constexpr unsigned kApp = 256;                   // the module's application version
 
 // Reports 4096-byte blocks on every volume and a chosen amount of free space.
 class FakeVolumeFileSystem : public velacore::FileSystemWrapper {
@@ -48,47 +40,6 @@ public:
     size_t GetBlockSize(const std::filesystem::path&) override { return kBlockSize; }
     uint64_t GetFreeSpace(const std::filesystem::path&) override { return freeSpace.load(); }
     std::atomic<uint64_t> freeSpace{uint64_t{1} << 40};
-};
-
-// A TestPayload whose Write waits while its gate is closed, counting the writes.
-class GatedPayload : public TestPayload {
-public:
-    struct Gate {
-        std::mutex mutex;
-        std::condition_variable cv;
-        bool open = true;
-        int started = 0;
-        std::vector<uint32_t> order;  // keys in the order their writes started
-
-        void Set(bool isOpen) {
-            std::lock_guard<std::mutex> l(mutex);
-            open = isOpen;
-            cv.notify_all();
-        }
-        // Waits until `n` writes have started (generous deadline).
-        bool WaitStarted(int n) {
-            std::unique_lock<std::mutex> l(mutex);
-            return cv.wait_for(l, std::chrono::minutes(2), [&] { return started >= n; });
-        }
-    };
-
-    GatedPayload(uint32_t key, uint32_t size, std::shared_ptr<Gate> gate)
-        : TestPayload(key, size), gate_(std::move(gate)) {
-        SetDiskCacheable(true);
-    }
-    double Write(velacore::OByteStream& out) const override {
-        {
-            std::unique_lock<std::mutex> l(gate_->mutex);
-            ++gate_->started;
-            gate_->order.push_back(Key());
-            gate_->cv.notify_all();
-            gate_->cv.wait_for(l, std::chrono::minutes(2), [&] { return gate_->open; });
-        }
-        return TestPayload::Write(out);
-    }
-
-private:
-    std::shared_ptr<Gate> gate_;
 };
 
 class DiskCacheTest : public ::testing::Test {
@@ -106,7 +57,7 @@ protected:
         MCp_WriteSpeedStat().Reset();
         MCp_ReadBusyTracker().Reset();
         MCp_WriteBusyTracker().Reset();
-        MC_Birth(false, AppVersion(), false);
+        MC_Birth(false, kApp, false);
         bag_ = MC_GlobalBag();
         TestPayload::RegisterFactory();
         if (!WithFolder()) return;
@@ -115,25 +66,15 @@ protected:
     }
 
     void TearDown() override {
-        MCp_DiskWriteQueue::Get().AdjustCountForTesting(-queueAdjust_);
         bag_.reset();
         MC_StopAllAsyncWork();
         MC_Death();
-        MCp_DiskFolder::SetProclivityMultiplier(MCp_DiskFolder::kDefaultProclivityMultiplier);
-        MCp_DiskFolder::SetSpeedCapBytesPerSecond(MCp_DiskFolder::kDefaultSpeedCapBytesPerSecond);
         scoped_.reset();
         scopedFs_.reset();
     }
 
-    virtual unsigned AppVersion() const { return 256; }  // "1.0" in the standalone host's rule
     virtual uint64_t BudgetMegabytes() const { return 64; }
     virtual bool WithFolder() const { return true; }  // false: no folder given yet
-
-    // Pretends `n` more entries are queued (undone in TearDown).
-    void AdjustQueue(int32_t n) {
-        queueAdjust_ += n;
-        MCp_DiskWriteQueue::Get().AdjustCountForTesting(n);
-    }
 
     // An item of `size` bytes for `key` that may go to disk, not in any bag.
     static IntrusivePtr<MC_Stuff> NewItem(uint32_t key, uint32_t size,
@@ -148,26 +89,16 @@ protected:
         stuff->SetGuid(mctest::KeyGuid(key));
         return stuff;
     }
-
     // `stuff`, added to the global bag (without the write decision).
     IntrusivePtr<MC_Stuff> InBag(IntrusivePtr<MC_Stuff> stuff) {
         bag_->AddToBagAndSortDir(stuff);
         return stuff;
     }
-
     // Writes the item's file on this thread, as a writer thread would.
     static void WriteNow(const IntrusivePtr<MC_Stuff>& stuff) {
         MC_Stuff::WriteToDiskAsync(stuff, nullptr);
     }
-
-    static bool DrainWriter() { return mctest::DrainDiskWriter(); }
     velacore::Dir Folder() const { return bag_->GetDiskCacheDirSpec(); }
-
-    // Writes a file of `size` zero bytes, creating its folders.
-    static void PutFile(const std::filesystem::path& path, size_t size) {
-        std::filesystem::create_directories(path.parent_path());
-        mctest::WriteWholeFile(path, std::vector<uint8_t>(size));
-    }
 
     // Every regular file under the disk-cache folder, or only the cache files.
     std::vector<std::filesystem::path> AllFiles(bool cacheFilesOnly = false) const {
@@ -190,52 +121,32 @@ protected:
     std::shared_ptr<mctest::RecordingHostServices> services_;
     std::unique_ptr<mctest::ScopedHostServices> scoped_;
     std::shared_ptr<MC_Bag> bag_;
-    int32_t queueAdjust_ = 0;
 };
 
-// The header a TestPayload of (key, variant) gives.
-inline std::vector<uint8_t> PayloadHeader(uint32_t key, uint32_t variant) {
+// The name the cache gives a TestPayload (key, variant) of application version `app`.
+inline std::u16string CacheName(uint32_t key, uint32_t variant = 0, unsigned app = kApp) {
     std::vector<uint8_t> header(8);
     std::memcpy(header.data(), &key, 4);
     std::memcpy(header.data() + 4, &variant, 4);
-    return header;
+    return MCp_CacheFile::BuildName(mctest::KeyGuid(key), TestPayload::kMatchname, app, header);
 }
 
-// The file content of a TestPayload of `size` bytes: cache header, then the payload's bytes.
-inline std::vector<uint8_t> CacheFileContent(uint32_t key, uint32_t size, uint32_t appVersion,
-                                             size_t padTo = 0) {
+// Writes the cache file of TestPayload (key, variant) of `size` bytes, as the cache names and
+// writes it, in its sub-folder of `cacheDir`; zeros pad it to `padTo` bytes.
+inline velacore::File WriteTestCacheFile(const velacore::Dir& cacheDir, uint32_t key,
+                                         uint32_t variant, unsigned app, uint32_t size = 16,
+                                         size_t padTo = 0) {
     CacheFileHeader h;
-    h.appVersion = appVersion;
+    h.appVersion = app;
     h.computeTime = 1.5;
     const auto head = h.Encode();
     std::vector<uint8_t> bytes(head.begin(), head.end());
     for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(size >> (8 * i)));
-    for (uint32_t i = 0; i < size; ++i)
-        bytes.push_back(static_cast<uint8_t>((key * 131 + i) & 0xFF));
-    if (padTo > bytes.size()) bytes.resize(padTo, 0);
-    return bytes;
-}
-
-// Writes a cache file for TestPayload (key, variant) under `cacheDir`, in its sub-folder, named
-// as the cache names it. Returns the file.
-inline velacore::File WriteTestCacheFile(const velacore::Dir& cacheDir, uint32_t key,
-                                         uint32_t variant, uint32_t appVersion,
-                                         uint32_t payloadSize = 16, size_t padTo = 0) {
-    const std::u16string name =
-        MCp_CacheFile::BuildName(mctest::KeyGuid(key), mctest::TestPayload::kMatchname, appVersion,
-                                 PayloadHeader(key, variant));
+    for (uint32_t i = 0; i < size; ++i) bytes.push_back(static_cast<uint8_t>((key * 131 + i)));
+    bytes.resize(std::max(padTo, bytes.size()), 0);
+    const std::u16string name = CacheName(key, variant, app);
     MCp_CacheFile::EnsureSubfolder(cacheDir, name);
     const velacore::File file = MCp_CacheFile::FileFor(cacheDir, name);
-    mctest::WriteWholeFile(file.GetFullPath(),
-                           CacheFileContent(key, payloadSize, appVersion, padTo));
-    return file;
-}
-
-// Writes `bytes` under an arbitrary name in `dir` (created if needed). Returns the file.
-inline velacore::File WriteRawFile(const velacore::Dir& dir, const std::u16string& name,
-                                   const std::vector<uint8_t>& bytes = {1, 2, 3}) {
-    velacore::EnsureDirectoryExists(dir);
-    const velacore::File file = dir.GetFile(name);
     mctest::WriteWholeFile(file.GetFullPath(), bytes);
     return file;
 }
