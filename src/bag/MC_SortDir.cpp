@@ -10,6 +10,7 @@
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MCp_ScLock.h"
+#include "mc/host/File.h"
 
 using velacore::ScopedReadLockWrapper;
 using velacore::ScopedWriteLockWrapper;
@@ -132,19 +133,23 @@ void MC_SortDir::TakeBack(const StuffPtr& stuff) {
     Erase(heldOut_, stuff);
 }
 
-MC_SortDir::StuffPtr MC_SortDir::FindIdentical(const StuffPtr& request) const {
+MC_SortDir::StuffPtr MC_SortDir::FindIdentical(const StuffPtr& request,
+                                               const velacore::File* listing) const {
     MCp_ScLock lock;
     const IntrusivePtr<MC_StuffData> reqKey = request->GetFindKeyData();
     if (!reqKey) return nullptr;
+    StuffPtr first;
     for (const Index* set : {&index_, &heldOut_}) {
-        auto [first, last] = Group(*set, request);
-        for (auto it = first; it != last; ++it) {
+        auto [begin, end] = Group(*set, request);
+        for (auto it = begin; it != end; ++it) {
             if (it->stuff->IsPendingRender()) continue;
             const IntrusivePtr<MC_StuffData> key = it->stuff->GetFindKeyData();
-            if (key && key->IdenticalRequest(reqKey)) return it->stuff;
+            if (!key || !key->IdenticalRequest(reqKey)) continue;
+            if (!listing || it->stuff->GetDiskCacheFile() == *listing) return it->stuff;
+            if (!first) first = it->stuff;
         }
     }
-    return nullptr;
+    return first;
 }
 
 // Two passes over the request's GUID group: identical candidates, then satisfying ones.

@@ -34,8 +34,10 @@ public:
     void HoldOut(const StuffPtr& stuff);
     void TakeBack(const StuffPtr& stuff);
     // The first settled (not pending) entry identical to `request`, or null, among the indexed
-    // items and those held out. The caller holds the cache lock while it relies on the answer.
-    StuffPtr FindIdentical(const StuffPtr& request) const;
+    // items and those held out; with `listing`, an identical entry whose file it is comes first
+    // (identical items name the same file, and two of them may be in the directory at once).
+    // The caller holds the cache lock while it relies on the answer.
+    StuffPtr FindIdentical(const StuffPtr& request, const velacore::File* listing = nullptr) const;
     // Entries in the index; the caller holds the cache lock or accepts a racy figure.
     size_t Size() const { return index_.size(); }
     // Makes room for `more` entries beyond those indexed, so that a batch of additions (a

@@ -88,6 +88,11 @@ public:
     // On the first call in the process only, posts a Scan of `bag` (or, if it is gone, of the
     // global bag) to the module's asynchronous executor. Returns whether this call posted it.
     static bool PostInitialRescanOnce(std::weak_ptr<MC_Bag> bag);
+    // Items' files deleted by this process so far. A scan that sees the count move between its
+    // listing and an adoption looks again whether the file is there: a file deleted since it was
+    // listed must not go to a new item. NoteFileDeleted is called before the file is unlinked.
+    static void NoteFileDeleted();
+    static uint64_t FilesDeleted();
 
     // --- writers' temporaries ---
     // A temporary untouched for this long belongs to no live writer: writers touch theirs with

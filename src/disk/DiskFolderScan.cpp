@@ -75,23 +75,30 @@ void DeleteQuietly(const File& file) {
 // it keeps its own state, and the new item joins it in the directory without displacing it. The
 // search and the addition run under the cache lock so that two scans of the same file cannot
 // both add it, and so that no budget purge sees the item before its size is accounted.
+// A new item is added only while no item's file was deleted since `deletionsSeen` (counted
+// before the file was listed); else the file is looked at again outside the cache lock first.
 void Adopt(MC_Bag& bag, const File& file, uint64_t size, const velacore::Guid& guid,
-           IntrusivePtr<MC_StuffData> data) {
+           IntrusivePtr<MC_StuffData> data, uint64_t deletionsSeen) {
     IntrusivePtr<MC_Stuff> item = MC_Stuff::CreateNew(std::move(data), 0.0);
     item->SetDiskCacheFile(file, false);
     item->SetGuid(guid);
 
     IntrusivePtr<MC_Stuff> same;
-    {
-        MCp_ScLock lock;
-        const std::shared_ptr<MC_SortDir> dir = bag.GetSortDir();
-        same = dir->FindIdentical(item);
-        if (!same) {
-            bag.AddStuff(item);
-            dir->AddStuff(item, false);
-            item->SyncDiskSizeWithBag(ClampToU32(size));
-            return;
+    for (;;) {
+        {
+            MCp_ScLock lock;
+            const std::shared_ptr<MC_SortDir> dir = bag.GetSortDir();
+            same = dir->FindIdentical(item, &file);
+            if (same) break;
+            if (MCp_DiskFolder::FilesDeleted() == deletionsSeen) {
+                bag.AddStuff(item);
+                dir->AddStuff(item, false);
+                item->SyncDiskSizeWithBag(ClampToU32(size));
+                return;
+            }
         }
+        deletionsSeen = MCp_DiskFolder::FilesDeleted();
+        if (!file.Exists()) return;  // deleted since it was listed
     }
     // Under the item's lock, which its own deletions take too: a file it deleted since the scan
     // listed it is not attached again, and a deletion after this sees the size accounted.
@@ -247,7 +254,8 @@ std::string Narrow(const std::u16string& name) {
 
 // Adopts the cache file `file` (named `name`, UTF-8) of `size` bytes, or deletes it when its
 // name is not of this version or format.
-void AdoptOrDelete(MC_Bag& bag, const File& file, std::string_view name, uint64_t size) {
+void AdoptOrDelete(MC_Bag& bag, const File& file, std::string_view name, uint64_t size,
+                   uint64_t deletionsSeen) {
     int code = 0;
     try {
         ParsedCacheFileName parsed;
@@ -258,7 +266,7 @@ void AdoptOrDelete(MC_Bag& bag, const File& file, std::string_view name, uint64_
                 MC_StuffData::CreateSubclass(matchname.c_str(), parsed.header);
             // No data class for it here: leave the file for someone who knows it.
             if (!data) return;
-            Adopt(bag, file, size, parsed.guid, std::move(data));
+            Adopt(bag, file, size, parsed.guid, std::move(data), deletionsSeen);
             MCp_DiskFolder::ForgetTempOf(bag, file);
             return;
         }
@@ -277,12 +285,24 @@ void MCp_DiskFolder::ScanOne(MC_Bag& bag, const File& file) {
     if (!MCp_CacheFile::IsCacheFile(file)) return;  // never touch what is not ours
     ScQuietErrors quiet;
     uint64_t size = 0;
+    const uint64_t deletionsSeen = FilesDeleted();
     try {
         size = file.Size();  // also the existence check: a vanished file is skipped
     } catch (const velacore::HostError&) {
         return;
     }
-    AdoptOrDelete(bag, file, velacore::ToUtf8(file.GetName()), size);
+    AdoptOrDelete(bag, file, velacore::ToUtf8(file.GetName()), size, deletionsSeen);
+}
+
+namespace {
+std::atomic<uint64_t> g_filesDeleted{0};
+}  // namespace
+
+void MCp_DiskFolder::NoteFileDeleted() {
+    g_filesDeleted.fetch_add(1, std::memory_order_seq_cst);
+}
+uint64_t MCp_DiskFolder::FilesDeleted() {
+    return g_filesDeleted.load(std::memory_order_seq_cst);
 }
 
 void MCp_DiskFolder::Scan(MC_Bag& bag) {
@@ -297,6 +317,7 @@ void MCp_DiskFolder::Scan(MC_Bag& bag) {
     const uint64_t passStart = static_cast<uint64_t>(NowNanos());
     Walk walk;
     walk.mark = mark;
+    const uint64_t deletionsBeforeListing = FilesDeleted();
     try {
         walk.Folder(dir.GetFullPath(), 0);
     } catch (...) {
@@ -312,7 +333,8 @@ void MCp_DiskFolder::Scan(MC_Bag& bag) {
             break;
         }
         try {
-            AdoptOrDelete(bag, walk.FileOf(listed), listed.name, listed.size);
+            AdoptOrDelete(bag, walk.FileOf(listed), listed.name, listed.size,
+                          deletionsBeforeListing);
         } catch (...) {
             if (g_scanTrace.Enabled())
                 g_scanTrace.Write("ScanDiskCacheDir: skipped " +

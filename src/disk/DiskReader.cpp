@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "disk/CacheFile.h"
+#include "disk/DiskFolder.h"
 #include "disk/SpeedStats.h"
 #include "host/HostOps.h"
 #include "lifecycle/Counters.h"
@@ -164,10 +165,13 @@ bool MCp_DiskReader::DeleteFile(MC_Stuff& stuff) {
             } catch (...) {
                 size = 0;
             }
-            try {
-                stuff.diskFile_->Delete();
-            } catch (...) {
-                // the file is forgotten either way
+            if (!stuff.sortDir_.expired() || !stuff.bag_.expired()) {
+                MCp_DiskFolder::NoteFileDeleted();
+                try {
+                    stuff.diskFile_->Delete();
+                } catch (...) {
+                    // the file is forgotten either way
+                }
             }
             stuff.diskFile_.reset();
         }

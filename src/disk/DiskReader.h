@@ -36,7 +36,10 @@ public:
                                                                    bool onlyIfOnDisk);
 
     // Deletes and forgets the item's file (never throws; a file already gone is forgotten).
-    // Returns whether a file with a readable size was deleted; then the state signal reports
-    // the item off disk. The bag's disk size follows either way.
+    // Returns whether a file with a readable size was let go of; then the state signal reports
+    // the item off disk. The bag's disk size follows either way. An item that has left its
+    // bag and directory only forgets its file: identical items name the same file, so it may be the
+    // file of the item that replaced it by now (given by a scan or a write); a later full scan
+    // adopts a file that nobody took.
     static bool DeleteFile(MC_Stuff& stuff);
 };

@@ -236,6 +236,27 @@ TEST_F(Scan, EachVariantsFileIsAdoptedByItsOwnItemOnly) {
     }
 }
 
+// A render still pending when its key's file is adopted leaves two identical items in the
+// directory, both naming that file. Scanned again, the file stays with the item that has it:
+// were it given to the other too, either one deleting it would leave the other a missing file.
+TEST_F(Scan, AFileStaysWithItsItemBesideAnIdenticalRenderedOne) {
+    const File file = WriteTestCacheFile(Folder(), 7, 0, kApp, 16);
+    const int64_t fileBytes = static_cast<int64_t>(fs::file_size(file.GetFullPath()));
+    MC_ScCheckout render;
+    ASSERT_EQ(render.FindAndCheckout(mctest::MakeRequest(7),
+                                     MC_CheckoutFlag_CreatePending | MC_CheckoutFlag_ReadOnly),
+              MC_CheckoutResult_CreatedNewPending);
+    MC_ScanOneDiskCacheFile(file);  // the pending item is no match yet: a new item takes it
+    render.GetStuffPtr()->SetStuffDataFromPendingRender(mctest::MakeItem(7, 16)->GetDataPtr(), 0.0);
+    render.Checkin(0, 0.0);
+    ASSERT_EQ(bag_->GetNumGuidSortedItems(), 2);
+    for (int pass = 0; pass < 2; ++pass) MC_ScanOneDiskCacheFile(file);
+    int listing = 0;
+    for (const auto& item : bag_->SnapshotItems()) listing += item->GetDiskCacheFile() == file;
+    EXPECT_EQ(listing, 1);
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), fileBytes);
+}
+
 constexpr uint64_t kAnyTime = std::numeric_limits<uint64_t>::max();
 constexpr int64_t kUnit = static_cast<int64_t>(kFileUnit);
 using OnDisk = std::vector<bool>;
