@@ -17,11 +17,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -149,7 +152,10 @@ public:
     CacheSession& operator=(const CacheSession&) = delete;
 
     // Renders and checks in every item; returns the seconds until the last file is attached.
+    // The wait sleeps until an item's state signal reports a file: polling would take CPU
+    // time from the writer threads on a small machine.
     double RenderAndWriteAll() {
+        std::vector<velacore::SignalConnection> watches;
         const auto start = Clock::now();
         for (uint32_t key = 0; key < payloads_.size(); ++key) {
             MC_ScCheckout render;
@@ -157,16 +163,20 @@ public:
                 MC_CheckoutResult_CreatedNewPending)
                 throw std::runtime_error("no pending item to render");
             IntrusivePtr<MC_Stuff> item = render.GetStuffPtr();
+            watches.emplace_back(item->GetMemDiskChangedSignal().connect([this](bool, bool) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                changed_.notify_all();
+            }));
             item->SetStuffDataFromPendingRender(payloads_[key], 10.0);
             render.Checkin(0, 10.0);
             items_.push_back(item);
         }
-        const auto limit = start + std::chrono::seconds(60);
-        for (const auto& item : items_)
-            while (!item->IsOnDisk()) {
-                if (Clock::now() > limit) throw std::runtime_error(NotWrittenReport());
-                std::this_thread::sleep_for(std::chrono::microseconds(50));
-            }
+        std::unique_lock<std::mutex> lock(mutex_);
+        const bool all = changed_.wait_for(lock, std::chrono::seconds(60), [this] {
+            return std::all_of(items_.begin(), items_.end(),
+                               [](const auto& item) { return item->IsOnDisk(); });
+        });
+        if (!all) throw std::runtime_error(NotWrittenReport());
         return Seconds(start);
     }
 
@@ -211,6 +221,8 @@ private:
     std::shared_ptr<MC_Bag> bag_;
     std::vector<IntrusivePtr<MC_StuffData>> payloads_;
     std::vector<IntrusivePtr<MC_Stuff>> items_;
+    std::mutex mutex_;  // with changed_: a wake-up when an item's state changes
+    std::condition_variable changed_;
 };
 
 [[noreturn]] void Fail(const char* what, const std::filesystem::path& path) {
