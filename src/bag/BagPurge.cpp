@@ -1,4 +1,5 @@
 // The memory purge: one walk from the least recently used item until the host's target is met.
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,6 +15,25 @@
 namespace {
 debug::TraceSite g_stuffStats("MC_Purge", 7);
 debug::TraceSite g_passStats("MC_Purge", 6);
+
+// Adds the time from its construction to its destruction to the purge's hold counters; made
+// right after the cache lock is taken and gone before it is let go.
+class HoldTimer {
+public:
+    ~HoldTimer() {
+        const auto held = static_cast<uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start_).count());
+        MCp_Counters& c = MCp_GetCounters();
+        c.purgeHeldNanos.fetch_add(held, std::memory_order_relaxed);
+        uint64_t longest = c.purgeLongestHoldNanos.load(std::memory_order_relaxed);
+        while (held > longest && !c.purgeLongestHoldNanos.compare_exchange_weak(longest, held)) {
+        }
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point start_ = Clock::now();
+};
 
 struct PurgeStats {
     uint64_t index = 0;
@@ -46,6 +66,7 @@ int64_t MC_Bag::FreeUpSomeMemory(size_t) {
     StuffPtr cursor;  // where a pass that let go of the lock goes on
     for (bool done = false; !done;) {
         MCp_ScLock lock;
+        HoldTimer holdTimer;
         debug::ProfileScope purgeProfile("ZK.MC_Bag::FreeUpSomeMemory - purge", 7);
         MC_Stuff* it = started ? cursor.get() : mruHead_;
         if (it && it->mruBag_ != this) it = mruHead_;

@@ -8,6 +8,9 @@
 struct MCp_Counters {
     std::atomic<uint32_t> purgePasses{0};
     std::atomic<uint32_t> purgeAttempts{0};
+    // Time the memory purge held the cache lock, in all and at its longest stretch (ns).
+    std::atomic<uint64_t> purgeHeldNanos{0};
+    std::atomic<uint64_t> purgeLongestHoldNanos{0};
     std::atomic<uint32_t> pendingWaits{0};
     std::atomic<uint32_t> pendingRefusals{0};
     std::atomic<uint32_t> activeCheckouts{0};
