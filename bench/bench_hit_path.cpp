@@ -9,6 +9,7 @@
 #include <benchmark/benchmark.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <list>
@@ -22,6 +23,7 @@
 #include <vector>
 
 #include "host/HostOps.h"
+#include "lifecycle/Counters.h"
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MC_ScCheckout.h"
@@ -157,18 +159,16 @@ void BM_PurgeWalk(benchmark::State& state) {
         items.clear();  // the bag holds them
         host.SetMemUsageLimits(uint64_t{kItems} * 1000, uint64_t{1} << 36);
         host.SetAmountToPurge(uint64_t{kItems} * 1000 / 2);
-        host.ClearRecords();
-        host.SetProfiling(true, 7);
-        debug::SetProfiling(true, 7);
+        const uint64_t held0 = MCp_GetCounters().purgeHeldNanos.load();
+        const auto t0 = std::chrono::steady_clock::now();
         state.ResumeTiming();
         const int64_t freed = bag->FreeUpSomeMemory(0);
         state.PauseTiming();
-        host.SetProfiling(false, 0);
-        debug::SetProfiling(false, 0);
-        auto profiles = host.Profiles();
-        const double whole = static_cast<double>(profiles["ZK.MC_Bag::FreeUpSomeMemory"].second);
-        const double locked =
-            static_cast<double>(profiles["ZK.MC_Bag::FreeUpSomeMemory - purge"].second);
+        const double whole =
+            static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                    std::chrono::steady_clock::now() - t0)
+                                    .count());
+        const double locked = static_cast<double>(MCp_GetCounters().purgeHeldNanos.load() - held0);
         lockShare = whole > 0 ? locked / whole : 0;
         nsPerVisit = whole / (kItems / 2.0);
         if (freed != int64_t{kItems} * 1000 / 2) state.SkipWithError("did not free half");
