@@ -1,15 +1,34 @@
 // Three-mode re-entrant item lock (see mc/host/MultiTenantRecursiveMutex.h).
-// All state lives under mutex_, except the fast readers: fastState_ counts the threads that hold
-// read without having taken mutex_, and each such thread keeps its depth in a thread-local table.
-// Every change that can unblock someone notifies cv_ (notify_all, since waiters wait for
-// different conditions).
+// All state lives under the lock's stripe mutex, except the fast readers: fastState_ counts the
+// threads that hold read without having taken it, and each such thread keeps its depth in a
+// thread-local table. The stripe's mutex and condition variable are shared by every lock whose
+// address falls on that stripe, so that a lock carries no mutex and condition variable of its
+// own: they are needed only to wait, and waits are rare. Every change that can unblock someone
+// notifies the stripe (notify_all: waiters of other locks on it wake, check their own condition
+// and sleep again).
 #include "mc/host/MultiTenantRecursiveMutex.h"
 
+#include <array>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
 #include <stdexcept>
 
 namespace velacore {
 
 namespace {
+struct alignas(64) Stripe {
+    std::mutex mutex;
+    std::condition_variable cv;
+};
+constexpr size_t kStripes = 256;
+
+Stripe& StripeOf(const void* lock) {
+    static std::array<Stripe, kStripes> stripes;
+    const auto a = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(lock));
+    return stripes[(a >> 4) * 0x9E3779B97F4A7C15ull >> 56];
+}
+
 // Waits on cv until pred holds, counting the sleeper so that unlocks skip the notify when
 // nobody sleeps.
 template <class Pred>
@@ -72,8 +91,8 @@ bool MultiTenantRecursiveMutex::TryUnlockReadFast() {
     // A writer that came meanwhile sleeps until the fast readers are gone: wake it under the
     // mutex, which it holds from setting the bit until it sleeps.
     if (fastState_.fetch_sub(kOneReader, std::memory_order_acq_rel) & kWriterBit) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (sleepers_ != 0) cv_.notify_all();
+        std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
+        if (sleepers_ != 0) StripeOf(this).cv.notify_all();
     }
     return true;
 }
@@ -125,11 +144,11 @@ void MultiTenantRecursiveMutex::EraseIfIdleLocked(std::thread::id id) {
 void MultiTenantRecursiveMutex::LockRead() {
     if (TryLockReadFast()) return;
     const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(StripeOf(this).mutex);
     Holder* h = FindHolderLocked(self);
     if (!h) {
         // A new reader queues behind the writer and behind anyone waiting to write.
-        WaitCounted(cv_, lock, sleepers_,
+        WaitCounted(StripeOf(this).cv, lock, sleepers_,
                     [this] { return writer_ == std::thread::id() && waitingWriters_ == 0; });
         h = AddHolderLocked(self);
     }
@@ -140,26 +159,26 @@ void MultiTenantRecursiveMutex::LockRead() {
 void MultiTenantRecursiveMutex::UnlockRead() {
     if (TryUnlockReadFast()) return;
     const std::thread::id self = std::this_thread::get_id();
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
     Holder* h = FindHolderLocked(self);
     if (!h || h->reads == 0) throw std::logic_error("UnlockRead: read lock not held");
     if (--h->reads == 0) {
         --readerThreads_;
         EraseIfIdleLocked(self);
-        if (sleepers_ != 0) cv_.notify_all();
+        if (sleepers_ != 0) StripeOf(this).cv.notify_all();
     }
 }
 
 void MultiTenantRecursiveMutex::LockUpgrade() {
     const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(StripeOf(this).mutex);
     Holder* h = FindHolderLocked(self);
     const bool readOnly = h ? h->upgrades == 0 && h->writes == 0 : FindFastHold(this) != nullptr;
     if (readOnly) {
         throw std::logic_error("LockUpgrade: the thread holds only read; it would deadlock");
     }
     if (!h) {
-        WaitCounted(cv_, lock, sleepers_, [this] {
+        WaitCounted(StripeOf(this).cv, lock, sleepers_, [this] {
             return upgrader_ == std::thread::id() && writer_ == std::thread::id() &&
                    waitingWriters_ == 0;
         });
@@ -172,19 +191,19 @@ void MultiTenantRecursiveMutex::LockUpgrade() {
 
 void MultiTenantRecursiveMutex::UnlockUpgrade() {
     const std::thread::id self = std::this_thread::get_id();
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
     Holder* h = FindHolderLocked(self);
     if (!h || h->upgrades == 0) throw std::logic_error("UnlockUpgrade: upgrade lock not held");
     if (--h->upgrades == 0) {
         upgrader_ = std::thread::id();
         EraseIfIdleLocked(self);
-        if (sleepers_ != 0) cv_.notify_all();
+        if (sleepers_ != 0) StripeOf(this).cv.notify_all();
     }
 }
 
 void MultiTenantRecursiveMutex::LockWrite() {
     const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(StripeOf(this).mutex);
     Holder* h = FindHolderLocked(self);
     if (h && h->writes > 0) {
         ++h->writes;
@@ -200,11 +219,11 @@ void MultiTenantRecursiveMutex::LockWrite() {
     SyncFastGateLocked();
     if (h) {
         const uint32_t ownRead = h->reads > 0 ? 1 : 0;
-        WaitCounted(cv_, lock, sleepers_, [this, ownRead, ownFast] {
+        WaitCounted(StripeOf(this).cv, lock, sleepers_, [this, ownRead, ownFast] {
             return readerThreads_ == ownRead && FastReadersLocked() == (ownFast ? 1u : 0u);
         });
     } else {
-        WaitCounted(cv_, lock, sleepers_, [this] {
+        WaitCounted(StripeOf(this).cv, lock, sleepers_, [this] {
             return writer_ == std::thread::id() && upgrader_ == std::thread::id() &&
                    readerThreads_ == 0 && FastReadersLocked() == 0;
         });
@@ -218,43 +237,43 @@ void MultiTenantRecursiveMutex::LockWrite() {
 
 void MultiTenantRecursiveMutex::UnlockWrite() {
     const std::thread::id self = std::this_thread::get_id();
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
     Holder* h = FindHolderLocked(self);
     if (!h || h->writes == 0) throw std::logic_error("UnlockWrite: write lock not held");
     if (--h->writes == 0) {
         writer_ = std::thread::id();
         SyncFastGateLocked();
         EraseIfIdleLocked(self);
-        if (sleepers_ != 0) cv_.notify_all();
+        if (sleepers_ != 0) StripeOf(this).cv.notify_all();
     }
 }
 
 bool MultiTenantRecursiveMutex::IsReadLockedByCurrentThread() const {
     if (FindFastHold(this)) return true;
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
     const Holder* h = FindHolderLocked(std::this_thread::get_id());
     return h && h->reads > 0;
 }
 
 bool MultiTenantRecursiveMutex::IsUpgradeLockedByCurrentThread() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
     const Holder* h = FindHolderLocked(std::this_thread::get_id());
     return h && h->upgrades > 0;
 }
 
 bool MultiTenantRecursiveMutex::IsWriteLockedByCurrentThread() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
     const Holder* h = FindHolderLocked(std::this_thread::get_id());
     return h && h->writes > 0;
 }
 
 bool MultiTenantRecursiveMutex::HasWaitingWriter() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
     return waitingWriters_ > 0;
 }
 
 uint32_t MultiTenantRecursiveMutex::BlockedThreads() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
     return sleepers_;
 }
 

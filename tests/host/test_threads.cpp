@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <barrier>
+#include <chrono>
+#include <memory>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -106,6 +108,38 @@ TEST(Mutex, EveryBlockedWaiterWakesWhenTheWriterLeaves) {
         ASSERT_TRUE(Eventually([&] { return passed.load() == (r + 1) * kWaiters; }));
     }
     waiters.join();
+}
+
+// Locks share the condition variables they sleep on (by address), so a wake-up for one lock
+// also reaches the sleepers of others. With more locks than shares, some surely share; every
+// sleeper must still wake when its own lock is let go, in whatever order the locks go.
+TEST(Mutex, SleepersOnSharedWakeUpsAllWake) {
+    constexpr int kLocks = 300, kRounds = 3;
+    const auto locks = std::make_unique<MultiTenantRecursiveMutex[]>(kLocks);
+    for (int round = 0; round < kRounds; ++round) {
+        for (int i = 0; i < kLocks; ++i) locks[i].LockWrite();
+        std::atomic<int> passed{0};
+        std::vector<std::thread> sleepers;
+        for (int i = 0; i < kLocks; ++i)
+            sleepers.emplace_back([&, i] {
+                if (i % 2) {
+                    Read r(locks[i]);
+                } else {
+                    Write w(locks[i]);
+                }
+                passed.fetch_add(1);
+            });
+        for (int i = 0; i < kLocks; ++i)
+            EXPECT_TRUE(Eventually([&] { return locks[i].BlockedThreads() == 1; }));
+        for (int k = 0; k < kLocks; ++k) locks[(k * 7 + round * 13) % kLocks].UnlockWrite();
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (passed.load() < kLocks && std::chrono::steady_clock::now() < until)
+            std::this_thread::yield();
+        EXPECT_EQ(passed.load(), kLocks) << "sleepers left asleep in round " << round;
+        while (passed.load() < kLocks)  // wake the ones left behind, so that they can be joined
+            for (int i = 0; i < kLocks; ++i) Write w(locks[i]);
+        for (std::thread& t : sleepers) t.join();
+    }
 }
 
 // Eight threads take random nested modes; counters of who is inside check every rule.

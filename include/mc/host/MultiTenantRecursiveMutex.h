@@ -33,9 +33,7 @@
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -88,8 +86,8 @@ private:
     bool TryLockReadFast();
     bool TryUnlockReadFast();
 
-    mutable std::mutex mutex_;
-    std::condition_variable cv_;
+    // The mutex guarding the members below and the condition variable to wait on are those of
+    // the lock's stripe (shared with other locks; see the .cpp).
     // Per-thread holdings of the slow path: two inline slots (an upgrader and one reader, or
     // a writer) so that locking does not allocate; threads beyond them (rare: uncontended
     // readers take the fast path and need no slot) go to the overflow list.
@@ -100,9 +98,9 @@ private:
     std::thread::id writer_{};    // thread holding write, if any
     uint32_t readerThreads_ = 0;  // threads holding read (not counting upgrade/write-only)
     uint32_t waitingWriters_ = 0;
-    uint32_t sleepers_ = 0;  // threads blocked on cv_; unlocks notify only when there are some
-    // Bit 0: a writer holds or waits (set under mutex_); above it, the number of threads holding
-    // read through the fast path.
+    uint32_t sleepers_ = 0;  // threads of this lock asleep; unlocks notify only when there are some
+    // Bit 0: a writer holds or waits (set under the stripe mutex); above it, the number of threads
+    // holding read through the fast path.
     std::atomic<uint32_t> fastState_{0};
 };
 
