@@ -23,10 +23,18 @@ struct alignas(64) Stripe {
 };
 constexpr size_t kStripes = 256;
 
+// The table is built on first use and never destroyed (the union's destructor does nothing): a
+// thread a host leaves running while the process exits may still lock after statics are gone.
+union StripeTable {
+    StripeTable() : stripes() {}
+    ~StripeTable() {}
+    std::array<Stripe, kStripes> stripes;
+};
+
 Stripe& StripeOf(const void* lock) {
-    static std::array<Stripe, kStripes> stripes;
+    static StripeTable table;
     const auto a = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(lock));
-    return stripes[(a >> 4) * 0x9E3779B97F4A7C15ull >> 56];
+    return table.stripes[(a >> 4) * 0x9E3779B97F4A7C15ull >> 56];
 }
 
 // Waits on cv until pred holds, counting the sleeper so that unlocks skip the notify when
