@@ -1,11 +1,13 @@
 // Three-mode re-entrant item lock (see mc/host/MultiTenantRecursiveMutex.h).
-// All state lives under the lock's stripe mutex, except the fast readers: fastState_ counts the
-// threads that hold read without having taken it, and each such thread keeps its depth in a
-// thread-local table. The stripe's mutex and condition variable are shared by every lock whose
-// address falls on that stripe, so that a lock carries no mutex and condition variable of its
-// own: they are needed only to wait, and waits are rare. Every change that can unblock someone
-// notifies the stripe (notify_all: waiters of other locks on it wake, check their own condition
-// and sleep again).
+// What a thread holds of a lock is that thread's own business: its depths live in thread-local
+// tables keyed by the lock's address, so a lock is 16 bytes whatever number of threads use it.
+// The shared state (who holds upgrade or write, reader threads, waiting writers, sleepers) lives
+// under the lock's stripe mutex, except the fast readers: fastState_ counts the threads that hold
+// read without having taken the mutex. The stripe's mutex and condition variable are shared by
+// every lock whose address falls on that stripe, so that a lock carries no mutex and condition
+// variable of its own: they are needed only to wait, and waits are rare. Every change that can
+// unblock someone notifies the stripe (notify_all: waiters of other locks on it wake, check their
+// own condition and sleep again).
 #include "mc/host/MultiTenantRecursiveMutex.h"
 
 #include <array>
@@ -13,6 +15,7 @@
 #include <cstdint>
 #include <mutex>
 #include <stdexcept>
+#include <vector>
 
 namespace velacore {
 
@@ -41,7 +44,7 @@ Stripe& StripeOf(const void* lock) {
 // nobody sleeps.
 template <class Pred>
 void WaitCounted(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
-                 uint32_t& sleepers, Pred pred) {
+                 uint16_t& sleepers, Pred pred) {
     if (pred()) return;
     ++sleepers;
     cv.wait(lock, pred);
@@ -64,10 +67,75 @@ FastHold* FindFastHold(const void* lock) {
         if (h.lock == lock) return &h;
     return nullptr;
 }
+
+// The slow-path holds of this thread: which lock, and how deep in each mode. The first entries
+// sit in a trivially destructible array, so a thread can still lock while the process exits;
+// a thread holding more locks at once than that spills into a vector.
+struct Holder {
+    uint32_t reads = 0;
+    uint32_t upgrades = 0;
+    uint32_t writes = 0;
+    bool Idle() const { return reads == 0 && upgrades == 0 && writes == 0; }
+};
+struct HeldLock {
+    const void* lock = nullptr;
+    Holder holder;
+};
+constexpr uint32_t kInlineHolds = 16;
+struct HoldTable {
+    std::array<HeldLock, kInlineHolds> entries{};
+    uint32_t used = 0;
+};
+thread_local HoldTable t_holds;
+thread_local std::vector<HeldLock> t_moreHolds;
+
+// This thread's holds of `lock`, or null. The pointer is valid until the next add or erase.
+Holder* FindHolder(const void* lock) {
+    for (uint32_t i = 0; i < t_holds.used; ++i)
+        if (t_holds.entries[i].lock == lock) return &t_holds.entries[i].holder;
+    if (t_holds.used == kInlineHolds) {
+        for (HeldLock& e : t_moreHolds)
+            if (e.lock == lock) return &e.holder;
+    }
+    return nullptr;
+}
+
+// Adds an empty entry for `lock` (which has none).
+Holder* AddHolder(const void* lock) {
+    if (t_holds.used < kInlineHolds) {
+        HeldLock& e = t_holds.entries[t_holds.used++];
+        e = HeldLock{lock, Holder{}};
+        return &e.holder;
+    }
+    t_moreHolds.push_back(HeldLock{lock, Holder{}});
+    return &t_moreHolds.back().holder;
+}
+
+// Drops the entry for `lock` once it holds nothing.
+void EraseIfIdle(const void* lock) {
+    for (uint32_t i = 0; i < t_holds.used; ++i) {
+        HeldLock& e = t_holds.entries[i];
+        if (e.lock != lock) continue;
+        if (!e.holder.Idle()) return;
+        e = t_holds.entries[--t_holds.used];
+        t_holds.entries[t_holds.used] = HeldLock{};
+        if (!t_moreHolds.empty()) {  // keep the array full while the vector has entries
+            t_holds.entries[t_holds.used++] = t_moreHolds.back();
+            t_moreHolds.pop_back();
+        }
+        return;
+    }
+    for (auto it = t_moreHolds.begin(); it != t_moreHolds.end(); ++it) {
+        if (it->lock == lock) {
+            if (it->holder.Idle()) t_moreHolds.erase(it);
+            return;
+        }
+    }
+}
 }  // namespace
 
 void MultiTenantRecursiveMutex::SyncFastGateLocked() {
-    if (writer_ != std::thread::id() || waitingWriters_ != 0)
+    if (writeHeld_ || waitingWriters_ != 0)
         fastState_.fetch_or(kWriterBit);
     else
         fastState_.fetch_and(~kWriterBit);
@@ -108,57 +176,19 @@ bool MultiTenantRecursiveMutex::TryUnlockReadFast() {
 MultiTenantRecursiveMutex::MultiTenantRecursiveMutex() = default;
 MultiTenantRecursiveMutex::~MultiTenantRecursiveMutex() = default;
 
-MultiTenantRecursiveMutex::Holder* MultiTenantRecursiveMutex::FindHolderLocked(std::thread::id id) {
-    for (Slot& slot : inline_)
-        if (slot.id == id) return &slot.holder;
-    for (Slot& slot : overflow_)
-        if (slot.id == id) return &slot.holder;
-    return nullptr;
-}
-
-const MultiTenantRecursiveMutex::Holder* MultiTenantRecursiveMutex::FindHolderLocked(
-    std::thread::id id) const {
-    return const_cast<MultiTenantRecursiveMutex*>(this)->FindHolderLocked(id);
-}
-
-MultiTenantRecursiveMutex::Holder* MultiTenantRecursiveMutex::AddHolderLocked(std::thread::id id) {
-    for (Slot& slot : inline_) {
-        if (slot.id == std::thread::id()) {
-            slot.id = id;
-            slot.holder = Holder{};
-            return &slot.holder;
-        }
-    }
-    overflow_.push_back(Slot{id, Holder{}});
-    return &overflow_.back().holder;
-}
-
-void MultiTenantRecursiveMutex::EraseIfIdleLocked(std::thread::id id) {
-    auto idle = [](const Holder& h) { return h.reads == 0 && h.upgrades == 0 && h.writes == 0; };
-    for (Slot& slot : inline_) {
-        if (slot.id == id) {
-            if (idle(slot.holder)) slot.id = std::thread::id();
-            return;
-        }
-    }
-    for (auto it = overflow_.begin(); it != overflow_.end(); ++it) {
-        if (it->id == id) {
-            if (idle(it->holder)) overflow_.erase(it);
-            return;
-        }
-    }
-}
-
 void MultiTenantRecursiveMutex::LockRead() {
     if (TryLockReadFast()) return;
-    const std::thread::id self = std::this_thread::get_id();
+    Holder* h = FindHolder(this);
+    if (h && h->reads > 0) {
+        ++h->reads;  // depths are this thread's own: no mutex
+        return;
+    }
     std::unique_lock<std::mutex> lock(StripeOf(this).mutex);
-    Holder* h = FindHolderLocked(self);
     if (!h) {
         // A new reader queues behind the writer and behind anyone waiting to write.
         WaitCounted(StripeOf(this).cv, lock, sleepers_,
-                    [this] { return writer_ == std::thread::id() && waitingWriters_ == 0; });
-        h = AddHolderLocked(self);
+                    [this] { return !writeHeld_ && waitingWriters_ == 0; });
+        h = AddHolder(this);
     }
     // Otherwise the thread already holds some mode, which excludes every writer but itself.
     if (h->reads++ == 0) ++readerThreads_;
@@ -166,61 +196,67 @@ void MultiTenantRecursiveMutex::LockRead() {
 
 void MultiTenantRecursiveMutex::UnlockRead() {
     if (TryUnlockReadFast()) return;
-    const std::thread::id self = std::this_thread::get_id();
-    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
-    Holder* h = FindHolderLocked(self);
+    Holder* h = FindHolder(this);
     if (!h || h->reads == 0) throw std::logic_error("UnlockRead: read lock not held");
+    if (h->reads > 1) {
+        --h->reads;
+        return;
+    }
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
     if (--h->reads == 0) {
         --readerThreads_;
-        EraseIfIdleLocked(self);
+        EraseIfIdle(this);
         if (sleepers_ != 0) StripeOf(this).cv.notify_all();
     }
 }
 
 void MultiTenantRecursiveMutex::LockUpgrade() {
-    const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock<std::mutex> lock(StripeOf(this).mutex);
-    Holder* h = FindHolderLocked(self);
+    Holder* h = FindHolder(this);
     const bool readOnly = h ? h->upgrades == 0 && h->writes == 0 : FindFastHold(this) != nullptr;
     if (readOnly) {
         throw std::logic_error("LockUpgrade: the thread holds only read; it would deadlock");
     }
+    if (h && h->upgrades > 0) {
+        ++h->upgrades;
+        return;
+    }
+    std::unique_lock<std::mutex> lock(StripeOf(this).mutex);
     if (!h) {
-        WaitCounted(StripeOf(this).cv, lock, sleepers_, [this] {
-            return upgrader_ == std::thread::id() && writer_ == std::thread::id() &&
-                   waitingWriters_ == 0;
-        });
-        h = AddHolderLocked(self);
+        WaitCounted(StripeOf(this).cv, lock, sleepers_,
+                    [this] { return !upgradeHeld_ && !writeHeld_ && waitingWriters_ == 0; });
+        h = AddHolder(this);
     }
     // A writer taking upgrade becomes the upgrader too, so that it keeps upgrade after
     // releasing write.
-    if (h->upgrades++ == 0) upgrader_ = self;
+    if (h->upgrades++ == 0) upgradeHeld_ = true;
 }
 
 void MultiTenantRecursiveMutex::UnlockUpgrade() {
-    const std::thread::id self = std::this_thread::get_id();
-    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
-    Holder* h = FindHolderLocked(self);
+    Holder* h = FindHolder(this);
     if (!h || h->upgrades == 0) throw std::logic_error("UnlockUpgrade: upgrade lock not held");
+    if (h->upgrades > 1) {
+        --h->upgrades;
+        return;
+    }
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
     if (--h->upgrades == 0) {
-        upgrader_ = std::thread::id();
-        EraseIfIdleLocked(self);
+        upgradeHeld_ = false;
+        EraseIfIdle(this);
         if (sleepers_ != 0) StripeOf(this).cv.notify_all();
     }
 }
 
 void MultiTenantRecursiveMutex::LockWrite() {
-    const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock<std::mutex> lock(StripeOf(this).mutex);
-    Holder* h = FindHolderLocked(self);
+    Holder* h = FindHolder(this);
     if (h && h->writes > 0) {
-        ++h->writes;
+        ++h->writes;  // only this thread reads or writes its own depths
         return;
     }
     const bool ownFast = FindFastHold(this) != nullptr;
     if (h ? h->upgrades == 0 : ownFast) {
         throw std::logic_error("LockWrite: the thread holds only read; it would deadlock");
     }
+    std::unique_lock<std::mutex> lock(StripeOf(this).mutex);
     // Either the upgrader (waits for the other readers) or a new writer (waits for everyone).
     // While waiting it holds back new readers and upgraders.
     ++waitingWriters_;
@@ -232,46 +268,43 @@ void MultiTenantRecursiveMutex::LockWrite() {
         });
     } else {
         WaitCounted(StripeOf(this).cv, lock, sleepers_, [this] {
-            return writer_ == std::thread::id() && upgrader_ == std::thread::id() &&
-                   readerThreads_ == 0 && FastReadersLocked() == 0;
+            return !writeHeld_ && !upgradeHeld_ && readerThreads_ == 0 && FastReadersLocked() == 0;
         });
+        h = AddHolder(this);
     }
     --waitingWriters_;
-    Holder* mine = FindHolderLocked(self);  // re-found: the wait may have moved the overflow list
-    if (!mine) mine = AddHolderLocked(self);
-    mine->writes = 1;
-    writer_ = self;
+    h->writes = 1;
+    writeHeld_ = true;
 }
 
 void MultiTenantRecursiveMutex::UnlockWrite() {
-    const std::thread::id self = std::this_thread::get_id();
-    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
-    Holder* h = FindHolderLocked(self);
+    Holder* h = FindHolder(this);
     if (!h || h->writes == 0) throw std::logic_error("UnlockWrite: write lock not held");
-    if (--h->writes == 0) {
-        writer_ = std::thread::id();
-        SyncFastGateLocked();
-        EraseIfIdleLocked(self);
-        if (sleepers_ != 0) StripeOf(this).cv.notify_all();
+    if (h->writes > 1) {
+        --h->writes;
+        return;
     }
+    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
+    h->writes = 0;
+    writeHeld_ = false;
+    SyncFastGateLocked();
+    EraseIfIdle(this);
+    if (sleepers_ != 0) StripeOf(this).cv.notify_all();
 }
 
 bool MultiTenantRecursiveMutex::IsReadLockedByCurrentThread() const {
     if (FindFastHold(this)) return true;
-    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
-    const Holder* h = FindHolderLocked(std::this_thread::get_id());
+    const Holder* h = FindHolder(this);
     return h && h->reads > 0;
 }
 
 bool MultiTenantRecursiveMutex::IsUpgradeLockedByCurrentThread() const {
-    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
-    const Holder* h = FindHolderLocked(std::this_thread::get_id());
+    const Holder* h = FindHolder(this);
     return h && h->upgrades > 0;
 }
 
 bool MultiTenantRecursiveMutex::IsWriteLockedByCurrentThread() const {
-    std::lock_guard<std::mutex> lock(StripeOf(this).mutex);
-    const Holder* h = FindHolderLocked(std::this_thread::get_id());
+    const Holder* h = FindHolder(this);
     return h && h->writes > 0;
 }
 

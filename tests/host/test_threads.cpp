@@ -112,7 +112,8 @@ TEST(Mutex, EveryBlockedWaiterWakesWhenTheWriterLeaves) {
 
 // Locks share the condition variables they sleep on (by address), so a wake-up for one lock
 // also reaches the sleepers of others. With more locks than shares, some surely share; every
-// sleeper must still wake when its own lock is let go, in whatever order the locks go.
+// sleeper must still wake when its own lock is let go, in whatever order the locks go. The main
+// thread holds all of them at once, far more than a thread's table of holds keeps inline.
 TEST(Mutex, SleepersOnSharedWakeUpsAllWake) {
     constexpr int kLocks = 300, kRounds = 3;
     const auto locks = std::make_unique<MultiTenantRecursiveMutex[]>(kLocks);

@@ -31,11 +31,8 @@
 // that locked.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
-#include <thread>
-#include <vector>
 
 #include "mc/host/Export.h"
 
@@ -66,42 +63,24 @@ public:
     uint32_t BlockedThreads() const;
 
 private:
-    struct Holder {
-        uint32_t reads = 0;
-        uint32_t upgrades = 0;
-        uint32_t writes = 0;
-    };
-    struct Slot {
-        std::thread::id id;
-        Holder holder;
-    };
-    Holder* FindHolderLocked(std::thread::id id);
-    const Holder* FindHolderLocked(std::thread::id id) const;
-    // Adds a slot for `id` (which has none). Pointers into overflow_ die with the next add.
-    Holder* AddHolderLocked(std::thread::id id);
-    void EraseIfIdleLocked(std::thread::id id);
     // Readers that joined without the mutex; and the bit that turns new ones to the slow path.
     uint32_t FastReadersLocked() const { return fastState_.load(std::memory_order_acquire) >> 1; }
     void SyncFastGateLocked();
     bool TryLockReadFast();
     bool TryUnlockReadFast();
 
-    // The mutex guarding the members below and the condition variable to wait on are those of
-    // the lock's stripe (shared with other locks; see the .cpp).
-    // Per-thread holdings of the slow path: two inline slots (an upgrader and one reader, or
-    // a writer) so that locking does not allocate; threads beyond them (rare: uncontended
-    // readers take the fast path and need no slot) go to the overflow list.
-    static constexpr size_t kInlineSlots = 2;
-    std::array<Slot, kInlineSlots> inline_{};
-    std::vector<Slot> overflow_;
-    std::thread::id upgrader_{};  // thread holding upgrade, if any
-    std::thread::id writer_{};    // thread holding write, if any
+    // The lock carries only what other threads must see. What each thread holds of it (depth of
+    // read, upgrade and write) lives in that thread's own table, keyed by the lock's address, and
+    // needs no synchronisation. The mutex guarding the members below and the condition variable
+    // to wait on are those of the lock's stripe (shared with other locks; see the .cpp).
     uint32_t readerThreads_ = 0;  // threads holding read (not counting upgrade/write-only)
-    uint32_t waitingWriters_ = 0;
-    uint32_t sleepers_ = 0;  // threads of this lock asleep; unlocks notify only when there are some
+    uint16_t waitingWriters_ = 0;
+    uint16_t sleepers_ = 0;  // threads of this lock asleep; unlocks notify only when there are some
     // Bit 0: a writer holds or waits (set under the stripe mutex); above it, the number of threads
     // holding read through the fast path.
     std::atomic<uint32_t> fastState_{0};
+    bool upgradeHeld_ = false;  // some thread holds upgrade
+    bool writeHeld_ = false;    // some thread holds write
 };
 
 // Scoped holders. Each locks in its constructor and unlocks in its destructor unless Unlock()
