@@ -27,7 +27,7 @@
 //
 // Thread-safety: any thread may use any item. Lock order: a receipt's lock, then the cache lock
 // (MCp_ScLock), then the item lock; never the cache lock while holding an item lock. The fields
-// below are grouped by what guards them.
+// below say what guards each.
 #pragma once
 
 #include <atomic>
@@ -232,72 +232,88 @@ private:
                                 MC_ReleaseList* releaseList);
     bool DeleteDiskCacheFile();
     std::shared_ptr<MC_Bag> LockBag() const;
+    // LockBag for a caller that holds the item lock or the cache lock.
+    std::shared_ptr<MC_Bag> LockBagHeld() const;
     std::shared_ptr<MC_Bag> TargetBag() const;
     void LockGuid() const;
     void UnlockGuid() const { guidSpin_.store(0, std::memory_order_release); }
 
-    // --- guarded by the GUID spin lock (LockGuid/UnlockGuid); re-keying an item that is in a
-    // sort directory also holds the cache lock (UpdateWithNewGuid) ---
-    mutable std::atomic<int32_t> guidSpin_{0};
-    velacore::Guid guid_;
+    // The fields are ordered so that those a hit touches share the first cache lines and the
+    // small ones pack together; the comment on each says what guards it.
 
-    // --- atomic: read without locks ---
-    std::atomic<uint64_t> lastUseTime_;  // the recency list keeps its own copy (mruStamp_)
-    std::atomic<size_t> guidHash_{0};    // hash of guid_, stored with it under the spin lock
-    std::atomic<uint64_t> lastReadFromDiskTime_{0};
-    // Changed only under the item lock (upgrade or write; check-in also holds the cache lock);
-    // GetCheckoutCount reads it without locks.
-    std::atomic<uint32_t> checkoutCount_{0};
+    // Guards guid_ and guidHash_; re-keying an item that is in a sort directory also holds the
+    // cache lock (UpdateWithNewGuid).
+    mutable std::atomic<uint8_t> guidSpin_{0};
+    // --- flags, atomic: read without locks ---
     std::atomic<bool> pending_{true};  // set once to false by the first completion
-    std::atomic<uint32_t> diskHolds_{0};
-    std::atomic<uint32_t> memSizeReported_{0};  // sizes last reported to the bag (exchanged)
-    std::atomic<uint32_t> checkedOutSizeReported_{0};
-    std::atomic<uint32_t> diskSizeReported_{0};
+    // Set by the completion before it opens the gate, if there is one; a waiter installs the
+    // gate and then reads renderDone_ (both sequentially consistent), so one of the two always
+    // sees the other.
+    std::atomic<bool> renderDone_{false};
     std::atomic<bool> taggedToWrite_{false};
     std::atomic<bool> writeInProgress_{false};      // claimed by PrepAndWrite for its run
     std::atomic<bool> renderAwaitsCheckin_{false};  // completed under a writeable check-out
     // Left its bag while checked out: set and cleared under the cache lock and the item write
     // lock, read by Checkin without locks.
     std::atomic<bool> purgeAtLastCheckin_{false};
+    // Written under the cache lock and the item write lock; read under the item lock.
+    bool checkedOutWriteable_ = false;
 
-    // --- compare-and-swap word shared by the purge and the writer ---
-    std::atomic<int32_t> purgeGuard_{0};  // 0 idle, 2 purging, 1 writing
-
-    // --- the render gate, built by the first waiter. The completion sets renderDone_ and
-    // then opens the gate if there is one; a waiter installs the gate and then reads
-    // renderDone_ (both sequentially consistent), so one of the two always sees the other ---
-    velacore::OnDemand<velacore::OpenOnceGate> gate_;
-    std::atomic<bool> renderDone_{false};
-    // --- set at construction, never changed ---
-    std::thread::id creatorThread_;
-
-    // --- thread-safe by itself, built by the first subscriber; emitted outside the item lock,
-    // except when a disk file is deleted under it (MaybeDeleteDiskCacheFile, a failed
-    // read-back) ---
-    velacore::OnDemandSignal<void(bool inMemory, bool onDisk)> stateSignal_;
+    velacore::Guid guid_;                // guarded by the spin lock
+    std::atomic<uint32_t> guidHash_{0};  // hash of guid_, stored with it under the spin lock
+    // Changed only under the item lock (upgrade or write; check-in also holds the cache lock);
+    // GetCheckoutCount reads it without locks.
+    std::atomic<uint32_t> checkoutCount_{0};
+    std::atomic<uint64_t> lastUseTime_;  // the recency list keeps its own copy (mruStamp_)
 
     // --- guarded by the item lock ---
     IntrusivePtr<MC_StuffData> data_;
     IntrusivePtr<MC_StuffData> findKeyData_;
-    std::shared_ptr<velacore::File> diskFile_;
-    uint64_t mediaMapId_ = 0;
-    velacore::Guid mediaMapGuid_;
-    double computeTime_ = 0.0;
-    double cachedComputeTimeSavings_ = 0.0;
-
-    // --- written under the cache lock and the item write lock; read under the item lock ---
-    bool checkedOutWriteable_ = false;
-    // Guarded by the cache lock: recency tasks handed to the host's runner and not yet run.
-    uint32_t relinksQueued_ = 0;
-    std::weak_ptr<MC_Bag> bag_;
-    std::weak_ptr<MC_SortDir> sortDir_;
-
-    // --- guarded by the cache lock: the item's place in its bag's recency list ---
-    MC_Bag* mruBag_ = nullptr;  // the bag whose list holds this item (and one reference to it)
-    MC_Stuff* mruPrev_ = nullptr;
-    MC_Stuff* mruNext_ = nullptr;
-    uint64_t mruStamp_ = 0;  // last-use time captured when linked; the list is sorted by it
 
     // --- the item lock ---
     mutable velacore::MultiTenantRecursiveMutex lock_;
+
+    // --- atomic ---
+    std::atomic<uint32_t> memSizeReported_{0};  // sizes last reported to the bag (exchanged)
+    std::atomic<uint32_t> checkedOutSizeReported_{0};
+    // Guarded by the cache lock: recency tasks handed to the host's runner and not yet run.
+    uint32_t relinksQueued_ = 0;
+    // Compare-and-swap word shared by the purge and the writer: 0 idle, 2 purging, 1 writing.
+    std::atomic<int32_t> purgeGuard_{0};
+
+    // --- guarded by the cache lock: the item's place in its bag's recency list ---
+    MC_Stuff* mruPrev_ = nullptr;
+    MC_Stuff* mruNext_ = nullptr;
+    uint64_t mruStamp_ = 0;  // last-use time captured when linked; the list is sorted by it
+    // The bag whose recency list holds this item (and one reference to it). Written under the
+    // cache lock and the item write lock, so either lock makes it safe to read; the bag clears
+    // it under both before it goes.
+    MC_Bag* bag_ = nullptr;
+
+    // --- atomic: the disk tier's figures ---
+    std::atomic<uint32_t> diskHolds_{0};
+    std::atomic<uint32_t> diskSizeReported_{0};
+    std::atomic<uint64_t> lastReadFromDiskTime_{0};
+
+    // --- set at construction, never changed ---
+    std::thread::id creatorThread_;
+
+    // --- built on demand. The render gate by the first waiter (see renderDone_); the state
+    // signal by the first subscriber, thread-safe by itself, emitted outside the item lock
+    // except when a disk file is deleted under it (MaybeDeleteDiskCacheFile, a failed read-back)
+    velacore::OnDemand<velacore::OpenOnceGate> gate_;
+    velacore::OnDemandSignal<void(bool inMemory, bool onDisk)> stateSignal_;
+
+    // --- guarded by the item lock ---
+    std::unique_ptr<velacore::File> diskFile_;
+    // The media map's names for the item, built when the map first registers it.
+    struct MediaMapIds {
+        velacore::Guid guid;
+        uint64_t id = 0;
+    };
+    velacore::OnDemand<MediaMapIds> mediaMap_;
+    double computeTime_ = 0.0;
+    double cachedComputeTimeSavings_ = 0.0;
+    // Written under the cache lock and the item write lock; read under the item lock.
+    std::weak_ptr<MC_SortDir> sortDir_;
 };

@@ -69,7 +69,7 @@ int64_t MC_Bag::FreeUpSomeMemory(size_t) {
         HoldTimer holdTimer;
         debug::ProfileScope purgeProfile("ZK.MC_Bag::FreeUpSomeMemory - purge", 7);
         MC_Stuff* it = started ? cursor.get() : mruHead_;
-        if (it && it->mruBag_ != this) it = mruHead_;
+        if (it && it->bag_ != this) it = mruHead_;
         if (cursor) unlinked.push_back(std::move(cursor));
         started = true;
         uint64_t visits = 0;
@@ -101,7 +101,7 @@ int64_t MC_Bag::FreeUpSomeMemory(size_t) {
             MCp_GetCounters().purgeAttempts.fetch_add(1);
             ++stats.attempted;
             stats.newestUsed = std::max(stats.newestUsed, stuff->GetLastUseTime());
-            if (stuff->mruBag_ != this) unlinked.push_back(std::move(stuff));
+            if (stuff->bag_ != this) unlinked.push_back(std::move(stuff));
             if (freed == 0) continue;
             previousFreed = true;
             ++stats.freedItems;

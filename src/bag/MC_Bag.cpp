@@ -36,12 +36,18 @@ MC_Bag::MC_Bag(unsigned appVersion)
       appVersion_(appVersion & 0x7FFFFFFFu),
       spareList_(std::make_shared<std::list<IntrusivePtr<MC_Stuff>>>()) {}
 
-// Items still listed lose their link to this bag and the list's reference.
+// Items still listed lose their link to this bag and the list's reference. Each item forgets
+// the bag under its write lock, so that a reader holding the item lock never follows the
+// pointer into a bag that is gone.
 MC_Bag::~MC_Bag() {
     std::vector<StuffPtr> release;
     MCp_ScLock lock;
     release.reserve(mruSize_);
-    while (mruHead_) release.push_back(Unlink(mruHead_));
+    while (MC_Stuff* item = mruHead_) {
+        release.push_back(Unlink(item));
+        velacore::ScopedWriteLockWrapper w(item->lock_);
+        item->bag_ = nullptr;
+    }
 }
 
 // --- recency list --------------------------------------------------------------------------
@@ -55,7 +61,6 @@ void MC_Bag::LinkByStamp(MC_Stuff* stuff, uint64_t stamp) {
     stuff->mruNext_ = after ? after->mruNext_ : mruHead_;
     (stuff->mruNext_ ? stuff->mruNext_->mruPrev_ : mruTail_) = stuff;
     (after ? after->mruNext_ : mruHead_) = stuff;
-    stuff->mruBag_ = this;
     ++mruSize_;
     stuff->RetainObject();
 }
@@ -64,7 +69,6 @@ MC_Bag::StuffPtr MC_Bag::Unlink(MC_Stuff* stuff) {
     (stuff->mruPrev_ ? stuff->mruPrev_->mruNext_ : mruHead_) = stuff->mruNext_;
     (stuff->mruNext_ ? stuff->mruNext_->mruPrev_ : mruTail_) = stuff->mruPrev_;
     stuff->mruPrev_ = stuff->mruNext_ = nullptr;
-    stuff->mruBag_ = nullptr;
     --mruSize_;
     return StuffPtr::Adopt(stuff);
 }
@@ -98,13 +102,13 @@ void MC_Bag::RemoveStuffFromBagAndSortDir(const StuffPtr& stuff, const MCp_ScLoc
 }
 
 void MC_Bag::AddStuffGuts(const StuffPtr& stuff, const MCp_ScLock&, bool updateMediaMap) {
-    if (stuff->mruBag_) MCp_FailVerification("stuff already in a bag");
+    if (stuff->bag_) MCp_FailVerification("stuff already in a bag");
     const bool mirror = MCp_MediaMapEnabled() && updateMediaMap;
     if (mirror && stuff->IsInMemory()) MCp_MediaMapRegister(stuff);
     LinkByStamp(stuff.get(), stuff->GetLastUseTime());
     {
         velacore::ScopedWriteLockWrapper w(stuff->lock_);
-        stuff->bag_ = weak_from_this();
+        stuff->bag_ = this;
     }
     if (IntrusivePtr<MC_StuffData> data = stuff->GetDataPtr())
         stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
@@ -112,11 +116,11 @@ void MC_Bag::AddStuffGuts(const StuffPtr& stuff, const MCp_ScLock&, bool updateM
 }
 
 void MC_Bag::RemoveStuffGuts(const StuffPtr& stuff, const MCp_ScLock&, bool updateMediaMap) {
-    if (stuff->mruBag_ != this) MCp_FailVerification("stuff not in the right bag");
+    if (stuff->bag_ != this) MCp_FailVerification("stuff not in the right bag");
     StuffPtr listed = Unlink(stuff.get());  // the caller holds a reference too
     {
         velacore::ScopedWriteLockWrapper w(stuff->lock_);
-        stuff->bag_.reset();
+        stuff->bag_ = nullptr;
     }
     if (MCp_MediaMapEnabled() && updateMediaMap && MCp_MediaMapErase(stuff) &&
         g_mediaMapTrace.Enabled())
@@ -140,7 +144,7 @@ void MC_Bag::TraceMediaMapChange(const char* what, const StuffPtr& stuff) {
 // alive while tasks of it are queued (relinksQueued_).
 void MC_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const MCp_ScLock&) {
     debug::ProfileScope profile("ZK.MC_Bag::UpdateWithNewLastUsedTime", 7);
-    if (stuff->mruBag_ != this) MCp_FailVerification("stuff not in the right bag");
+    if (stuff->bag_ != this) MCp_FailVerification("stuff not in the right bag");
     stuff->UpdateLastUsedTimeToNow();
     MC_Stuff* item = stuff.get();
     if (item->relinksQueued_++ == 0) item->RetainObject();
@@ -160,7 +164,7 @@ void MC_Bag::RunQueuedRelink(MC_Bag* bag, MC_Stuff* item) {
 // Moves the item to its place under its current use time and re-syncs its size.
 void MC_Bag::RelinkAtUseTime(MC_Bag* bag, const StuffPtr& stuff) {
     MCp_ScLock lock;
-    if (stuff->mruBag_ != bag) return;  // left it meanwhile, or the bag died
+    if (stuff->bag_ != bag) return;  // left it meanwhile, or the bag died
     const bool mirror = MCp_MediaMapEnabled();
     if (mirror) MCp_MediaMapErase(stuff);
     MC_Stuff* item = stuff.get();

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <optional>
 #include <thread>
 
 #include "disk/CacheFile.h"
@@ -103,10 +104,10 @@ bool MCp_DiskReader::Read(MC_Stuff& stuff, ScopedUpgradeLockWrapper& upgradeLock
     if (delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
     IntrusivePtr<MC_StuffData> data = stuff.GetDataPtr();
     if (!data) MCp_FailVerification("PrepAndRead() called on stuff with no data");
-    std::shared_ptr<velacore::File> file;
+    std::optional<velacore::File> file;  // a copy: the item may drop its file meanwhile
     {
         ScopedReadLockWrapper r(stuff.lock_);
-        file = stuff.diskFile_;
+        if (stuff.diskFile_) file = *stuff.diskFile_;
     }
     if (!file) return false;
 
@@ -165,7 +166,7 @@ bool MCp_DiskReader::DeleteFile(MC_Stuff& stuff) {
             } catch (...) {
                 size = 0;
             }
-            if (!stuff.sortDir_.expired() || !stuff.bag_.expired()) {
+            if (!stuff.sortDir_.expired() || stuff.LockBagHeld()) {
                 MCp_DiskFolder::NoteFileDeleted();
                 try {
                     stuff.diskFile_->Delete();

@@ -373,7 +373,7 @@ void MCp_DiskWriter::WriteFile(MC_Stuff& stuff, const std::shared_ptr<MC_Bag>& b
     save.Commit();
     {
         ScopedWriteLockWrapper w(stuff.lock_);
-        stuff.diskFile_ = std::make_shared<velacore::File>(file);
+        stuff.diskFile_ = std::make_unique<velacore::File>(file);
     }
     stuff.SyncDiskSizeWithBag(static_cast<uint32_t>(fileSize));
     MCp_DiskFolder::ForgetTempOf(*bag, file);  // a scan may have counted it as a temporary

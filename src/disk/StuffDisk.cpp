@@ -90,7 +90,7 @@ File MC_Stuff::GetDiskCacheFile() const {
 bool MC_Stuff::SetDiskCacheFile(const File& file, bool onlyIfNone) {
     ScopedWriteLockWrapper w(lock_);
     if (onlyIfNone && diskFile_) return false;
-    diskFile_ = std::make_shared<File>(file);
+    diskFile_ = std::make_unique<File>(file);
     return true;
 }
 

@@ -17,6 +17,7 @@
 #include "mc/MC_Bag.h"
 #include "mc/MC_Module.h"
 #include "mc/MCp_ScLock.h"
+#include "mc/host/File.h"
 #include "mc/host/Time.h"
 #include "mediamap/MediaMapHooks.h"
 
@@ -27,16 +28,18 @@ using velacore::ScopedUpgradeLockWrapper;
 using velacore::ScopedWriteLockWrapper;
 
 namespace {
-size_t HashOf(const Guid& guid) {
+// 32 bits are plenty to tell GUID groups apart in an index, and keep the item small.
+uint32_t HashOf(const Guid& guid) {
     const Guid::Bytes bytes = velacore::GuidToBytes(guid);
-    return boost::hash_range(bytes.begin(), bytes.end());
+    const size_t h = boost::hash_range(bytes.begin(), bytes.end());
+    return static_cast<uint32_t>(h ^ (h >> 32));
 }
 }  // namespace
 
 MC_Stuff::MC_Stuff()
     : guid_(Guid::CreateUnique()),
-      lastUseTime_(HighPrecisionTime::Now()),
       guidHash_(HashOf(guid_)),
+      lastUseTime_(HighPrecisionTime::Now()),
       creatorThread_(std::this_thread::get_id()) {
     MCp_GetCounters().numStuffs.fetch_add(1, std::memory_order_relaxed);
 }
@@ -116,19 +119,21 @@ void MC_Stuff::UpdateWithNewGuid(const Guid& guid) {
 
 Guid MC_Stuff::GetMediaMapGuid() const {
     ScopedReadLockWrapper r(lock_);
-    return mediaMapGuid_;
+    const MediaMapIds* ids = mediaMap_.Peek();
+    return ids ? ids->guid : Guid();
 }
 void MC_Stuff::SetMediaMapGuid(const Guid& guid) {
     ScopedWriteLockWrapper w(lock_);
-    mediaMapGuid_ = guid;
+    mediaMap_.Get().guid = guid;
 }
 uint64_t MC_Stuff::GetMediaMapID() const {
     ScopedReadLockWrapper r(lock_);
-    return mediaMapId_;
+    const MediaMapIds* ids = mediaMap_.Peek();
+    return ids ? ids->id : 0;
 }
 void MC_Stuff::SetMediaMapID(uint64_t id) {
     ScopedWriteLockWrapper w(lock_);
-    mediaMapId_ = id;
+    mediaMap_.Get().id = id;
 }
 
 // --- payload and key -----------------------------------------------------------------------
@@ -191,7 +196,7 @@ uint64_t MC_Stuff::GetLastReadFromDiskTime() const {
 
 std::weak_ptr<MC_Bag> MC_Stuff::GetBag() const {
     ScopedReadLockWrapper r(lock_);
-    return bag_;
+    return bag_ ? bag_->weak_from_this() : std::weak_ptr<MC_Bag>();
 }
 std::shared_ptr<MC_SortDir> MC_Stuff::GetSortDir() const {
     ScopedReadLockWrapper r(lock_);
@@ -203,7 +208,10 @@ void MC_Stuff::SetSortDir(const std::shared_ptr<MC_SortDir>& dir) {
 }
 std::shared_ptr<MC_Bag> MC_Stuff::LockBag() const {
     ScopedReadLockWrapper r(lock_);
-    return bag_.lock();
+    return LockBagHeld();
+}
+std::shared_ptr<MC_Bag> MC_Stuff::LockBagHeld() const {
+    return bag_ ? bag_->weak_from_this().lock() : nullptr;
 }
 std::shared_ptr<MC_Bag> MC_Stuff::TargetBag() const {
     std::shared_ptr<MC_Bag> bag = LockBag();
@@ -246,9 +254,10 @@ void MC_Stuff::SyncMemorySizeWithBag(uint32_t size) {
     const uint32_t old = memSizeReported_.exchange(size);
     const uint32_t oldChecked = checkedOutSizeReported_.exchange(checked);
     if (old == size && oldChecked == checked) return;
-    // Under the cache lock the recency link names the bag without a weak_ptr lock.
-    if (MCp_ScLock::IsHeldByCurrentThread() && mruBag_) {
-        AdjustBagSizes(*mruBag_, old, size, oldChecked, checked);
+    // Under the cache lock the bag pointer is used as it stands: the bag unlinks its items
+    // under that lock before it goes.
+    if (MCp_ScLock::IsHeldByCurrentThread() && bag_) {
+        AdjustBagSizes(*bag_, old, size, oldChecked, checked);
         return;
     }
     std::shared_ptr<MC_Bag> bag = TargetBag();
@@ -460,7 +469,7 @@ void MC_Stuff::Checkin(int flags, double computeTime) {
             DecrementCheckoutLocked(decremented, lastOut);
         }
         if (!(flags & MC_CheckinFlag_DontUpdateLastUsed)) {
-            if (mruBag_) mruBag_->UpdateWithNewLastUsedTime(self, lock);
+            if (bag_) bag_->UpdateWithNewLastUsedTime(self, lock);
         }
         // A render completed under this writeable check-out waited for it to end (the writer
         // cannot take an item held writeable); it is weighed below, once.
@@ -501,7 +510,7 @@ void MC_Stuff::PurgeAfterLastCheckin() {
     MCp_ScLock lock;
     ScopedWriteLockWrapper w(lock_);
     if (GetCheckoutCount() != 0) return;
-    if (!purgeAtLastCheckin_.exchange(false) || bag_.lock()) return;  // back in a bag: keep it
+    if (!purgeAtLastCheckin_.exchange(false) || LockBagHeld()) return;  // back in a bag: keep it
     PurgeIfPossiblePrivate(w, nullptr);
 }
 
@@ -638,7 +647,7 @@ void MC_Stuff::RemoveFromBagAndSortDir() {
         } else
             dir->RemoveStuff(self);
     }
-    if (std::shared_ptr<MC_Bag> bag = bag_.lock()) bag->RemoveStuff(self);
+    if (std::shared_ptr<MC_Bag> bag = LockBagHeld()) bag->RemoveStuff(self);
     // A holder's payload is never freed under it: the last check-in frees it.
     if (GetCheckoutCount() != 0) {
         purgeAtLastCheckin_.store(true);
