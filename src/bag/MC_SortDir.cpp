@@ -178,6 +178,10 @@ MC_CheckoutResult MC_SortDir::SearchGroup(const StuffPtr& request, int flags, At
                 continue;
             }
             attempt.found = c;
+            // Its check-in moves it to the young end, which touches its neighbours in the
+            // recency list: start loading them now (the cache lock holds the list still).
+            if (c->mruPrev_) __builtin_prefetch(&c->mruPrev_->mruNext_, 1);
+            if (c->mruNext_) __builtin_prefetch(&c->mruNext_->mruPrev_, 1);
             return r;
         }
     }
