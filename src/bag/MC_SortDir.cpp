@@ -114,13 +114,16 @@ void MC_SortDir::RemoveEntry(const StuffPtr& e) {
 void MC_SortDir::RemoveStuff(const StuffPtr& stuff) {
     debug::ProfileScope profile("ZK.MC_SortDir::RemoveStuff", 6);
     MCp_ScLock lock;
-    std::shared_ptr<MC_SortDir> dir = stuff->GetSortDir();
-    if (!dir) return;
-    if (dir.get() != this) MCp_FailVerification("stuff not in the right sortdir");
-    if (stuff->IsCheckedOutWriteable())
+    // One write hold for the checks and the change (the caller's reference keeps the item
+    // alive when the index lets go of its own).
+    ScopedWriteLockWrapper w(stuff->lock_);
+    if (stuff->sortDir_.expired()) return;
+    if (stuff->sortDir_.lock().get() != this)
+        MCp_FailVerification("stuff not in the right sortdir");
+    if (stuff->checkedOutWriteable_)
         MCp_FailVerification("can't remove a writeable stuff from sortdir");
     Erase(index_, stuff);
-    stuff->SetSortDir(nullptr);
+    stuff->sortDir_.reset();
 }
 
 void MC_SortDir::HoldOut(const StuffPtr& stuff) {

@@ -701,7 +701,7 @@ private:
 bool MC_Stuff::PurgeIfPossiblePrivate(const ScopedWriteLockWrapper&, MC_ReleaseList* releaseList) {
     PurgeGuardClaim claim(purgeGuard_);
     if (!claim.Claimed()) return false;
-    IntrusivePtr<MC_StuffData> data = GetDataPtr();
+    const IntrusivePtr<MC_StuffData> data = data_;  // the caller's write lock guards it
     if (!data) return false;
     const bool purged = data->PurgeIfPossible(releaseList);
     if (purged) SyncMemorySizeWithBag(data->GetApproximateMemorySize());
@@ -714,15 +714,21 @@ uint32_t MC_Stuff::FreeUpAsMuchAsPossible(bool updateMediaMap, MC_ReleaseList* r
     MCp_ScLock lock;
     bool freedAnything = false;
     uint32_t sizeBefore = 0;
+    bool leave = false;
+    std::shared_ptr<MC_Bag> bag;
     {
+        // One write hold decides everything: the fields are read as they stand under it.
         ScopedWriteLockWrapper w(lock_);
         if (GetCheckoutCount() != 0) return 0;
-        sizeBefore = GetApproximateMemorySize();
-        if (IsInMemory()) freedAnything = PurgeIfPossiblePrivate(w, releaseList);
+        if (data_) {
+            sizeBefore = data_->GetApproximateMemorySize();
+            if (data_->IsInMemory()) freedAnything = PurgeIfPossiblePrivate(w, releaseList);
+        }
+        bag = LockBagHeld();
+        leave = bag && !(data_ && data_->IsInMemory()) && !diskFile_ && !IsPendingRender();
     }
     bool removedFromBag = false;
-    std::shared_ptr<MC_Bag> bag = LockBag();
-    if (!IsInMemory() && !IsOnDisk() && !IsPendingRender() && bag) {
+    if (leave) {
         bag->RemoveStuffFromBagAndSortDir(self, lock, updateMediaMap);
         removedFromBag = true;
     }
