@@ -15,46 +15,34 @@
 using velacore::ScopedReadLockWrapper;
 using velacore::ScopedWriteLockWrapper;
 
-bool MC_SortDir::GuidEqual::operator()(const Entry& a, const Entry& b) const {
-    return a.stuff == b.stuff ||
-           (a.guidHash == b.guidHash && a.stuff->GetGuid() == b.stuff->GetGuid());
+namespace {
+uint32_t HashOf(const MC_SortDir::StuffPtr& stuff) {
+    return static_cast<uint32_t>(stuff->GetGuidHash());
 }
+}  // namespace
 
-MC_SortDir::Range MC_SortDir::Group(const Index& index, const StuffPtr& stuff) {
-    // The key borrows the caller's reference: a search takes no reference of its own.
-    Entry key{StuffPtr::Adopt(stuff.get()), stuff->GetGuidHash()};
-    struct Unborrow {
-        Entry& key;
-        ~Unborrow() { key.stuff.Detach(); }
-    } unborrow{key};
-    return index.equal_range(key);
+MC_SortDir::Candidates MC_SortDir::Group(const Index& index, const StuffPtr& stuff) {
+    Candidates group;
+    const velacore::Guid guid = stuff->GetGuid();
+    index.ForEachWithHash(HashOf(stuff), [&](const StuffPtr& e) {
+        if (e == stuff || e->GetGuid() == guid) group.push_back(e);
+    });
+    return group;
 }
 
 void MC_SortDir::Insert(Index& index, const StuffPtr& stuff) {
-    index.insert(Entry{stuff, stuff->GetGuidHash()});
+    index.Insert(stuff, HashOf(stuff));
 }
 
 bool MC_SortDir::Erase(Index& index, const StuffPtr& stuff) {
-    auto [first, last] = Group(index, stuff);
-    for (auto it = first; it != last; ++it) {
-        if (it->stuff == stuff) {
-            index.erase(it);
-            return true;
-        }
-    }
-    return false;
+    return index.Erase(stuff.get(), HashOf(stuff));
 }
 
-MC_SortDir::MC_SortDir()
-    : index_(0, GuidHash(), GuidEqual(), &nodes_), heldOut_(0, GuidHash(), GuidEqual(), &nodes_) {
-    index_.max_load_factor(1.0f);
-}
+MC_SortDir::MC_SortDir() = default;
 
 void MC_SortDir::Reserve(size_t more) {
     MCp_ScLock lock;
-    const size_t wanted = index_.size() + more;
-    if (wanted > index_.bucket_count() * static_cast<double>(index_.max_load_factor()))
-        index_.reserve(wanted);
+    index_.Reserve(index_.Size() + more);
 }
 
 // Candidates that failed during one find; usually empty, so it allocates only on failure.
@@ -78,10 +66,8 @@ void MC_SortDir::AddStuff(const StuffPtr& stuff, bool displace) {
 
 void MC_SortDir::SweepSuperseded(const StuffPtr& stuff, bool displace) {
     const IntrusivePtr<MC_StuffData> newKey = displace ? stuff->GetFindKeyData() : nullptr;
-    auto [first, last] = Group(index_, stuff);
     std::vector<StuffPtr> doomed;
-    for (auto it = first; it != last; ++it) {
-        const StuffPtr& e = it->stuff;
+    for (const StuffPtr& e : Group(index_, stuff)) {
         if (e == stuff) continue;
         const bool dead = !e->IsInMemory() && !e->IsOnDisk() && !e->IsPendingRender();
         if (dead) {
@@ -143,13 +129,12 @@ MC_SortDir::StuffPtr MC_SortDir::FindIdentical(const StuffPtr& request,
     if (!reqKey) return nullptr;
     StuffPtr first;
     for (const Index* set : {&index_, &heldOut_}) {
-        auto [begin, end] = Group(*set, request);
-        for (auto it = begin; it != end; ++it) {
-            if (it->stuff->IsPendingRender()) continue;
-            const IntrusivePtr<MC_StuffData> key = it->stuff->GetFindKeyData();
+        for (const StuffPtr& e : Group(*set, request)) {
+            if (e->IsPendingRender()) continue;
+            const IntrusivePtr<MC_StuffData> key = e->GetFindKeyData();
             if (!key || !key->IdenticalRequest(reqKey)) continue;
-            if (!listing || it->stuff->GetDiskCacheFile() == *listing) return it->stuff;
-            if (!first) first = it->stuff;
+            if (!listing || e->GetDiskCacheFile() == *listing) return e;
+            if (!first) first = e;
         }
     }
     return first;
@@ -157,12 +142,12 @@ MC_SortDir::StuffPtr MC_SortDir::FindIdentical(const StuffPtr& request,
 
 // Two passes over the request's GUID group: identical candidates, then satisfying ones.
 MC_CheckoutResult MC_SortDir::SearchGroup(const StuffPtr& request, int flags, Attempt& attempt) {
+    index_.Prefetch(HashOf(request));  // loads while the request's key is read
     const IntrusivePtr<MC_StuffData> reqKey = request->GetFindKeyData();
-    auto [first, last] = Group(index_, request);
+    // Copies: a writeable check-out takes its item out of the index.
+    const Candidates group = Group(index_, request);
     for (int pass = 0; pass < 2; ++pass) {
-        for (auto it = first; it != last; ++it) {
-            // A copy: a writeable check-out takes it out of the index.
-            const StuffPtr c = it->stuff;
+        for (const StuffPtr& c : group) {
             if (attempt.WasTried(c)) continue;
             const IntrusivePtr<MC_StuffData> cKey = c->GetFindKeyData();
             if (!cKey) continue;

@@ -5,12 +5,10 @@
 // process-wide cache lock, which each operation takes (re-entrantly).
 #pragma once
 
-#include <boost/functional/hash.hpp>
-#include <boost/unordered_set.hpp>
+#include <boost/container/small_vector.hpp>
 #include <memory>
-#include <memory_resource>
-#include <utility>
 
+#include "bag/FlatGuidIndex.h"
 #include "mc/MC_Stuff.h"
 #include "mc/MC_Types.h"
 
@@ -39,31 +37,19 @@ public:
     // The caller holds the cache lock while it relies on the answer.
     StuffPtr FindIdentical(const StuffPtr& request, const velacore::File* listing = nullptr) const;
     // Entries in the index; the caller holds the cache lock or accepts a racy figure.
-    size_t Size() const { return index_.size(); }
+    size_t Size() const { return index_.Size(); }
     // Makes room for `more` entries beyond those indexed, so that a batch of additions (a
     // folder scan) does not grow the index step by step. Never shrinks it.
     void Reserve(size_t more);
 
 private:
-    // An indexed item with the hash of its GUID beside it: a search compares hashes without
-    // reading the items of other GUIDs. An item is re-keyed only out of the index.
-    struct Entry {
-        StuffPtr stuff;
-        size_t guidHash = 0;
-    };
-    struct GuidHash {
-        size_t operator()(const Entry& e) const { return e.guidHash; }
-    };
-    struct GuidEqual {
-        bool operator()(const Entry& a, const Entry& b) const;
-    };
-    using Index = boost::unordered_multiset<Entry, GuidHash, GuidEqual,
-                                            std::pmr::polymorphic_allocator<Entry>>;
-    using Range = std::pair<Index::const_iterator, Index::const_iterator>;
+    using Index = FlatGuidIndex<MC_Stuff>;
+    using Candidates = boost::container::small_vector<StuffPtr, 2>;
     struct Attempt;
 
-    // The entries of `stuff`'s GUID group in `index`.
-    static Range Group(const Index& index, const StuffPtr& stuff);
+    // The entries of `stuff`'s GUID group in `index`, oldest first: copies, so that the caller
+    // may change the index while it goes through them.
+    static Candidates Group(const Index& index, const StuffPtr& stuff);
     static void Insert(Index& index, const StuffPtr& stuff);
     // Erases `stuff`'s own entry; returns whether there was one.
     static bool Erase(Index& index, const StuffPtr& stuff);
@@ -73,9 +59,7 @@ private:
     MC_CheckoutResult SearchGroup(const StuffPtr& request, int flags, Attempt& attempt);
     StuffPtr CreatePending(const StuffPtr& request, int flags);
 
-    // The entries live close together, so that a search through a large index misses the cache
-    // less. Used under the cache lock only (and by the destructor).
-    std::pmr::unsynchronized_pool_resource nodes_;
+    // Used under the cache lock only (and by the destructor).
     Index index_;
     Index heldOut_;  // checked out writeable, out of the index
 };
