@@ -19,7 +19,11 @@ std::shared_ptr<std::vector<uint8_t>> TestPayload::MakeBytes(uint32_t key, uint3
 }
 
 TestPayload::TestPayload(uint32_t key, uint32_t size, uint32_t variant)
-    : key_(key), variant_(variant), size_(size), bytes_(size ? MakeBytes(key, size) : nullptr) {}
+    : key_(key),
+      variant_(variant),
+      size_(size),
+      bytes_(size ? MakeBytes(key, size) : nullptr),
+      residence_(size != 0 ? kResident : 0) {}
 
 double TestPayload::Write(velacore::OByteStream& out) const {
     std::shared_ptr<std::vector<uint8_t>> bytes = Bytes();
@@ -40,7 +44,7 @@ double TestPayload::Read(velacore::IByteStream& in, velacore::MultiTenantRecursi
         if ((*bytes)[i] != static_cast<uint8_t>((key_ * 131 + i) & 0xFF))
             throw velacore::IOError("TestPayload: body does not match its key");
     size_.store(size);
-    std::atomic_store(&bytes_, std::move(bytes));
+    SwapBytes(std::move(bytes));
     return 0.0;
 }
 

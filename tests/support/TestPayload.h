@@ -36,13 +36,16 @@ public:
     }
     uint32_t GetApproximateMemorySize() const override { return IsInMemory() ? size_.load() : 0; }
     bool PurgeIfPossible(MC_ReleaseList* deferredFrees) override {
-        std::shared_ptr<std::vector<uint8_t>> bytes = std::atomic_exchange(&bytes_, {});
+        std::shared_ptr<std::vector<uint8_t>> bytes = SwapBytes(nullptr);
         if (!bytes) return false;
         purges_.fetch_add(1);
         if (deferredFrees) deferredFrees->push_back(std::move(bytes));
         return true;
     }
-    bool IsInMemory() const override { return std::atomic_load(&bytes_) != nullptr; }
+    // One load, as a real payload's would be (the cache asks on every check-out and check-in).
+    bool IsInMemory() const override {
+        return (residence_.load(std::memory_order_acquire) & kResident) != 0;
+    }
     bool ShouldAllowPurge() const override { return allowPurge_.load(); }
     bool CanDiskCache() const override { return diskCacheable_.load(); }
     const char* GetSubclassMatchname() const override { return kMatchname; }
@@ -64,7 +67,7 @@ public:
     // Replaces the size (the payload stays resident).
     void Resize(uint32_t size) {
         size_.store(size);
-        std::atomic_store(&bytes_, MakeBytes(key_, size));
+        SwapBytes(MakeBytes(key_, size));
     }
     // The bytes, or null when purged.
     std::shared_ptr<std::vector<uint8_t>> Bytes() const { return std::atomic_load(&bytes_); }
@@ -77,6 +80,17 @@ public:
 
 private:
     static std::shared_ptr<std::vector<uint8_t>> MakeBytes(uint32_t key, uint32_t size);
+    // Replaces the bytes and returns the old ones; the residency bit changes with them under a
+    // spin bit of the same word, so IsInMemory never disagrees with Bytes().
+    std::shared_ptr<std::vector<uint8_t>> SwapBytes(std::shared_ptr<std::vector<uint8_t>> next) {
+        while (residence_.fetch_or(kSwapping, std::memory_order_acquire) & kSwapping) {
+        }
+        std::shared_ptr<std::vector<uint8_t>> old = std::atomic_exchange(&bytes_, next);
+        residence_.store(next ? kResident : 0, std::memory_order_release);  // also ends the swap
+        return old;
+    }
+    static constexpr uint8_t kResident = 1;
+    static constexpr uint8_t kSwapping = 2;
 
     uint32_t key_;
     uint32_t variant_;
@@ -85,6 +99,7 @@ private:
     std::atomic<bool> allowPurge_{true};
     std::atomic<bool> diskCacheable_{false};
     std::atomic<bool> failRead_{false};
+    std::atomic<uint8_t> residence_;
     std::atomic<int> purges_{0};
 };
 
