@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "mc/MC_Stuff.h"
@@ -70,7 +71,12 @@ public:
         SwapBytes(MakeBytes(key_, size));
     }
     // The bytes, or null when purged.
-    std::shared_ptr<std::vector<uint8_t>> Bytes() const { return std::atomic_load(&bytes_); }
+    std::shared_ptr<std::vector<uint8_t>> Bytes() const {
+        Spin();
+        std::shared_ptr<std::vector<uint8_t>> bytes = bytes_;
+        residence_.fetch_and(static_cast<uint8_t>(~kSwapping), std::memory_order_release);
+        return bytes;
+    }
 
     // Process-wide tallies of freed payload buffers and of those freed under the cache lock.
     static inline std::atomic<int> freedBuffers{0};
@@ -80,13 +86,18 @@ public:
 
 private:
     static std::shared_ptr<std::vector<uint8_t>> MakeBytes(uint32_t key, uint32_t size);
-    // Replaces the bytes and returns the old ones; the residency bit changes with them under a
-    // spin bit of the same word, so IsInMemory never disagrees with Bytes().
-    std::shared_ptr<std::vector<uint8_t>> SwapBytes(std::shared_ptr<std::vector<uint8_t>> next) {
+    // The bytes are guarded by a spin bit beside the residency bit (the standard library's
+    // atomic shared_ptr functions go through a global lock table); the residency bit changes
+    // with them, so IsInMemory never disagrees with Bytes().
+    void Spin() const {
         while (residence_.fetch_or(kSwapping, std::memory_order_acquire) & kSwapping) {
         }
-        std::shared_ptr<std::vector<uint8_t>> old = std::atomic_exchange(&bytes_, next);
-        residence_.store(next ? kResident : 0, std::memory_order_release);  // also ends the swap
+    }
+    // Replaces the bytes and returns the old ones.
+    std::shared_ptr<std::vector<uint8_t>> SwapBytes(std::shared_ptr<std::vector<uint8_t>> next) {
+        Spin();
+        std::shared_ptr<std::vector<uint8_t>> old = std::exchange(bytes_, next);
+        residence_.store(next ? kResident : 0, std::memory_order_release);  // also ends the spin
         return old;
     }
     static constexpr uint8_t kResident = 1;
@@ -99,7 +110,7 @@ private:
     std::atomic<bool> allowPurge_{true};
     std::atomic<bool> diskCacheable_{false};
     std::atomic<bool> failRead_{false};
-    std::atomic<uint8_t> residence_;
+    mutable std::atomic<uint8_t> residence_;
     std::atomic<int> purges_{0};
 };
 
