@@ -215,6 +215,8 @@ private:
     friend class MCp_DiskReader;
     friend class MCp_DiskBudget;
 
+    // A pending item with `guid` (a miss's pending item takes its request's).
+    explicit MC_Stuff(const velacore::Guid& guid);
     MC_CheckoutResult CheckoutForWrite(int flags);
     MC_CheckoutResult CheckoutLocked(int flags, bool writeable, bool acceptPending);
     void UndoWriteableCheckout();

@@ -178,8 +178,7 @@ MC_CheckoutResult MC_SortDir::SearchGroup(const StuffPtr& request, int flags, At
 
 MC_SortDir::StuffPtr MC_SortDir::CreatePending(const StuffPtr& request, int flags) {
     debug::ProfileScope profile("ZK.MC_SortDir.CreatePending", 6);
-    StuffPtr pending(new MC_Stuff());
-    pending->SetGuid(request->GetGuid());
+    StuffPtr pending(new MC_Stuff(request->GetGuid()));
     pending->SetFindKeyData(request->GetDataPtr());
     std::shared_ptr<MC_Bag> bag = MC_GlobalBag();
     if (!bag) return nullptr;

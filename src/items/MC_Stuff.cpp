@@ -36,8 +36,10 @@ uint32_t HashOf(const Guid& guid) {
 }
 }  // namespace
 
-MC_Stuff::MC_Stuff()
-    : guid_(Guid::CreateUnique()),
+MC_Stuff::MC_Stuff() : MC_Stuff(Guid::CreateUnique()) {}
+
+MC_Stuff::MC_Stuff(const Guid& guid)
+    : guid_(guid),
       guidHash_(HashOf(guid_)),
       lastUseTime_(HighPrecisionTime::Now()),
       creatorThread_(std::this_thread::get_id()) {
