@@ -103,9 +103,9 @@ void MC_SortDir::RemoveStuff(const StuffPtr& stuff) {
     // One write hold for the checks and the change (the caller's reference keeps the item
     // alive when the index lets go of its own).
     ScopedWriteLockWrapper w(stuff->lock_);
-    if (stuff->sortDir_.expired()) return;
-    if (stuff->sortDir_.lock().get() != this)
-        MCp_FailVerification("stuff not in the right sortdir");
+    const std::shared_ptr<MC_SortDir> dir = stuff->sortDir_.lock();
+    if (!dir) return;
+    if (dir.get() != this) MCp_FailVerification("stuff not in the right sortdir");
     if (stuff->checkedOutWriteable_)
         MCp_FailVerification("can't remove a writeable stuff from sortdir");
     Erase(index_, stuff);
